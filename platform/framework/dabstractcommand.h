@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: MIT
+// Base of every command a plug-in declares.
+#pragma once
+
+#include "icommand.h"
+#include "imessenger.h"
+
+#include <QMetaType>
+#include <QObject>
+#include <QSharedPointer>
+
+class DAbstractPlugin;
+
+class DAbstractCommand : public QObject, public ICommand
+{
+    Q_OBJECT
+    Q_INTERFACES(ICommand)
+public:
+    using ReplyCallback = IMessenger::ReplyCallback;
+
+    DAbstractCommand(const QString &name, const QMap<QString, QVariant> &parameters, QObject *parent);
+    DAbstractCommand(const QString &name, const QString &stopName,
+                     const QMap<QString, QVariant> &parameters, QObject *parent);
+    ~DAbstractCommand() override;
+
+    QString commandName() const override;
+    QString stopCommandName() const override;
+    QString commandDescription() const override;
+    DCommandArguments commandArguments() const override;
+    void setParameters(const QMap<QString, QVariant> &parameters) override;
+    QMap<QString, QVariant> parameters() const override;
+
+    // Decides whether the command may run now: it needs a plug-in with a host messenger,
+    // and every argument must be a declared parameter. On refusal returns false and keeps
+    // the reason in errorString(). On success clears the previous results.
+    bool commandExecute() override;
+
+    QMap<QString, QVariant> results() const override;
+    QString errorString() const override;
+    QObject *commandObject() override { return this; }
+
+    // The plug-in that owns the command (its QObject parent), or nullptr.
+    DAbstractPlugin *plugin() const;
+
+    // Queues an instruction through the plug-in's messenger. Returns the host's id,
+    // 0 when there is no messenger.
+    virtual unsigned long long addInstruction(const QString &target, const QString &instruction,
+                                              const QMap<QString, QVariant> &parameters,
+                                              int timeoutMs, ReplyCallback callback);
+    // Command factory: a fresh command for one execution with these arguments. Commands
+    // that keep per-execution state override it; the default returns null (no factory),
+    // and the host then runs executions one at a time on the declared object.
+    virtual QSharedPointer<ICommand> createCommand(const QMap<QString, QVariant> &parameters) const;
+
+    // The caller's argument; when the caller gave none, the declared default when it is
+    // valid; otherwise `defaultValue`.
+    QVariant getParameterValue(const QString &name, const QVariant &defaultValue = QVariant()) const;
+
+    // Looks in the plug-in's "channels" parameter for the record whose "id" is `channel`,
+    // then in its "value" list for the entry whose "id" is `key`, and returns that entry's
+    // "value" converted to `type`. Returns `defaultValue` when the table, the record or the
+    // entry is missing, or when the value does not convert.
+    QVariant getInfoFromChannel(const QString &channel, const QString &key, QMetaType::Type type,
+                                const QVariant &defaultValue = QVariant()) const;
+
+    // Posts one declared result. False (and errorString() set) for an undeclared name.
+    bool commandUpdateResult(const QString &name, const QVariant &value);
+    // Posts several results at once; false when any name is undeclared (the others are kept).
+    bool commandSetReply(const QMap<QString, QVariant> &reply);
+    // Ends the execution from the command's side.
+    void finishTheCommand(bool ok = true, const QString &error = QString());
+
+signals:
+    void sigResultChanged(const QString &name, const QVariant &value);
+    void sigFinished(bool ok, const QString &error);
+
+protected:
+    void setDescription(const QString &description);
+    void declareAParameter(const QString &name, const QString &typeCode,
+                           const QString &description, const QVariant &defaultValue);
+    void declareAResult(const QString &name, const QString &typeCode,
+                        const QString &description, const QVariant &defaultValue);
+
+    void setErrorString(const QString &error);
+
+private:
+    bool isDeclared(DCommandArgument::EnKind kind, const QString &name) const;
+
+    const QString m_name;
+    const QString m_stopName;
+    QString m_description;
+    DCommandArguments m_arguments;
+    QMap<QString, QVariant> m_parameters;
+    QMap<QString, QVariant> m_results;
+    QString m_error;
+};

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: MIT
+// Base of a driver plug-in: the target "driver" to which the host routes a device's
+// instructions ("read", "write", "listen").
+#pragma once
+
+#include "dabstractplugin.h"
+
+class DAbstractDriver : public DAbstractPlugin
+{
+    Q_OBJECT
+public:
+    using DAbstractPlugin::DAbstractPlugin;
+
+    // Applies a device's "connection" settings. False, with *error naming the key and
+    // what is wrong, when a setting is unusable; nothing is opened here.
+    virtual bool configureConnection(const QMap<QString, QVariant> &settings, QString *error) = 0;
+
+    // Starts one instruction under the host's id. Every reply comes later through
+    // sigInstructionReply, never from inside this call: a success carries "values", a
+    // failure carries "error" (a text) and no "values".
+    virtual void startInstruction(unsigned long long id, const QString &instruction,
+                                  const QMap<QString, QVariant> &parameters) = 0;
+    // Cancels an instruction (ends a "listen"); nothing more is replied for it.
+    virtual void stopInstruction(unsigned long long id) = 0;
+
+signals:
+    // `last` is false while more replies will follow (the reports of a "listen").
+    void sigInstructionReply(unsigned long long id, const QMap<QString, QVariant> &reply, bool last);
+};

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#include "dabstractpluginbackend.h"
+
+#include "dabstractplugin.h"
+
+DAbstractPluginBackend::DAbstractPluginBackend(QObject *parent)
+    : QObject(parent)
+{}
+
+DAbstractPluginBackend::~DAbstractPluginBackend() = default;
+
+DAbstractPlugin *DAbstractPluginBackend::plugin() const { return m_plugin; }
+
+void DAbstractPluginBackend::setPlugin(DAbstractPlugin *plugin)
+{
+    if (m_plugin == plugin)
+        return;
+    m_plugin = plugin;
+    emit pluginChanged();
+}
+
+unsigned long long DAbstractPluginBackend::runCommand(const QString &command, const QMap<QString, QVariant> &arguments)
+{
+    IMessenger *messenger = m_plugin ? m_plugin->messenger() : nullptr;
+    if (!messenger) {
+        commandFailed(0, command, IMessenger::CeNoRoute,
+                      QStringLiteral("cannot run \"%1\": the back-end is not attached to a plug-in with a host").arg(command));
+        return 0;
+    }
+    return messenger->runCommand(this, command, arguments);
+}
+
+bool DAbstractPluginBackend::stopCommand(unsigned long long runId)
+{
+    IMessenger *messenger = m_plugin ? m_plugin->messenger() : nullptr;
+    return messenger && messenger->stopCommand(runId);
+}
+
+void DAbstractPluginBackend::commandResultChanged(unsigned long long, const QString &, const QString &, const QVariant &) {}
+void DAbstractPluginBackend::commandFinished(unsigned long long, const QString &, const QMap<QString, QVariant> &) {}
+void DAbstractPluginBackend::commandFailed(unsigned long long, const QString &, IMessenger::EnErrorCode, const QString &) {}

@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: MIT
+// The way a plug-in's commands and back-ends reach the host.
+#pragma once
+
+#include "fastdelegate.h"
+
+#include <QMap>
+#include <QString>
+#include <QVariant>
+
+class DAbstractCommand;
+class DAbstractPluginBackend;
+
+class IMessenger
+{
+public:
+    enum EnErrorCode {
+        CeNoError = 0,
+        CeTimeout,          // no reply within the instruction's time-out
+        CeReplyRejected,    // the command's reply callback returned false
+        CeDriverError,      // the driver answered with an "error" text
+        CeNoRoute,          // no target of that name for this device
+        CeRefused,          // the command refused to start (base checks, unknown command)
+        CeStopped,          // the execution was stopped
+        _CeNbr
+    };
+
+    // Arguments: the host's instruction id and the reply map; true when the reply was accepted.
+    using ReplyCallback = fastdelegate::FastDelegate2<unsigned long long, const QMap<QString, QVariant> &, bool>;
+
+    virtual ~IMessenger() = default;
+
+    // Queues an instruction of `command` for `target` ("driver"). The reply (or, for a
+    // "listen", each report) reaches `callback` later on the host's event loop, never from
+    // inside this call. An empty callback means no reply is wanted. `timeoutMs` bounds the
+    // wait for the (first) reply. Returns an id unique within the host, 0 when nothing was sent.
+    virtual unsigned long long sendInstruction(DAbstractCommand *command, const QString &target,
+                                               const QString &instruction,
+                                               const QMap<QString, QVariant> &parameters,
+                                               int timeoutMs, const ReplyCallback &callback) = 0;
+
+    // Runs one of the back-end's plug-in commands; progress reaches the back-end's
+    // command…() hooks, always later on the event loop, a refusal included.
+    // Returns a run id unique within the host.
+    virtual unsigned long long runCommand(DAbstractPluginBackend *backend, const QString &command,
+                                          const QMap<QString, QVariant> &arguments) = 0;
+    // Stops a run started by runCommand. False when no such run is active.
+    virtual bool stopCommand(unsigned long long runId) = 0;
+};

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: MIT
+// Captures the messages written while it lives, as (type, category, text).
+#pragma once
+
+#include <QList>
+#include <QString>
+#include <QtGlobal>
+
+class LogCapture
+{
+public:
+    struct Message
+    {
+        QtMsgType type;
+        QString category;
+        QString text;
+    };
+
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    const QList<Message> &messages() const { return m_messages; }
+    // The texts of the critical messages, in order.
+    QStringList criticalTexts() const;
+    void clear() { m_messages.clear(); }
+
+private:
+    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &text);
+
+    QList<Message> m_messages;
+    QtMessageHandler m_previous = nullptr;
+    LogCapture *m_outer = nullptr;
+};
