@@ -1,0 +1,303 @@
+// SPDX-License-Identifier: MIT
+// The plug-in and command bases: channel lookups, arguments, results, the command
+// registry and configuration paths.
+#include "dabstractcommand.h"
+#include "dabstractplugin.h"
+#include "testmessenger.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+
+namespace {
+
+class TestPlugin : public DAbstractPlugin
+{
+public:
+    explicit TestPlugin(const QUuid &instance = QUuid::createUuid())
+        : DAbstractPlugin(QUuid(QStringLiteral("{0b1d2c3e-0000-4000-8000-000000000001}")), QStringLiteral("Test plug-in"),
+                          IPlugin::CeDevice, 0x0001000000000000ull, instance, nullptr, false)
+    {}
+    IPlugin *createInstance(const QUuid &instance) const override { return new TestPlugin(instance); }
+};
+
+class TestCommand : public DAbstractCommand
+{
+public:
+    explicit TestCommand(QObject *parent, const QString &name = QStringLiteral("probe"), const QString &stop = QString())
+        : DAbstractCommand(name, stop, {}, parent)
+    {
+        setDescription(QStringLiteral("Probe"));
+        declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel name"), QVariant());
+        declareAParameter(QStringLiteral("bitMask"), QStringLiteral("ui16"), QStringLiteral("Mask"), QVariant(int(65535)));
+        declareAResult(QStringLiteral("value"), QStringLiteral("ui16"), QStringLiteral("Value"), QVariant());
+    }
+    using DAbstractCommand::commandUpdateResult;
+    using DAbstractCommand::getInfoFromChannel;
+    using DAbstractCommand::getParameterValue;
+};
+
+QVariantMap entry(const QString &id, const QVariant &value)
+{
+    return {{QStringLiteral("id"), id}, {QStringLiteral("value"), value}};
+}
+
+QVariantList channelTable()
+{
+    return {
+        QVariantMap{{QStringLiteral("id"), QStringLiteral("DO3")},
+                    {QStringLiteral("name"), QStringLiteral("Output 3")},
+                    {QStringLiteral("value"), QVariantList{
+                         entry(QStringLiteral("register"), 3),
+                         entry(QStringLiteral("registerText"), QStringLiteral("12")),
+                         entry(QStringLiteral("readRegisterType"), QStringLiteral("coilsRegister")),
+                         entry(QStringLiteral("activeLevelHigh"), true),
+                         entry(QStringLiteral("badNumber"), QStringLiteral("twelve")),
+                         QStringLiteral("not a map"),
+                     }}},
+        QVariantMap{{QStringLiteral("id"), QStringLiteral("noEntries")}, {QStringLiteral("value"), QStringLiteral("text")}},
+        QVariantMap{{QStringLiteral("id"), QStringLiteral("DO3")},
+                    {QStringLiteral("value"), QVariantList{entry(QStringLiteral("register"), 99)}}},
+    };
+}
+
+} // namespace
+
+class TstFramework : public QObject
+{
+    Q_OBJECT
+private slots:
+    void getInfoFromChannel_data();
+    void getInfoFromChannel();
+    void getInfoFromChannelWithoutTable();
+    void parameterValues_data();
+    void parameterValues();
+    void executeRefusals_data();
+    void executeRefusals();
+    void resultsOnlyForDeclaredNames();
+    void registryOrderAndDuplicates();
+    void instructionsGoThroughMessenger();
+    void configurationPaths();
+    void propertiesNotifyOnRealChange();
+};
+
+void TstFramework::getInfoFromChannel_data()
+{
+    QTest::addColumn<QString>("channel");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QVariant>("defaultValue");
+    QTest::addColumn<QVariant>("expected");
+
+    const QVariant invalid;
+    QTest::newRow("uint") << "DO3" << "register" << int(QMetaType::UInt) << invalid << QVariant(3u);
+    QTest::newRow("text converts to uint") << "DO3" << "registerText" << int(QMetaType::UInt) << invalid << QVariant(12u);
+    QTest::newRow("string") << "DO3" << "readRegisterType" << int(QMetaType::QString) << invalid << QVariant(QStringLiteral("coilsRegister"));
+    QTest::newRow("bool") << "DO3" << "activeLevelHigh" << int(QMetaType::Bool) << QVariant(false) << QVariant(true);
+    QTest::newRow("first record wins") << "DO3" << "register" << int(QMetaType::Int) << invalid << QVariant(3);
+    QTest::newRow("missing record") << "DO9" << "register" << int(QMetaType::UInt) << invalid << invalid;
+    QTest::newRow("missing entry") << "DO3" << "size" << int(QMetaType::UInt) << invalid << invalid;
+    QTest::newRow("missing entry, default") << "DO3" << "size" << int(QMetaType::UInt) << QVariant(7u) << QVariant(7u);
+    QTest::newRow("does not convert") << "DO3" << "badNumber" << int(QMetaType::UInt) << invalid << invalid;
+    QTest::newRow("does not convert, default") << "DO3" << "badNumber" << int(QMetaType::UInt) << QVariant(false) << QVariant(false);
+    QTest::newRow("entries not a list") << "noEntries" << "register" << int(QMetaType::UInt) << invalid << invalid;
+    QTest::newRow("empty channel") << "" << "register" << int(QMetaType::UInt) << invalid << invalid;
+}
+
+void TstFramework::getInfoFromChannel()
+{
+    QFETCH(QString, channel);
+    QFETCH(QString, key);
+    QFETCH(int, type);
+    QFETCH(QVariant, defaultValue);
+    QFETCH(QVariant, expected);
+
+    TestPlugin plugin;
+    plugin.addToParameters(QStringLiteral("channels"), channelTable());
+    TestCommand command(&plugin);
+    const QVariant actual = command.getInfoFromChannel(channel, key, QMetaType::Type(type), defaultValue);
+    QCOMPARE(actual.userType(), expected.userType());
+    QCOMPARE(actual, expected);
+}
+
+void TstFramework::getInfoFromChannelWithoutTable()
+{
+    TestPlugin plugin;
+    TestCommand command(&plugin);
+    QVERIFY(!command.getInfoFromChannel(QStringLiteral("DO3"), QStringLiteral("register"), QMetaType::UInt).isValid());
+    TestCommand orphan(nullptr);
+    QCOMPARE(orphan.getInfoFromChannel(QStringLiteral("DO3"), QStringLiteral("register"), QMetaType::UInt, 5u), QVariant(5u));
+}
+
+void TstFramework::parameterValues_data()
+{
+    QTest::addColumn<QVariantMap>("arguments");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QVariant>("fallback");
+    QTest::addColumn<QVariant>("expected");
+
+    QTest::newRow("given") << QVariantMap{{QStringLiteral("bitMask"), 15}} << "bitMask" << QVariant() << QVariant(15);
+    QTest::newRow("declared default") << QVariantMap{} << "bitMask" << QVariant() << QVariant(int(65535));
+    QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "channel" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
+    QTest::newRow("undeclared -> fallback") << QVariantMap{} << "other" << QVariant(2) << QVariant(2);
+    QTest::newRow("given invalid stays") << QVariantMap{{QStringLiteral("channel"), QVariant()}} << "channel" << QVariant(1) << QVariant();
+}
+
+void TstFramework::parameterValues()
+{
+    QFETCH(QVariantMap, arguments);
+    QFETCH(QString, name);
+    QFETCH(QVariant, fallback);
+    QFETCH(QVariant, expected);
+    TestPlugin plugin;
+    TestCommand command(&plugin);
+    command.setParameters(arguments);
+    QCOMPARE(command.getParameterValue(name, fallback), expected);
+}
+
+void TstFramework::executeRefusals_data()
+{
+    QTest::addColumn<bool>("withMessenger");
+    QTest::addColumn<QVariantMap>("arguments");
+    QTest::addColumn<bool>("ok");
+    QTest::addColumn<QString>("error");
+
+    QTest::newRow("runs") << true << QVariantMap{{QStringLiteral("channel"), QStringLiteral("DO3")}} << true << QString();
+    QTest::newRow("no messenger") << false << QVariantMap{} << false
+                                  << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
+    QTest::newRow("unknown parameter") << true << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
+                                       << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask)";
+}
+
+void TstFramework::executeRefusals()
+{
+    QFETCH(bool, withMessenger);
+    QFETCH(QVariantMap, arguments);
+    QFETCH(bool, ok);
+    QFETCH(QString, error);
+
+    TestMessenger messenger;
+    TestPlugin plugin;
+    if (withMessenger)
+        plugin.setMessenger(&messenger);
+    TestCommand command(&plugin);
+    command.setParameters(arguments);
+    QCOMPARE(command.commandExecute(), ok);
+    QCOMPARE(command.errorString(), error);
+}
+
+void TstFramework::resultsOnlyForDeclaredNames()
+{
+    TestMessenger messenger;
+    TestPlugin plugin;
+    plugin.setMessenger(&messenger);
+    TestCommand command(&plugin);
+    QSignalSpy spy(&command, &DAbstractCommand::sigResultChanged);
+
+    QVERIFY(command.commandUpdateResult(QStringLiteral("value"), 5u));
+    QVERIFY(!command.commandUpdateResult(QStringLiteral("doneOk"), true));
+    QCOMPARE(command.errorString(), QStringLiteral("command \"probe\" has no result \"doneOk\""));
+    QCOMPARE(spy.count(), 1);
+    QCOMPARE(spy.at(0).at(0).toString(), QStringLiteral("value"));
+    QCOMPARE(spy.at(0).at(1), QVariant(5u));
+    QCOMPARE(command.results(), (QVariantMap{{QStringLiteral("value"), 5u}}));
+
+    // A new execution starts with no results.
+    QVERIFY(command.commandExecute());
+    QVERIFY(command.results().isEmpty());
+}
+
+void TstFramework::registryOrderAndDuplicates()
+{
+    TestPlugin plugin;
+    plugin.initAbstractCommands();
+    QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("listen"), QStringLiteral("stopListening"))));
+    QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("probe"))));
+
+    QPointer<TestCommand> duplicate = new TestCommand(nullptr, QStringLiteral("stopListening"));
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"stopListening\" is declared already")));
+    QVERIFY(!plugin.declareInstructionCommand(duplicate));
+    QVERIFY(duplicate.isNull());
+    QVERIFY(!plugin.declareInstructionCommand(nullptr));
+
+    const QStringList expected{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"), QStringLiteral("probe")};
+    QCOMPARE(plugin.commandNames(), expected);
+    QCOMPARE(plugin.getFunctions(true), (QStringList{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"),
+                                                    QStringLiteral("stopListening"), QStringLiteral("probe")}));
+    QCOMPARE(plugin.command(QStringLiteral("stopListening")), plugin.command(QStringLiteral("listen")));
+    QCOMPARE(plugin.command(QStringLiteral("listen"))->parent(), &plugin);
+
+    const DCommandArguments arguments = plugin.getCommandParameters(QStringLiteral("probe"));
+    QCOMPARE(arguments.size(), 3);
+    QCOMPARE(arguments.at(1).name, QStringLiteral("bitMask"));
+    QCOMPARE(arguments.at(1).defaultValue.userType(), int(QMetaType::Int));
+    QCOMPARE(arguments.at(2).kind, DCommandArgument::CeResult);
+    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("probe")), QStringLiteral("Probe"));
+    QVERIFY(plugin.getCommandParameters(QStringLiteral("stopListening")).isEmpty());
+    QVERIFY(plugin.getFunctionDescription(QStringLiteral("nothing")).isEmpty());
+}
+
+void TstFramework::instructionsGoThroughMessenger()
+{
+    TestMessenger messenger;
+    TestPlugin plugin;
+    TestCommand command(&plugin);
+    const QVariantMap parameters{{QStringLiteral("register"), 4}};
+    QCOMPARE(command.addInstruction(QStringLiteral("driver"), QStringLiteral("read"), parameters, 3000, {}), 0ull);
+    QVERIFY(messenger.instructions().isEmpty());
+
+    plugin.setMessenger(&messenger);
+    const unsigned long long id = command.addInstruction(QStringLiteral("driver"), QStringLiteral("read"), parameters, 3000, {});
+    QVERIFY(id != 0);
+    QCOMPARE(messenger.instructions().size(), 1);
+    const TestMessenger::Instruction &sent = messenger.instructions().first();
+    QCOMPARE(sent.id, id);
+    QCOMPARE(sent.command, &command);
+    QCOMPARE(sent.parameters, parameters);
+    QCOMPARE(sent.timeoutMs, 3000);
+    QVERIFY(!sent.hasCallback);
+}
+
+void TstFramework::configurationPaths()
+{
+    TestPlugin plugin;
+    bool ok = true;
+    QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(1), &ok), QJsonValue(1));
+    QVERIFY(!ok);
+    QVERIFY(!plugin.setInMainConfig(QStringLiteral("a/b"), 2));
+
+    plugin.setMainConfig(QSharedPointer<QJsonObject>::create(QJsonObject{{QStringLiteral("a"), QJsonObject{{QStringLiteral("b"), 2}}},
+                                                                          {QStringLiteral("leaf"), 3}}));
+    QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(), &ok), QJsonValue(2));
+    QVERIFY(ok);
+    QVERIFY(!plugin.setInMainConfig(QStringLiteral("leaf/x"), 1));
+    QVERIFY(plugin.setInPluginConfig(QStringLiteral("timeouts/read"), 500));
+    QCOMPARE(plugin.getInPluginConfig(QStringLiteral("timeouts/read"), QJsonValue(), &ok), QJsonValue(500));
+    QVERIFY(ok);
+    // The plug-in's section lives in the shared main configuration.
+    QCOMPARE(plugin.getMainConfig()->value(QStringLiteral("plugins")).toObject()
+                 .value(plugin.pluginUuid().toString()).toObject().value(QStringLiteral("timeouts")).toObject()
+                 .value(QStringLiteral("read")), QJsonValue(500));
+    QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(), &ok), QJsonValue(2));
+}
+
+void TstFramework::propertiesNotifyOnRealChange()
+{
+    TestPlugin plugin;
+    QSignalSpy spy(&plugin, &DAbstractPlugin::sigPropertyChanged);
+    bool ok = true;
+    QVERIFY(!plugin.getProperty(QStringLiteral("reference"), &ok).isValid());
+    QVERIFY(!ok);
+
+    plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), true);
+    plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), true);
+    plugin.setProperty(QStringLiteral("silent"), 1, false);
+    QCOMPARE(spy.count(), 1);
+    QCOMPARE(spy.at(0).at(0).toString(), QStringLiteral("reference"));
+    QCOMPARE(plugin.getProperty(QStringLiteral("reference"), &ok).toString(), QStringLiteral("dev io1"));
+    QVERIFY(ok);
+    QCOMPARE(plugin.getProperty(QStringLiteral("silent"), QVariant()), QVariant(1));
+    QCOMPARE(plugin.getName(), QStringLiteral("dev io1"));
+}
+
+QTEST_GUILESS_MAIN(TstFramework)
+#include "tst_framework.moc"
