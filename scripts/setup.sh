@@ -10,6 +10,7 @@ packages=(
   libqt5serialbus5-dev libqt5serialbus5-plugins libqt5serialbus5-bin
   qml-module-qtquick2 qml-module-qtquick-window2 qml-module-qtquick-layouts
   qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
+  qml-module-qtqml-models2
   qt5-qmltooling-plugins
   mbpoll python3 python3-pymodbus
   xvfb xauth
