@@ -4,14 +4,14 @@
 #include "dabstractplugin.h"
 
 #include <QLoggingCategory>
+#include <QSet>
 
 Q_LOGGING_CATEGORY(lcPanel, "e1212.panel")
 
 namespace {
 const QString c_getInfo = QStringLiteral("getInfo");
-const QString c_getValue = QStringLiteral("getValue");
 const QString c_setValue = QStringLiteral("setValue");
-const QString c_listenEvents = QStringLiteral("listenEvents");
+const QString c_getValues = QStringLiteral("getValues");
 
 QString describeRun(const QString &command, const QString &channel)
 {
@@ -24,9 +24,8 @@ BeMaintenanceDeviceMoxaIoLogic::BeMaintenanceDeviceMoxaIoLogic(QObject *parent)
     : DAbstractPluginBackend(parent)
     , m_channels(new OLM_DMoxaChannel(this))
 {
-    m_retryTimer.setSingleShot(true);
-    m_retryTimer.setInterval(1000);
-    connect(&m_retryTimer, &QTimer::timeout, this, &BeMaintenanceDeviceMoxaIoLogic::retry);
+    m_pollTimer.setInterval(500);
+    connect(&m_pollTimer, &QTimer::timeout, this, &BeMaintenanceDeviceMoxaIoLogic::pollTick);
 }
 
 BeMaintenanceDeviceMoxaIoLogic::~BeMaintenanceDeviceMoxaIoLogic()
@@ -56,12 +55,12 @@ void BeMaintenanceDeviceMoxaIoLogic::setConnectionPath(const QString &path)
     setField(m_connectionPath, path, &BeMaintenanceDeviceMoxaIoLogic::connectionPathChanged);
 }
 
-void BeMaintenanceDeviceMoxaIoLogic::setRetryDelayMs(int ms)
+void BeMaintenanceDeviceMoxaIoLogic::setPollIntervalMs(int ms)
 {
-    if (ms < 0 || ms == m_retryTimer.interval())
+    if (ms < 10 || ms == m_pollTimer.interval())
         return;
-    m_retryTimer.setInterval(ms);
-    emit retryDelayMsChanged();
+    m_pollTimer.setInterval(ms);
+    emit pollIntervalMsChanged();
 }
 
 bool BeMaintenanceDeviceMoxaIoLogic::initBackend()
@@ -86,6 +85,7 @@ bool BeMaintenanceDeviceMoxaIoLogic::initBackend()
     if (!m_started) {
         m_started = true;
         setState(CeCsConnecting);
+        m_pollTimer.start();
     }
     getDeviceInfo();
     updateChannelsValue();
@@ -120,20 +120,43 @@ void BeMaintenanceDeviceMoxaIoLogic::getDeviceInfo()
             return;
     }
     if (const unsigned long long id = runCommand(c_getInfo))
-        m_runs.insert(id, {c_getInfo, QString(), QVariant()});
+        m_runs.insert(id, {c_getInfo, QString(), QStringList(), 0});
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::updateChannelsValue()
 {
+    QSet<QString> busy;
+    for (const Run &run : qAsConst(m_runs)) {
+        if (run.command == c_getValues)
+            busy.unite(QSet<QString>(run.block.cbegin(), run.block.cend()));
+    }
+    // A record's "size" counts the channels from it to the end of its register block, so one
+    // read from the first channel of a block covers the whole block.
+    QSet<QString> covered;
     for (int i = 0; i < m_channels->count(); ++i) {
-        const QString channelId = m_channels->at(i)->id();
-        if (m_listening.contains(channelId))
+        const QSharedPointer<DMoxaChannel> first = m_channels->at(i);
+        if (covered.contains(first->id()))
             continue;
-        const unsigned long long id = runCommand(c_listenEvents, {{QStringLiteral("channel"), channelId}});
-        if (!id)
-            return;
-        m_runs.insert(id, {c_listenEvents, channelId, QVariant()});
-        m_listening.insert(channelId, id);
+        const QVariantMap props = first->properties();
+        const uint base = props.value(QStringLiteral("register")).toUInt();
+        const uint size = qMax(1u, props.value(QStringLiteral("size")).toUInt());
+        const QString space = props.value(QStringLiteral("readRegisterType")).toString();
+        Run run{c_getValues, first->id(), QStringList(), 0};
+        for (int j = i; j < m_channels->count(); ++j) {
+            const QVariantMap other = m_channels->at(j)->properties();
+            const uint offset = other.value(QStringLiteral("register")).toUInt() - base;
+            if (other.value(QStringLiteral("readRegisterType")).toString() != space || offset >= size)
+                continue;
+            while (run.block.size() <= int(offset))
+                run.block.append(QString());
+            run.block[int(offset)] = m_channels->at(j)->id();
+            covered.insert(m_channels->at(j)->id());
+        }
+        if (busy.contains(first->id()))
+            continue; // its previous read has not ended: never queue reads behind a slow device
+        run.serial = ++m_lastSerial;
+        if (const unsigned long long id = runCommand(c_getValues, {{QStringLiteral("channel"), first->id()}}))
+            m_runs.insert(id, run);
     }
 }
 
@@ -147,7 +170,8 @@ bool BeMaintenanceDeviceMoxaIoLogic::clickedOnChannel(const QString &channelId)
                                                           {QStringLiteral("value"), wanted ? 1 : 0}});
     if (!id)
         return false;
-    m_runs.insert(id, {c_setValue, channelId, wanted});
+    m_runs.insert(id, {c_setValue, channelId, QStringList(), 0});
+    m_readBackFrom.insert(channelId, 0);
     setPending(channelId, true);
     return true;
 }
@@ -158,14 +182,8 @@ void BeMaintenanceDeviceMoxaIoLogic::applyTreatmentReply(unsigned long long runI
     const Run run = m_runs.value(runId);
     if (command == c_getInfo && name == QLatin1String("deviceInformation")) {
         applyDeviceInformation(value.toMap());
-    } else if (command == c_listenEvents && name == QLatin1String("values")) {
-        // A report is {"values": [value]}; the command posts an empty map for a bad one.
-        const QVariantList values = value.toMap().value(QStringLiteral("values")).toList();
-        if (values.size() != 1) {
-            qCWarning(lcPanel) << "ignored a malformed report for" << run.channel << ":" << value;
-            return;
-        }
-        applyChannelValue(run.channel, values.constFirst());
+    } else if (command == c_getValues && name == QLatin1String("values")) {
+        applyBlockValues(run, value);
     } else if (command == c_setValue && name == QLatin1String("doneOk")) {
         if (!value.toBool()) {
             setPending(run.channel, false);
@@ -173,9 +191,6 @@ void BeMaintenanceDeviceMoxaIoLogic::applyTreatmentReply(unsigned long long runI
                                     .arg(describeRun(command, run.channel)));
             return;
         }
-    } else if (command == c_getValue && name == QLatin1String("value")) {
-        // Read-back after a toggle: the device has taken the write.
-        setPending(run.channel, false);
     } else {
         return;
     }
@@ -186,41 +201,21 @@ void BeMaintenanceDeviceMoxaIoLogic::treatmentReleased(unsigned long long runId,
                                                        IMessenger::EnErrorCode code, const QString &error)
 {
     const Run run = m_runs.take(runId);
-    if (run.command == c_listenEvents && m_listening.value(run.channel) == runId)
-        m_listening.remove(run.channel);
-
     if (code == IMessenger::CeNoError) {
         if (run.command == c_setValue && m_pending.contains(run.channel)) {
-            const unsigned long long id = runCommand(c_getValue, {{QStringLiteral("channel"), run.channel}});
-            if (id)
-                m_runs.insert(id, {c_getValue, run.channel, run.target});
-            else
-                setPending(run.channel, false);
+            // The first read that starts from now on is the read-back; start it at once.
+            m_readBackFrom.insert(run.channel, m_lastSerial + 1);
+            updateChannelsValue();
         }
-        if (run.command == c_listenEvents && m_started)
-            m_retryTimer.start(); // a listening only ends when stopped: start it again
         return;
     }
-
-    if (!run.channel.isEmpty() && run.command != c_listenEvents)
+    if (run.command == c_setValue)
         setPending(run.channel, false);
+    if (code == IMessenger::CeStopped && !m_started)
+        return;
     const QString what = describeRun(command, run.channel);
     qCWarning(lcPanel).noquote() << what << "failed:" << error;
-    switch (code) {
-    case IMessenger::CeTimeout:
-        setState(CeCsNotAnswering, QStringLiteral("%1: %2").arg(what, error));
-        break;
-    case IMessenger::CeStopped:
-        if (!m_started)
-            return;
-        break;
-    default:
-        setState(CeCsError, QStringLiteral("%1: %2").arg(what, error));
-        break;
-    }
-    // A refusal by the host or the plug-in is no device fault: asking again cannot help.
-    if (m_started && code != IMessenger::CeNoRoute && code != IMessenger::CeRefused)
-        m_retryTimer.start();
+    setState(code == IMessenger::CeTimeout ? CeCsNotAnswering : CeCsError, QStringLiteral("%1: %2").arg(what, error));
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::commandResultChanged(unsigned long long runId, const QString &command,
@@ -264,24 +259,43 @@ void BeMaintenanceDeviceMoxaIoLogic::applyDeviceInformation(const QVariantMap &i
     m_infoKnown = true;
 }
 
-void BeMaintenanceDeviceMoxaIoLogic::applyChannelValue(const QString &channelId, const QVariant &reported)
+void BeMaintenanceDeviceMoxaIoLogic::applyBlockValues(const Run &run, const QVariant &values)
 {
-    DMoxaChannel *target = channel(channelId);
-    if (!target)
+    // The values of a read, in register order; the host may hand them bare or in a
+    // {"values": [...]} map, as the driver replied.
+    QVariant list = values;
+    if (list.type() == QVariant::Map)
+        list = list.toMap().value(QStringLiteral("values"));
+    if (list.type() != QVariant::List) {
+        qCWarning(lcPanel) << "ignored a malformed read of" << run.channel << ":" << values;
         return;
-    const uint raw = reported.toUInt();
-    const bool digital = target->type() == DMoxaChannel::CeCtBinIn || target->type() == DMoxaChannel::CeCtBinOut;
-    target->setValue(digital ? QVariant(raw != 0) : QVariant(raw));
+    }
+    const QVariantList read = list.toList();
+    for (int offset = 0; offset < read.size() && offset < run.block.size(); ++offset) {
+        DMoxaChannel *target = channel(run.block.at(offset));
+        if (!target)
+            continue;
+        const uint raw = read.at(offset).toUInt();
+        const bool digital = target->type() == DMoxaChannel::CeCtBinIn || target->type() == DMoxaChannel::CeCtBinOut;
+        target->setValue(digital ? QVariant(raw != 0) : QVariant(raw));
+        const quint64 readBackFrom = m_readBackFrom.value(target->id());
+        if (readBackFrom != 0 && run.serial >= readBackFrom) {
+            m_readBackFrom.remove(target->id());
+            setPending(target->id(), false);
+        }
+    }
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::setPending(const QString &channelId, bool pending)
 {
     if (pending == m_pending.contains(channelId))
         return;
-    if (pending)
+    if (pending) {
         m_pending.append(channelId);
-    else
+    } else {
         m_pending.removeAll(channelId);
+        m_readBackFrom.remove(channelId);
+    }
     emit pendingChannelsChanged();
 }
 
@@ -294,24 +308,21 @@ void BeMaintenanceDeviceMoxaIoLogic::setState(EnConnectionState state, const QSt
     emit connectionStateChanged();
 }
 
-void BeMaintenanceDeviceMoxaIoLogic::retry()
+void BeMaintenanceDeviceMoxaIoLogic::pollTick()
 {
     if (!m_started)
         return;
-    if (!m_infoKnown || m_state != CeCsConnected)
+    if (!m_infoKnown)
         getDeviceInfo();
     updateChannelsValue();
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::stopAll()
 {
-    m_retryTimer.stop();
+    m_pollTimer.stop();
     m_started = false;
-    const QList<unsigned long long> ids = m_listening.values();
-    m_listening.clear();
-    for (unsigned long long id : ids)
-        stopCommand(id);
     m_runs.clear();
+    m_readBackFrom.clear();
     if (!m_pending.isEmpty()) {
         m_pending.clear();
         emit pendingChannelsChanged();

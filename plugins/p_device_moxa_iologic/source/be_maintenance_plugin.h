@@ -11,15 +11,19 @@
 
 // How the panel gets its back-end: maintenance_panel.qml creates one itself
 // (`import PlgLibDeviceMoxaIoLogic 1.0`, registered by every PDeviceMoxaIoLogic
-// construction) and binds `device` to the context property "maintenanceDevice", the
-// configured plug-in instance (a PDeviceMoxaIoLogic attached to a host), and
-// `connectionPath` to the context property "maintenanceConnectionPath" when the host app
-// sets one. It then calls initBackend().
+// construction) and binds, from context properties the host app sets:
+//   `device`          <- "maintenanceDevice", the configured plug-in instance (a
+//                        PDeviceMoxaIoLogic attached to a host), required;
+//   `connectionPath`  <- "maintenanceConnectionPath", optional (else the plug-in's
+//                        "connectionPath" property, else its "reference");
+//   `pollIntervalMs`  <- "maintenancePollIntervalMs", optional.
+// It then calls initBackend().
 //
 // Every value shown comes from the plug-in's own commands, run through the host
-// (runCommand): "getInfo" for the header; one "listenEvents" per channel, so the driver
-// reports each channel at its poll interval; "setValue" to toggle an output. A failed or
-// ended listening is started again, after the retry delay while the device does not answer.
+// (runCommand): "getInfo" for the header; "getValues" from the first channel of each
+// register block, once per poll interval (two reads for the sixteen channels); "setValue"
+// to toggle an output. An output shows its output coil, the state on the wire. A poll that
+// fails shows the error; the next poll retries, so the screen recovers by itself.
 class BeMaintenanceDeviceMoxaIoLogic : public DAbstractPluginBackend
 {
     Q_OBJECT
@@ -33,13 +37,13 @@ class BeMaintenanceDeviceMoxaIoLogic : public DAbstractPluginBackend
     Q_PROPERTY(EnConnectionState connectionState READ connectionState NOTIFY connectionStateChanged)
     Q_PROPERTY(QString errorText READ errorText NOTIFY errorTextChanged)
     Q_PROPERTY(QStringList pendingChannels READ pendingChannels NOTIFY pendingChannelsChanged)
-    Q_PROPERTY(int retryDelayMs READ retryDelayMs WRITE setRetryDelayMs NOTIFY retryDelayMsChanged)
+    Q_PROPERTY(int pollIntervalMs READ pollIntervalMs WRITE setPollIntervalMs NOTIFY pollIntervalMsChanged)
 public:
     enum EnConnectionState {
         CeCsIdle,         // not started: no device, or initBackend() not called yet
         CeCsConnecting,   // started, no answer yet
         CeCsConnected,    // the device answered the latest request
-        CeCsNotAnswering, // time-out or no connection; retried by itself
+        CeCsNotAnswering, // time-out or no connection; the next poll tries again
         CeCsError,        // the device or the host refused a request: see errorText
         _CeCsNbr
     };
@@ -66,17 +70,18 @@ public:
     QString errorText() const { return m_errorText; }
     // Ids of the outputs clicked whose read-back has not arrived yet.
     QStringList pendingChannels() const { return m_pending; }
-    // Wait before asking a device that did not answer again (default 1000 ms).
-    int retryDelayMs() const { return m_retryTimer.interval(); }
-    void setRetryDelayMs(int ms);
+    // Time between two reads of the channels (default 500 ms; values below 10 are refused).
+    int pollIntervalMs() const { return m_pollTimer.interval(); }
+    void setPollIntervalMs(int ms);
 
-    // Fills the channel model from the plug-in's "channels" table (once), then reads the
-    // device information and starts listening to every channel. False, with errorText
-    // set, when there is no plug-in or no channel table.
+    // Fills the channel model from the plug-in's "channels" table (once), reads the device
+    // information and starts polling the channels. False, with errorText set, when there
+    // is no plug-in or no channel table.
     Q_INVOKABLE bool initBackend();
     // Runs "getInfo"; the header properties change when it answers.
     Q_INVOKABLE void getDeviceInfo();
-    // Starts a "listenEvents" for every channel not listened to yet.
+    // Reads every channel now: one "getValues" per register block whose previous read has
+    // ended. Called at each poll.
     Q_INVOKABLE void updateChannelsValue();
     // Toggles a digital output from its displayed value with "setValue"; the displayed
     // value changes only when the device reports it. False (nothing sent) for an unknown
@@ -86,7 +91,7 @@ public:
     // Applies one result of a run to the screen (header, channel value, state).
     void applyTreatmentReply(unsigned long long runId, const QString &command, const QString &name,
                              const QVariant &value);
-    // A run ended: forgets it and, for a failure, shows the error and plans a retry.
+    // A run ended: forgets it and, for a failure, shows the error.
     void treatmentReleased(unsigned long long runId, const QString &command,
                            IMessenger::EnErrorCode code, const QString &error);
 
@@ -107,23 +112,24 @@ signals:
     void connectionStateChanged();
     void errorTextChanged();
     void pendingChannelsChanged();
-    void retryDelayMsChanged();
+    void pollIntervalMsChanged();
 
 private:
     struct Run
     {
         QString command;
-        QString channel; // empty for getInfo
-        QVariant target; // setValue: the value asked for
+        QString channel;     // getValues: first channel of the block; setValue: the output
+        QStringList block;   // getValues: channel ids by offset from the first register
+        quint64 serial = 0;  // getValues: order in which the reads started
     };
 
     DMoxaChannel *channel(const QString &id) const;
     bool fillChannels(QString *error);
     void applyDeviceInformation(const QVariantMap &info);
-    void applyChannelValue(const QString &channelId, const QVariant &reported);
+    void applyBlockValues(const Run &run, const QVariant &values);
+    void pollTick();
     void setPending(const QString &channelId, bool pending);
     void setState(EnConnectionState state, const QString &errorText = QString());
-    void retry();
     void stopAll();
     template<typename T>
     void setField(T &field, const T &value, void (BeMaintenanceDeviceMoxaIoLogic::*changed)());
@@ -137,9 +143,12 @@ private:
     EnConnectionState m_state = CeCsIdle;
     QString m_errorText;
     QStringList m_pending;
+    // Pending output -> serial of the first read that started after its write ended
+    // (0 while the write runs): that read is the device's read-back.
+    QHash<QString, quint64> m_readBackFrom;
     bool m_started = false;
     bool m_infoKnown = false;
+    quint64 m_lastSerial = 0;
     QHash<unsigned long long, Run> m_runs;
-    QHash<QString, unsigned long long> m_listening; // channel id -> its listenEvents run
-    QTimer m_retryTimer;
+    QTimer m_pollTimer;
 };
