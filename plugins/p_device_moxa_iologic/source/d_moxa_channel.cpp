@@ -8,6 +8,15 @@ const QMap<QString, DMoxaChannel::EnChannelType> DMoxaChannel::c_channelTypesMap
     {QStringLiteral("digitalOutput"), DMoxaChannel::CeCtBinOut},
 };
 
+namespace {
+// canConvert() alone only looks at the types: a text such as "abc" would pass as an integer.
+bool convertsTo(const QVariant &value, QMetaType::Type type)
+{
+    QVariant copy = value;
+    return value.canConvert(type) && copy.convert(type);
+}
+} // namespace
+
 DMoxaChannel::DMoxaChannel(QObject *parent)
     : DObject(QStringLiteral("DMoxaChannel"), parent)
 {}
@@ -55,10 +64,10 @@ bool DMoxaChannel::setValue(const QVariant &value)
     switch (m_type) {
     case CeCtAnaIn:
     case CeCtAnaOut:
-        return m_value.canConvert(QMetaType::Int);
+        return convertsTo(m_value, QMetaType::Int);
     case CeCtBinIn:
     case CeCtBinOut:
-        return m_value.canConvert(QMetaType::Bool);
+        return convertsTo(m_value, QMetaType::Bool);
     default:
         return false;
     }
