@@ -8,6 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   qtbase5-dev qtbase5-dev-tools qtdeclarative5-dev qtdeclarative5-dev-tools
   libqt5serialbus5-dev libqt5serialbus5-plugins libqt5serialbus5-bin
+  qttools5-dev-tools
   qml-module-qtquick2 qml-module-qtquick-window2 qml-module-qtquick-layouts
   qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
   qml-module-qtqml-models2
