@@ -25,6 +25,7 @@ Rectangle {
         objectName: "backend"
         device: typeof maintenanceDevice !== "undefined" ? maintenanceDevice : null
         connectionPath: typeof maintenanceConnectionPath !== "undefined" ? maintenanceConnectionPath : ""
+        pollIntervalMs: typeof maintenancePollIntervalMs !== "undefined" ? maintenancePollIntervalMs : 500
     }
 
     Component.onCompleted: backend.initBackend()
@@ -98,56 +99,57 @@ Rectangle {
             onClicked: backend.clickedOnChannel(tile.modelData.id)
         }
 
-        RowLayout {
+        ColumnLayout {
             anchors.fill: parent
             anchors.leftMargin: 10 * root.unit
             anchors.rightMargin: 10 * root.unit
-            spacing: 8 * root.unit
+            spacing: 2 * root.unit
 
-            Rectangle {
-                Layout.alignment: Qt.AlignVCenter
-                width: 14 * root.unit
-                height: width
-                radius: width / 2
-                color: tile.on ? "#ffffff" : "transparent"
-                border.width: 2
-                border.color: tile.on ? "#ffffff" : "#6c7784"
-            }
+            Item { Layout.fillHeight: true }
 
-            ColumnLayout {
+            RowLayout {
                 Layout.fillWidth: true
-                spacing: 0
+                spacing: 8 * root.unit
+
+                Rectangle {
+                    Layout.preferredWidth: 14 * root.unit
+                    Layout.preferredHeight: 14 * root.unit
+                    radius: width / 2
+                    color: tile.on ? "#ffffff" : "transparent"
+                    border.width: 2
+                    border.color: tile.on ? "#ffffff" : "#6c7784"
+                }
                 Text {
+                    Layout.fillWidth: true
                     text: tile.modelData.id
                     color: root.textColor
                     font.pixelSize: 16 * root.unit
                     font.bold: true
                 }
+                BusyIndicator {
+                    Layout.preferredWidth: 22 * root.unit
+                    Layout.preferredHeight: 22 * root.unit
+                    running: tile.pending
+                    visible: tile.pending
+                }
                 Text {
-                    Layout.fillWidth: true
-                    text: tile.modelData.label
-                    color: tile.on ? "#e3ecf5" : root.mutedText
-                    font.pixelSize: 12 * root.unit
-                    elide: Text.ElideRight
+                    objectName: "state"
+                    text: tile.pending ? qsTr("…") : !tile.known ? "—" : tile.on ? qsTr("ON") : qsTr("OFF")
+                    color: tile.on ? "#ffffff" : "#c9d2dc"
+                    font.pixelSize: 18 * root.unit
+                    font.bold: true
                 }
             }
 
-            BusyIndicator {
-                Layout.preferredWidth: 24 * root.unit
-                Layout.preferredHeight: 24 * root.unit
-                running: tile.pending
-                visible: tile.pending
+            Text {
+                Layout.fillWidth: true
+                text: tile.modelData.label
+                color: tile.on ? "#e3ecf5" : root.mutedText
+                font.pixelSize: 12 * root.unit
+                elide: Text.ElideRight
             }
 
-            Text {
-                objectName: "state"
-                Layout.minimumWidth: 40 * root.unit
-                horizontalAlignment: Text.AlignRight
-                text: tile.pending ? qsTr("…") : !tile.known ? "—" : tile.on ? qsTr("ON") : qsTr("OFF")
-                color: tile.on ? "#ffffff" : "#c9d2dc"
-                font.pixelSize: 18 * root.unit
-                font.bold: true
-            }
+            Item { Layout.fillHeight: true }
         }
     }
 

@@ -213,9 +213,12 @@ void BeMaintenanceDeviceMoxaIoLogic::treatmentReleased(unsigned long long runId,
         setPending(run.channel, false);
     if (code == IMessenger::CeStopped && !m_started)
         return;
-    const QString what = describeRun(command, run.channel);
-    qCWarning(lcPanel).noquote() << what << "failed:" << error;
-    setState(code == IMessenger::CeTimeout ? CeCsNotAnswering : CeCsError, QStringLiteral("%1: %2").arg(what, error));
+    // The driver names a refusal by the device a Modbus exception; any other driver
+    // failure (no connection, connection lost) means the device cannot be reached.
+    const bool unreachable = code == IMessenger::CeTimeout
+        || (code == IMessenger::CeDriverError && !error.contains(QLatin1String("exception"), Qt::CaseInsensitive));
+    setState(unreachable ? CeCsNotAnswering : CeCsError,
+             QStringLiteral("%1: %2").arg(describeRun(command, run.channel), error));
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::commandResultChanged(unsigned long long runId, const QString &command,
@@ -304,6 +307,11 @@ void BeMaintenanceDeviceMoxaIoLogic::setState(EnConnectionState state, const QSt
     setField(m_errorText, errorText, &BeMaintenanceDeviceMoxaIoLogic::errorTextChanged);
     if (state == m_state)
         return;
+    // Said once per change: a dead device fails every poll.
+    if (state == CeCsNotAnswering || state == CeCsError)
+        qCWarning(lcPanel).noquote() << errorText;
+    else if (state == CeCsConnected && (m_state == CeCsNotAnswering || m_state == CeCsError))
+        qCInfo(lcPanel).noquote() << "the device answers again";
     m_state = state;
     emit connectionStateChanged();
 }
