@@ -35,6 +35,7 @@ E1212Simulator::E1212Simulator(QObject *parent)
     , m_lastOutputs(ChannelCount, false)
     , m_toggleCounts(ChannelCount, 0)
 {
+    qRegisterMetaType<E1212Simulator::State>();
     QModbusDataUnitMap map;
     map.insert(QModbusDataUnit::DiscreteInputs, {QModbusDataUnit::DiscreteInputs, 0, ChannelCount});
     map.insert(QModbusDataUnit::Coils, {QModbusDataUnit::Coils, 0, CoilCount});

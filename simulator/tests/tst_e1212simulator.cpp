@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: MIT
+// The E1212 simulator as a Modbus client meets it: register map, pulse generator, faults,
+// and mbpoll reading it.
+#include "e1212simulator.h"
+
+#include <QElapsedTimer>
+#include <QModbusReply>
+#include <QModbusTcpClient>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTcpServer>
+#include <QtTest>
+
+class TstE1212Simulator : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase() { qRegisterMetaType<QProcess::ExitStatus>(); }
+    void init();
+    void cleanup();
+
+    void registerMap_data();
+    void registerMap();
+    void outsideTheMapIsIllegalAddress();
+    void clientWritesReachOutputs();
+    void pulseGeneratorToggles_data();
+    void pulseGeneratorToggles();
+    void pulseStopLeavesOutputOff();
+    void injectedException();
+    void responseDelayKeepsOrder();
+    void dropOnRequestAndDropConnections();
+    void startOnBusyPortFails();
+    void restartOnSamePortKeepsValues();
+    void mbpollReadsTheMap_data();
+    void mbpollReadsTheMap();
+
+private:
+    // A real client read; on failure the reply's error is returned through *error.
+    QVector<quint16> read(QModbusDataUnit::RegisterType table, int start, int count, QString *error = nullptr);
+    bool write(QModbusDataUnit::RegisterType table, int start, const QVector<quint16> &values);
+
+    QScopedPointer<E1212Simulator> m_sim;
+    QScopedPointer<QModbusTcpClient> m_client;
+    QModbusReply *m_lastReply = nullptr;
+};
+
+void TstE1212Simulator::init()
+{
+    m_sim.reset(new E1212Simulator);
+    QString error;
+    QVERIFY2(m_sim->start(QHostAddress::LocalHost, 0, &error), qPrintable(error));
+    QCOMPARE(m_sim->state(), E1212Simulator::Running);
+    QVERIFY(m_sim->port() != 0);
+    m_client.reset(new QModbusTcpClient);
+    m_client->setConnectionParameter(QModbusDevice::NetworkAddressParameter, QStringLiteral("127.0.0.1"));
+    m_client->setConnectionParameter(QModbusDevice::NetworkPortParameter, m_sim->port());
+    m_client->setTimeout(1000);
+    m_client->setNumberOfRetries(0);
+    QVERIFY(m_client->connectDevice());
+    QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QModbusDevice::ConnectedState, 3000);
+}
+
+void TstE1212Simulator::cleanup()
+{
+    m_client.reset();
+    m_sim.reset();
+}
+
+QVector<quint16> TstE1212Simulator::read(QModbusDataUnit::RegisterType table, int start, int count, QString *error)
+{
+    QModbusReply *reply = m_client->sendReadRequest(QModbusDataUnit(table, start, quint16(count)), 1);
+    if (!reply) {
+        if (error)
+            *error = m_client->errorString();
+        return {};
+    }
+    QSignalSpy finished(reply, &QModbusReply::finished);
+    if (!reply->isFinished())
+        finished.wait(3000);
+    reply->deleteLater();
+    m_lastReply = nullptr;
+    if (reply->error() != QModbusDevice::NoError) {
+        if (error)
+            *error = QStringLiteral("%1 exception %2").arg(reply->errorString()).arg(int(reply->rawResult().exceptionCode()));
+        return {};
+    }
+    return reply->result().values();
+}
+
+bool TstE1212Simulator::write(QModbusDataUnit::RegisterType table, int start, const QVector<quint16> &values)
+{
+    QModbusDataUnit unit(table, start, values);
+    QModbusReply *reply = m_client->sendWriteRequest(unit, 1);
+    if (!reply)
+        return false;
+    QSignalSpy finished(reply, &QModbusReply::finished);
+    if (!reply->isFinished())
+        finished.wait(3000);
+    reply->deleteLater();
+    return reply->isFinished() && reply->error() == QModbusDevice::NoError;
+}
+
+void TstE1212Simulator::registerMap_data()
+{
+    QTest::addColumn<int>("table");
+    QTest::addColumn<int>("start");
+    QTest::addColumn<QVector<quint16>>("expected");
+    QTest::newRow("DI0-DI7 (DI1, DI6 set)") << int(QModbusDataUnit::DiscreteInputs) << 0
+                                            << QVector<quint16>{0, 1, 0, 0, 0, 0, 1, 0};
+    QTest::newRow("DO0-DO7 off") << int(QModbusDataUnit::Coils) << 0 << QVector<quint16>(8, 0);
+    QTest::newRow("pulse status off") << int(QModbusDataUnit::Coils) << 16 << QVector<quint16>(8, 0);
+    QTest::newRow("pulse on-widths") << int(QModbusDataUnit::HoldingRegisters) << 256 << QVector<quint16>(8, 1);
+    QTest::newRow("pulse off-widths") << int(QModbusDataUnit::HoldingRegisters) << 512 << QVector<quint16>(8, 1);
+    QTest::newRow("model name E1212") << int(QModbusDataUnit::InputRegisters) << 5000
+                                      << QVector<quint16>{0x4531, 0x3231, 0x3200, 0, 0, 0, 0, 0, 0, 0};
+    QTest::newRow("MAC") << int(QModbusDataUnit::InputRegisters) << 5024 << QVector<quint16>{0x0090, 0xE812, 0x3456};
+    QTest::newRow("firmware V3.2.1 Build23041709") << int(QModbusDataUnit::InputRegisters) << 5029
+                                                   << QVector<quint16>{0x0302, 0x0100, 0x1704, 0x1109};
+}
+
+void TstE1212Simulator::registerMap()
+{
+    QFETCH(int, table);
+    QFETCH(int, start);
+    QFETCH(QVector<quint16>, expected);
+    m_sim->setInput(1, true);
+    m_sim->setInput(6, true);
+    QString error;
+    QCOMPARE(read(QModbusDataUnit::RegisterType(table), start, expected.size(), &error), expected);
+    QVERIFY2(error.isEmpty(), qPrintable(error));
+}
+
+void TstE1212Simulator::outsideTheMapIsIllegalAddress()
+{
+    QString error;
+    QVERIFY(read(QModbusDataUnit::DiscreteInputs, 8, 1, &error).isEmpty());
+    QVERIFY2(error.endsWith(QStringLiteral("exception 2")), qPrintable(error));
+    QVERIFY(read(QModbusDataUnit::HoldingRegisters, 0, 1, &error).isEmpty());
+    QVERIFY2(error.endsWith(QStringLiteral("exception 2")), qPrintable(error));
+}
+
+void TstE1212Simulator::clientWritesReachOutputs()
+{
+    QSignalSpy outputs(m_sim.data(), &E1212Simulator::outputChanged);
+    QVERIFY(write(QModbusDataUnit::Coils, 2, {1, 0, 1}));
+    QVERIFY(m_sim->output(2));
+    QVERIFY(!m_sim->output(3));
+    QVERIFY(m_sim->output(4));
+    QCOMPARE(outputs.size(), 2);
+    QCOMPARE(outputs.at(0), (QVariantList{2, true}));
+    QCOMPARE(outputs.at(1), (QVariantList{4, true}));
+    QVERIFY(write(QModbusDataUnit::HoldingRegisters, 259, {500}));
+    QCOMPARE(m_sim->pulseOnWidth(3), quint16(500));
+}
+
+void TstE1212Simulator::pulseGeneratorToggles_data()
+{
+    QTest::addColumn<int>("onMs");
+    QTest::addColumn<int>("offMs");
+    QTest::newRow("40/80") << 40 << 80;
+    QTest::newRow("100/30") << 100 << 30;
+}
+
+void TstE1212Simulator::pulseGeneratorToggles()
+{
+    QFETCH(int, onMs);
+    QFETCH(int, offMs);
+    QVERIFY(write(QModbusDataUnit::HoldingRegisters, 256 + 5, {quint16(onMs)}));
+    QVERIFY(write(QModbusDataUnit::HoldingRegisters, 512 + 5, {quint16(offMs)}));
+    QSignalSpy outputs(m_sim.data(), &E1212Simulator::outputChanged);
+    QElapsedTimer clock;
+    QVector<qint64> at;
+    connect(m_sim.data(), &E1212Simulator::outputChanged, this, [&](int, bool) { at.append(clock.elapsed()); });
+    clock.start();
+    QVERIFY(write(QModbusDataUnit::Coils, 16 + 5, {1}));
+    QVERIFY(m_sim->pulseStatus(5));
+    QTRY_VERIFY_WITH_TIMEOUT(outputs.size() >= 7, 5000);
+    // On first, then alternating, each phase lasting its width (timer slack allowed).
+    for (int i = 0; i < 7; ++i) {
+        QCOMPARE(outputs.at(i).at(0).toInt(), 5);
+        QCOMPARE(outputs.at(i).at(1).toBool(), i % 2 == 0);
+    }
+    for (int i = 1; i < 7; ++i) {
+        const qint64 width = at.at(i) - at.at(i - 1);
+        const int expected = (i % 2 == 1) ? onMs : offMs;
+        QVERIFY2(width >= expected - 2 && width <= expected + 40,
+                 qPrintable(QStringLiteral("phase %1 lasted %2 ms, expected %3").arg(i).arg(width).arg(expected)));
+    }
+}
+
+void TstE1212Simulator::pulseStopLeavesOutputOff()
+{
+    QVERIFY(write(QModbusDataUnit::HoldingRegisters, 256, {10}));
+    QVERIFY(write(QModbusDataUnit::HoldingRegisters, 512, {10}));
+    QVERIFY(write(QModbusDataUnit::Coils, 16, {1}));
+    QTRY_VERIFY_WITH_TIMEOUT(m_sim->toggleCount(0) >= 4, 2000);
+    QVERIFY(write(QModbusDataUnit::Coils, 16, {0}));
+    QVERIFY(!m_sim->output(0));
+    const int count = m_sim->toggleCount(0);
+    QTest::qWait(60);
+    QCOMPARE(m_sim->toggleCount(0), count);
+    QCOMPARE(read(QModbusDataUnit::Coils, 0, 1), QVector<quint16>{0});
+}
+
+void TstE1212Simulator::injectedException()
+{
+    m_sim->setException(QModbusDataUnit::Coils, 19, QModbusPdu::ServerDeviceFailure);
+    QString error;
+    QVERIFY(read(QModbusDataUnit::Coils, 16, 8, &error).isEmpty());
+    QVERIFY2(error.endsWith(QStringLiteral("exception 4")), qPrintable(error));
+    QVERIFY(!write(QModbusDataUnit::Coils, 19, {1}));
+    QVERIFY(!m_sim->pulseStatus(3));
+    QCOMPARE(read(QModbusDataUnit::Coils, 16, 3, &error), QVector<quint16>(3, 0)); // not touching 19
+    m_sim->clearExceptions();
+    QCOMPARE(read(QModbusDataUnit::Coils, 19, 1, &error), QVector<quint16>{0});
+}
+
+void TstE1212Simulator::responseDelayKeepsOrder()
+{
+    m_sim->setResponseDelay(150);
+    QElapsedTimer clock;
+    clock.start();
+    QModbusReply *first = m_client->sendReadRequest(QModbusDataUnit(QModbusDataUnit::InputRegisters, 5000, 1), 1);
+    QModbusReply *second = m_client->sendReadRequest(QModbusDataUnit(QModbusDataUnit::InputRegisters, 5024, 1), 1);
+    QVERIFY(first && second);
+    QSignalSpy secondDone(second, &QModbusReply::finished);
+    QVERIFY(secondDone.wait(2000));
+    QVERIFY(clock.elapsed() >= 150);
+    QVERIFY(first->isFinished());
+    QCOMPARE(first->result().value(0), quint16(0x4531));
+    QCOMPARE(second->result().value(0), quint16(0x0090));
+    delete first;
+    delete second;
+}
+
+void TstE1212Simulator::dropOnRequestAndDropConnections()
+{
+    QCOMPARE(m_sim->connectionCount(), 1);
+    m_sim->setDropOnRequest(true);
+    QString error;
+    QVERIFY(read(QModbusDataUnit::Coils, 0, 1, &error).isEmpty());
+    QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QModbusDevice::UnconnectedState, 2000);
+    QCOMPARE(m_sim->connectionCount(), 0);
+
+    m_sim->setDropOnRequest(false);
+    QVERIFY(m_client->connectDevice());
+    QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QModbusDevice::ConnectedState, 2000);
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->connectionCount(), 1, 2000);
+    QSignalSpy count(m_sim.data(), &E1212Simulator::connectionCountChanged);
+    m_sim->dropConnections();
+    QCOMPARE(m_sim->connectionCount(), 0);
+    QCOMPARE(count.size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QModbusDevice::UnconnectedState, 2000);
+}
+
+void TstE1212Simulator::startOnBusyPortFails()
+{
+    E1212Simulator second;
+    QString error;
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot listen")));
+    QVERIFY(!second.start(QHostAddress::LocalHost, m_sim->port(), &error));
+    QVERIFY2(error.startsWith(QStringLiteral("cannot listen on 127.0.0.1:%1").arg(m_sim->port())), qPrintable(error));
+    QCOMPARE(second.errorString(), error);
+    QCOMPARE(second.state(), E1212Simulator::Stopped);
+}
+
+void TstE1212Simulator::restartOnSamePortKeepsValues()
+{
+    QSignalSpy states(m_sim.data(), &E1212Simulator::stateChanged);
+    m_sim->setInput(4, true);
+    const quint16 port = m_sim->port();
+    m_sim->stop();
+    QCOMPARE(m_sim->port(), quint16(0));
+    QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QModbusDevice::UnconnectedState, 2000);
+    QString error;
+    QVERIFY2(m_sim->start(QHostAddress::LocalHost, port, &error), qPrintable(error));
+    QCOMPARE(states.size(), 2);
+    QVERIFY(m_client->connectDevice());
+    QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QModbusDevice::ConnectedState, 2000);
+    QCOMPARE(read(QModbusDataUnit::DiscreteInputs, 4, 1), QVector<quint16>{1});
+}
+
+void TstE1212Simulator::mbpollReadsTheMap_data()
+{
+    QTest::addColumn<QString>("type"); // mbpoll -t: 0 coil, 1 discrete input, 3 input register, 4 holding register
+    QTest::addColumn<int>("address");  // 0-based, as the map gives it
+    QTest::addColumn<int>("count");
+    QTest::addColumn<QStringList>("expected");
+    QTest::newRow("DI") << "1" << 0 << 3 << QStringList{"[0]: \t0", "[1]: \t0", "[2]: \t1"};
+    QTest::newRow("pulse status") << "0" << 19 << 1 << QStringList{"[19]: \t1"};
+    QTest::newRow("on-width") << "4" << 259 << 1 << QStringList{"[259]: \t250"};
+    QTest::newRow("model name") << "3" << 5000 << 2 << QStringList{"[5000]: \t17713", "[5001]: \t12849"};
+}
+
+void TstE1212Simulator::mbpollReadsTheMap()
+{
+    QFETCH(QString, type);
+    QFETCH(int, address);
+    QFETCH(int, count);
+    QFETCH(QStringList, expected);
+    const QString mbpoll = QStandardPaths::findExecutable(QStringLiteral("mbpoll"));
+    if (mbpoll.isEmpty())
+        QSKIP("mbpoll is not installed (Debian package mbpoll)");
+    m_sim->setInput(2, true);
+    m_sim->setValue(QModbusDataUnit::HoldingRegisters, 259, 250);
+    m_sim->setValue(QModbusDataUnit::Coils, 19, 1);
+    QProcess process;
+    // -0: addresses as on the wire; -1: one poll.
+    process.start(mbpoll, {QStringLiteral("-m"), QStringLiteral("tcp"), QStringLiteral("-p"), QString::number(m_sim->port()),
+                           QStringLiteral("-a"), QStringLiteral("1"), QStringLiteral("-0"), QStringLiteral("-1"),
+                           QStringLiteral("-t"), type, QStringLiteral("-r"), QString::number(address),
+                           QStringLiteral("-c"), QString::number(count), QStringLiteral("127.0.0.1")});
+    QSignalSpy finished(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
+    // The simulator runs on this thread: wait with the event loop running.
+    QVERIFY(finished.wait(10000));
+    const QString output = QString::fromLocal8Bit(process.readAllStandardOutput());
+    QCOMPARE(process.exitCode(), 0);
+    for (const QString &line : expected)
+        QVERIFY2(output.contains(line), qPrintable(output));
+}
+
+QTEST_GUILESS_MAIN(TstE1212Simulator)
+#include "tst_e1212simulator.moc"
