@@ -164,9 +164,9 @@ public:
                 || !integerIn(connection, QStringLiteral("pollIntervalMs"), 1, 3600000, at))
                 return false;
             config->connection = connection.toVariantMap();
-            // JSON numbers arrive as doubles; the driver wants whole numbers.
+            // JSON numbers arrive as doubles or 64-bit integers; the driver gets ints.
             for (auto it = config->connection.begin(); it != config->connection.end(); ++it)
-                if (it.value().userType() == QMetaType::Double)
+                if (it.value().userType() != QMetaType::QString)
                     it.value() = it.value().toInt();
         }
         config->sourceFile = m_source;
