@@ -72,7 +72,6 @@ bool BeMaintenanceDeviceMoxaIoLogic::initBackend()
     }
     QString error;
     if (m_channels->count() == 0 && !fillChannels(&error)) {
-        qCWarning(lcPanel).noquote() << error;
         setState(CeCsError, error);
         return false;
     }
@@ -104,10 +103,8 @@ bool BeMaintenanceDeviceMoxaIoLogic::fillChannels(QString *error)
         m_channels->append(channel);
     }
     if (m_channels->count() == 0) {
-        *error = QStringLiteral("No channels: the plug-in \"%1\" has no channel table (parameter \"channels\") "
-                                "for reference \"%2\"")
-                     .arg(plugin()->getName(),
-                          plugin()->getProperty(QStringLiteral("reference"), QVariant()).toString());
+        *error = QStringLiteral("No channels: the device \"%1\" has no channel table (plug-in parameter \"channels\")")
+                     .arg(plugin()->getProperty(QStringLiteral("reference"), QVariant()).toString());
         return false;
     }
     return true;
@@ -183,7 +180,8 @@ void BeMaintenanceDeviceMoxaIoLogic::applyTreatmentReply(unsigned long long runI
     if (command == c_getInfo && name == QLatin1String("deviceInformation")) {
         applyDeviceInformation(value.toMap());
     } else if (command == c_getValues && name == QLatin1String("values")) {
-        applyBlockValues(run, value);
+        if (!applyBlockValues(run, value))
+            return;
     } else if (command == c_setValue && name == QLatin1String("doneOk")) {
         if (!value.toBool()) {
             setPending(run.channel, false);
@@ -262,7 +260,7 @@ void BeMaintenanceDeviceMoxaIoLogic::applyDeviceInformation(const QVariantMap &i
     m_infoKnown = true;
 }
 
-void BeMaintenanceDeviceMoxaIoLogic::applyBlockValues(const Run &run, const QVariant &values)
+bool BeMaintenanceDeviceMoxaIoLogic::applyBlockValues(const Run &run, const QVariant &values)
 {
     // The values of a read, in register order; the host may hand them bare or in a
     // {"values": [...]} map, as the driver replied.
@@ -271,7 +269,7 @@ void BeMaintenanceDeviceMoxaIoLogic::applyBlockValues(const Run &run, const QVar
         list = list.toMap().value(QStringLiteral("values"));
     if (list.type() != QVariant::List) {
         qCWarning(lcPanel) << "ignored a malformed read of" << run.channel << ":" << values;
-        return;
+        return false;
     }
     const QVariantList read = list.toList();
     for (int offset = 0; offset < read.size() && offset < run.block.size(); ++offset) {
@@ -287,6 +285,7 @@ void BeMaintenanceDeviceMoxaIoLogic::applyBlockValues(const Run &run, const QVar
             setPending(target->id(), false);
         }
     }
+    return true;
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::setPending(const QString &channelId, bool pending)

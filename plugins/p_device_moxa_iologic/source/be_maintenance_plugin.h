@@ -126,7 +126,8 @@ private:
     DMoxaChannel *channel(const QString &id) const;
     bool fillChannels(QString *error);
     void applyDeviceInformation(const QVariantMap &info);
-    void applyBlockValues(const Run &run, const QVariant &values);
+    // False (nothing applied) when the values are not a list.
+    bool applyBlockValues(const Run &run, const QVariant &values);
     void pollTick();
     void setPending(const QString &channelId, bool pending);
     void setState(EnConnectionState state, const QString &errorText = QString());
