@@ -52,8 +52,8 @@ bool ModbusConnectionSettings::fromMap(const QVariantMap &map, ModbusConnectionS
     }
     if (!readInt(map, QStringLiteral("port"), 1, 65535, &settings.port, error)
         || !readInt(map, QStringLiteral("unitId"), 0, 255, &settings.unitId, error)
-        || !readInt(map, QStringLiteral("timeoutMs"), 10, 600000, &settings.timeoutMs, error)
-        || !readInt(map, QStringLiteral("pollIntervalMs"), 10, 3600000, &settings.pollIntervalMs, error))
+        || !readInt(map, QStringLiteral("timeoutMs"), 1, 3600000, &settings.timeoutMs, error)
+        || !readInt(map, QStringLiteral("pollIntervalMs"), 1, 3600000, &settings.pollIntervalMs, error))
         return false;
     *out = settings;
     return true;

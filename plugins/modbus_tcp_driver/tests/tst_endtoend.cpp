@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: MIT
+// Every device command end to end: host runtime, device plug-in and Modbus TCP driver
+// loaded from the build tree, over a real loopback connection to the simulator.
+#include "dabstractplugin.h"
+#include "deviceconfig.h"
+#include "e1212simulator.h"
+#include "execution.h"
+#include "host.h"
+#include "pluginmanager.h"
+
+#include <QElapsedTimer>
+#include <QSignalSpy>
+#include <QtTest>
+
+class TstEndToEnd : public QObject
+{
+    Q_OBJECT
+private slots:
+    void init();
+    void cleanup();
+
+    void getInfo();
+    void setValueThenGetValue();
+    void maskedWriteChangesOnlyMaskedBits_data();
+    void maskedWriteChangesOnlyMaskedBits();
+    void blinkTogglesAtTheWidthsGiven_data();
+    void blinkTogglesAtTheWidthsGiven();
+    void setValuesWritesAListOfPulseStatuses();
+    void listenReportsInputChangesInOrder();
+    void getValuesReadsTheRun();
+    void deadDeviceFailsWithinTimeout();
+
+private:
+    // Runs a command to its end (bounded) and returns the execution.
+    Execution *run(const QString &command, const QVariantMap &arguments, int waitMs = 5000);
+
+    QScopedPointer<E1212Simulator> m_sim;
+    QScopedPointer<PluginManager> m_plugins;
+    QScopedPointer<Host> m_host;
+    DAbstractPlugin *m_device = nullptr;
+};
+
+void TstEndToEnd::init()
+{
+    m_sim.reset(new E1212Simulator);
+    QString error;
+    QVERIFY2(m_sim->start(QHostAddress::LocalHost, 0, &error), qPrintable(error));
+    m_plugins.reset(new PluginManager);
+    QVERIFY(m_plugins->scan({QStringLiteral(E1212_PLUGIN_DIR)}) >= 2);
+    QList<DeviceConfig> configs = DeviceConfig::loadFile(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"), &error);
+    QVERIFY2(configs.size() == 1, qPrintable(error));
+    configs[0].connection = {{QStringLiteral("host"), QStringLiteral("127.0.0.1")},
+                             {QStringLiteral("port"), m_sim->port()},
+                             {QStringLiteral("timeoutMs"), 500},
+                             {QStringLiteral("pollIntervalMs"), 20}};
+    m_host.reset(new Host(m_plugins.data()));
+    QVERIFY2(m_host->addDevice(configs.first(), &error), qPrintable(error));
+    m_device = m_host->device(configs.first().reference);
+    QVERIFY(m_device);
+}
+
+void TstEndToEnd::cleanup()
+{
+    m_host.reset();
+    m_plugins.reset();
+    m_sim.reset();
+}
+
+Execution *TstEndToEnd::run(const QString &command, const QVariantMap &arguments, int waitMs)
+{
+    Execution *execution = m_host->execute(m_device, command, arguments);
+    QSignalSpy finished(execution, &Execution::finished);
+    if (!execution->isFinished())
+        finished.wait(waitMs);
+    return execution;
+}
+
+void TstEndToEnd::getInfo()
+{
+    Execution *execution = run(QStringLiteral("getInfo"), {});
+    QVERIFY2(execution->isOk(), qPrintable(execution->errorString()));
+    const QVariantMap info = execution->results().value(QStringLiteral("deviceInformation")).toMap();
+    QCOMPARE(info.value(QStringLiteral("modelName")).toString(), QStringLiteral("E1212"));
+    QCOMPARE(info.value(QStringLiteral("softwareVersion")).toString(), QStringLiteral("V3.2.1 Build23041709"));
+    QCOMPARE(info.value(QStringLiteral("macAddress")).toString(), QStringLiteral("00:90:E8:12:34:56"));
+    QCOMPARE(info.value(QStringLiteral("serialNumber")).toString(), QString());
+}
+
+void TstEndToEnd::setValueThenGetValue()
+{
+    Execution *set = run(QStringLiteral("setValue"), {{QStringLiteral("channel"), QStringLiteral("DO3")},
+                                                      {QStringLiteral("value"), 1}});
+    QVERIFY2(set->isOk(), qPrintable(set->errorString()));
+    QCOMPARE(set->results().value(QStringLiteral("doneOk")), QVariant(true));
+    QVERIFY(m_sim->pulseStatus(3));
+    QVERIFY(m_sim->output(3));
+    QCOMPARE(m_sim->pulseOnWidth(3), quint16(65535)); // active-high: held on
+    QCOMPARE(m_sim->pulseOffWidth(3), quint16(1));
+    Execution *get = run(QStringLiteral("getValue"), {{QStringLiteral("channel"), QStringLiteral("DO3")}});
+    QVERIFY2(get->isOk(), qPrintable(get->errorString()));
+    QCOMPARE(get->results().value(QStringLiteral("value")).toUInt(), 1u);
+
+    QVERIFY(run(QStringLiteral("setValue"), {{QStringLiteral("channel"), QStringLiteral("DO3")},
+                                             {QStringLiteral("value"), 0}})->isOk());
+    QVERIFY(!m_sim->pulseStatus(3));
+    QVERIFY(!m_sim->output(3));
+    QCOMPARE(run(QStringLiteral("getValue"), {{QStringLiteral("channel"), QStringLiteral("DO3")}})
+                 ->results().value(QStringLiteral("value")).toUInt(), 0u);
+}
+
+void TstEndToEnd::maskedWriteChangesOnlyMaskedBits_data()
+{
+    QTest::addColumn<int>("holdingBefore"); // the on-width register of DO5, written through a masked path below
+    QTest::addColumn<bool>("outputBefore");
+    QTest::addColumn<int>("mask");
+    QTest::addColumn<int>("value");
+    QTest::addColumn<bool>("outputAfter");
+    QTest::newRow("mask 1 sets") << 0 << false << 0x0001 << 1 << true;
+    QTest::newRow("mask 1 clears") << 0 << true << 0x0001 << 0 << false;
+    QTest::newRow("mask 0 keeps off") << 0 << false << 0x0000 << 1 << false;
+    QTest::newRow("mask 0 keeps on") << 0 << true << 0x0000 << 0 << true;
+    QTest::newRow("mask 0xFFFE leaves bit 0") << 0 << true << 0xFFFE << 0 << true;
+}
+
+void TstEndToEnd::maskedWriteChangesOnlyMaskedBits()
+{
+    QFETCH(bool, outputBefore);
+    QFETCH(int, mask);
+    QFETCH(int, value);
+    QFETCH(bool, outputAfter);
+    m_sim->setOutput(5, outputBefore);
+    m_sim->setOutput(4, true);
+    m_sim->setOutput(6, false);
+    Execution *set = run(QStringLiteral("setValue"), {{QStringLiteral("channel"), QStringLiteral("DO5")},
+                                                      {QStringLiteral("value"), value},
+                                                      {QStringLiteral("bitMask"), mask}});
+    QVERIFY2(set->isOk(), qPrintable(set->errorString()));
+    QCOMPARE(set->results().value(QStringLiteral("doneOk")), QVariant(true));
+    QCOMPARE(m_sim->output(5), outputAfter);
+    QVERIFY(m_sim->output(4));
+    QVERIFY(!m_sim->output(6));
+    QVERIFY(!m_sim->pulseStatus(5)); // the masked path writes the output itself
+}
+
+void TstEndToEnd::blinkTogglesAtTheWidthsGiven_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("setBlink") << "setBlink";
+    QTest::newRow("setValues") << "setValues";
+}
+
+void TstEndToEnd::blinkTogglesAtTheWidthsGiven()
+{
+    QFETCH(QString, command);
+    QElapsedTimer clock;
+    QVector<qint64> at;
+    connect(m_sim.data(), &E1212Simulator::outputChanged, this, [&](int channel, bool) {
+        if (channel == 6)
+            at.append(clock.elapsed());
+    });
+    clock.start();
+    Execution *blink = run(command, {{QStringLiteral("channel"), QStringLiteral("DO6")},
+                                     {QStringLiteral("pulseOnWidth"), 40},
+                                     {QStringLiteral("pulseOffWidth"), 80},
+                                     {QStringLiteral("values"), QVariantList{1}}});
+    QVERIFY2(blink->isOk(), qPrintable(blink->errorString()));
+    QCOMPARE(m_sim->pulseOnWidth(6), quint16(40));
+    QCOMPARE(m_sim->pulseOffWidth(6), quint16(80));
+    QTRY_VERIFY_WITH_TIMEOUT(at.size() >= 6, 3000);
+    for (int i = 2; i < 6; ++i) { // phase i-1 ended at change i: on after odd changes
+        const qint64 width = at.at(i) - at.at(i - 1);
+        const int expected = (i % 2 == 1) ? 40 : 80;
+        QVERIFY2(width >= expected - 2 && width <= expected + 40,
+                 qPrintable(QStringLiteral("phase lasted %1 ms, expected %2").arg(width).arg(expected)));
+    }
+    QVERIFY(run(command, {{QStringLiteral("channel"), QStringLiteral("DO6")},
+                          {QStringLiteral("values"), QVariantList{0}}})->isOk());
+    QVERIFY(!m_sim->pulseStatus(6));
+    QVERIFY(!m_sim->output(6));
+}
+
+void TstEndToEnd::setValuesWritesAListOfPulseStatuses()
+{
+    Execution *set = run(QStringLiteral("setValues"), {{QStringLiteral("channel"), QStringLiteral("DO1")},
+                                                        {QStringLiteral("pulseOnWidth"), 30},
+                                                        {QStringLiteral("pulseOffWidth"), 30},
+                                                        {QStringLiteral("values"), QVariantList{1, 0, 1}}});
+    QVERIFY2(set->isOk(), qPrintable(set->errorString()));
+    QVERIFY(m_sim->pulseStatus(1));
+    QVERIFY(!m_sim->pulseStatus(2));
+    QVERIFY(m_sim->pulseStatus(3));
+    QCOMPARE(m_sim->pulseOnWidth(1), quint16(30)); // widths for the first channel only
+    QCOMPARE(m_sim->pulseOnWidth(3), quint16(1));
+}
+
+void TstEndToEnd::listenReportsInputChangesInOrder()
+{
+    Execution *listen = m_host->execute(m_device, QStringLiteral("listenEvents"),
+                                        {{QStringLiteral("channel"), QStringLiteral("DI2")}});
+    QSignalSpy results(listen, &Execution::resultChanged);
+    QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 2000);
+    for (bool on : {true, false, true, false}) {
+        const int before = results.size();
+        m_sim->setInput(2, on);
+        QTRY_COMPARE_WITH_TIMEOUT(results.size(), before + 1, 2000);
+    }
+    const QVariantList expected{0u, 1u, 0u, 1u, 0u};
+    QCOMPARE(results.size(), expected.size());
+    for (int i = 0; i < results.size(); ++i) {
+        QCOMPARE(results.at(i).at(0).toString(), QStringLiteral("values"));
+        QCOMPARE(results.at(i).at(1).toMap(), (QVariantMap{{QStringLiteral("values"), QVariantList{expected.at(i)}}}));
+    }
+    QSignalSpy finished(listen, &Execution::finished);
+    QVERIFY(m_host->stop(listen));
+    QVERIFY(finished.wait(2000) || listen->isFinished());
+    QVERIFY(listen->isOk());
+    m_sim->setInput(2, true);
+    QTest::qWait(100);
+    QCOMPARE(results.size(), expected.size());
+}
+
+void TstEndToEnd::getValuesReadsTheRun()
+{
+    m_sim->setInput(0, true);
+    m_sim->setInput(7, true);
+    Execution *get = run(QStringLiteral("getValues"), {{QStringLiteral("channel"), QStringLiteral("DI0")}});
+    QVERIFY2(get->isOk(), qPrintable(get->errorString()));
+    QCOMPARE(get->results().value(QStringLiteral("values")).toList(),
+             (QVariantList{1u, 0u, 0u, 0u, 0u, 0u, 0u, 1u}));
+}
+
+void TstEndToEnd::deadDeviceFailsWithinTimeout()
+{
+    const quint16 port = m_sim->port();
+    m_sim->stop();
+    QElapsedTimer clock;
+    clock.start();
+    Execution *get = run(QStringLiteral("getValue"), {{QStringLiteral("channel"), QStringLiteral("DI1")}});
+    QVERIFY(clock.elapsed() < 500 + 1000);
+    QCOMPARE(get->state(), Execution::Failed);
+    QVERIFY2(get->errorString().contains(QStringLiteral("cannot connect to 127.0.0.1:%1").arg(port))
+                 && get->errorString().contains(QStringLiteral("discreteInputs register 1")),
+             qPrintable(get->errorString()));
+}
+
+QTEST_GUILESS_MAIN(TstEndToEnd)
+#include "tst_endtoend.moc"
