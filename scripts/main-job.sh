@@ -4,4 +4,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh
-./build/bin/e1212ctl
+./build/bin/e1212ctl demo
