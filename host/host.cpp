@@ -435,11 +435,17 @@ void Host::onDriverReply(unsigned long long id, const QVariantMap &reply, bool l
     const QString values = QStringLiteral("values");
     const QString errorKey = QStringLiteral("error");
     if (!reply.contains(values) && reply.contains(errorKey)) {
-        if (!last)
-            dropPending(id, true);
         const QString error = QStringLiteral("%1: the driver of \"%2\" failed instruction %3 (\"%4\"): %5")
                                   .arg(pending.commandName, pending.deviceReference).arg(id)
                                   .arg(pending.instruction, reply.value(errorKey).toString());
+        // A listen outlives an outage: the driver goes on and reports again once it can.
+        if (!last && pending.execution && pending.execution->isListening()) {
+            qCWarning(lcHost).noquote() << error;
+            emit pending.execution->errorReported(error);
+            return;
+        }
+        if (!last)
+            dropPending(id, true);
         if (pending.execution)
             finish(pending.execution, Execution::Failed, CeDriverError, error);
         else

@@ -230,6 +230,22 @@ private slots:
         QVERIFY(!m_host->stop(execution));
     }
 
+    void listenOutlivesADriverOutage()
+    {
+        const QVariantMap outage{{QStringLiteral("error"), QStringLiteral("no answer from 127.0.0.1:1502")}};
+        setScript({rule(QStringLiteral("listen"), {outage, reply(QVariantList{1})}, {{QStringLiteral("open"), true}})});
+        LogCapture log;
+        Execution *execution = m_host->execute(m_device, QStringLiteral("watch"));
+        QSignalSpy errors(execution, &Execution::errorReported);
+        QSignalSpy results(execution, &Execution::resultChanged);
+        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 3000);
+        QCOMPARE(errors.size(), 1);
+        QVERIFY(errors.first().first().toString().endsWith(QStringLiteral("(\"listen\"): no answer from 127.0.0.1:1502")));
+        QCOMPARE(execution->state(), Execution::Running);
+        QVERIFY(m_host->stop(execution));
+        QVERIFY(execution->isOk());
+    }
+
     void declaredObjectRunsOneExecutionAtATime()
     {
         setScript({rule(QStringLiteral("read"), {reply(QVariantList{1})}, {{QStringLiteral("delayMs"), 100}, {QStringLiteral("times"), 1}}),

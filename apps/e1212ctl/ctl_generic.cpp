@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+#include "ctl_generic.h"
+
+#include "ctlsession.h"
+#include "dabstractcommand.h"
+#include "dabstractplugin.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+namespace {
+
+// A KEY=VALUE value: JSON where it parses (numbers, true, [1,0], {"a":1}, "text"), the
+// words themselves otherwise. Whole numbers become ints.
+QVariant argumentValue(const QString &text)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(QStringLiteral("[%1]").arg(text).toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError || document.array().size() != 1)
+        return text;
+    const QVariant value = document.array().first().toVariant();
+    if (value.userType() == QMetaType::Double) {
+        const double number = value.toDouble();
+        if (number == double(int(number)) && number >= -2147483648.0 && number <= 2147483647.0)
+            return int(number);
+    }
+    return value;
+}
+
+int run(CtlSession &session, const QStringList &words)
+{
+    if (words.isEmpty())
+        return session.usageError(QStringLiteral("usage: e1212ctl run NAME [KEY=VALUE...]"));
+    QVariantMap arguments;
+    for (const QString &word : words.mid(1)) {
+        const int equals = word.indexOf(QLatin1Char('='));
+        if (equals <= 0)
+            return session.usageError(QStringLiteral("argument \"%1\" is not KEY=VALUE").arg(word));
+        arguments.insert(word.left(equals), argumentValue(word.mid(equals + 1)));
+    }
+    int exitCode = 0;
+    if (!session.openDevice(&exitCode))
+        return exitCode;
+    return session.runAndReport(words.first(), arguments, [&session](const QVariantMap &results) {
+        for (auto it = results.cbegin(); it != results.cend(); ++it)
+            session.out() << it.key() << ": " << CtlSession::toText(it.value()) << '\n';
+    });
+}
+
+QString defaultText(const QVariant &value)
+{
+    if (!value.isValid())
+        return QString();
+    return QStringLiteral(" [default %1]").arg(QString::fromUtf8(QJsonDocument(QJsonArray{QJsonValue::fromVariant(value)})
+                                                                      .toJson(QJsonDocument::Compact)).mid(1).chopped(1));
+}
+
+int commands(CtlSession &session, const QStringList &words)
+{
+    if (!words.isEmpty())
+        return session.usageError(QStringLiteral("usage: e1212ctl commands"));
+    int exitCode = 0;
+    if (!session.openDevice(&exitCode))
+        return exitCode;
+    const DAbstractPlugin *device = session.device();
+    QVariantList list;
+    for (const QString &name : device->commandNames()) {
+        QVariantList arguments;
+        const DCommandArguments declared = device->getCommandParameters(name);
+        for (const DCommandArgument &argument : declared)
+            arguments << QVariantMap{{QStringLiteral("kind"), argument.kind == DCommandArgument::CeParameter ? QStringLiteral("parameter") : QStringLiteral("result")},
+                                     {QStringLiteral("name"), argument.name}, {QStringLiteral("type"), argument.typeCode},
+                                     {QStringLiteral("description"), argument.description}, {QStringLiteral("default"), argument.defaultValue}};
+        const DAbstractCommand *command = device->command(name);
+        list << QVariantMap{{QStringLiteral("name"), name}, {QStringLiteral("description"), device->getFunctionDescription(name)},
+                            {QStringLiteral("stopCommand"), command ? command->stopCommandName() : QString()},
+                            {QStringLiteral("arguments"), arguments}};
+    }
+    return session.reportLocal(QStringLiteral("commands"), {{QStringLiteral("commands"), list}}, [&session, list](const QVariantMap &) {
+        for (const QVariant &entry : list) {
+            const QVariantMap command = entry.toMap();
+            session.out() << command.value(QStringLiteral("name")).toString() << " - "
+                          << command.value(QStringLiteral("description")).toString() << '\n';
+            for (const QVariant &argumentEntry : command.value(QStringLiteral("arguments")).toList()) {
+                const QVariantMap argument = argumentEntry.toMap();
+                session.out() << "    " << argument.value(QStringLiteral("kind")).toString().leftJustified(9) << ' '
+                              << argument.value(QStringLiteral("name")).toString() << " ("
+                              << argument.value(QStringLiteral("type")).toString() << "): "
+                              << argument.value(QStringLiteral("description")).toString()
+                              << defaultText(argument.value(QStringLiteral("default"))) << '\n';
+            }
+            if (!command.value(QStringLiteral("stopCommand")).toString().isEmpty())
+                session.out() << "    stop with " << command.value(QStringLiteral("stopCommand")).toString() << '\n';
+        }
+    });
+}
+
+int channels(CtlSession &session, const QStringList &words)
+{
+    if (!words.isEmpty())
+        return session.usageError(QStringLiteral("usage: e1212ctl channels"));
+    int exitCode = 0;
+    if (!session.openDevice(&exitCode))
+        return exitCode;
+    const QStringList columns{QStringLiteral("id"), QStringLiteral("type"), QStringLiteral("register"),
+                              QStringLiteral("readRegisterType"), QStringLiteral("writeRegisterType"),
+                              QStringLiteral("activeLevelHigh"), QStringLiteral("size"), QStringLiteral("name")};
+    QVariantList rows;
+    const QVariantList table = session.channelTable();
+    for (const QVariant &record : table) {
+        const QString id = record.toMap().value(QStringLiteral("id")).toString();
+        QVariantMap row = session.channelInfo(id);
+        row.insert(QStringLiteral("id"), id);
+        row.insert(QStringLiteral("name"), record.toMap().value(QStringLiteral("name")));
+        rows << row;
+    }
+    return session.reportLocal(QStringLiteral("channels"), {{QStringLiteral("channels"), rows}}, [&](const QVariantMap &) {
+        QVector<int> widths(columns.size());
+        auto cell = [](const QVariantMap &row, const QString &column) {
+            return row.contains(column) ? CtlSession::toText(row.value(column)) : QStringLiteral("-");
+        };
+        for (int c = 0; c < columns.size(); ++c) {
+            widths[c] = columns.at(c).size();
+            for (const QVariant &row : qAsConst(rows))
+                widths[c] = qMax(widths[c], cell(row.toMap(), columns.at(c)).size());
+        }
+        for (int c = 0; c < columns.size(); ++c)
+            session.out() << columns.at(c).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
+        session.out() << '\n';
+        for (const QVariant &row : qAsConst(rows)) {
+            for (int c = 0; c < columns.size(); ++c)
+                session.out() << cell(row.toMap(), columns.at(c)).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
+            session.out() << '\n';
+        }
+    });
+}
+
+} // namespace
+
+CtlGroup genericGroup()
+{
+    return {QStringLiteral("Any command, and what the device declares"),
+            {
+                {QStringLiteral("run"), QStringLiteral("NAME [KEY=VALUE...]"),
+                 QStringLiteral("run any declared command; values are JSON where they parse, text otherwise"), &run},
+                {QStringLiteral("commands"), QString(), QStringLiteral("the declared commands, their parameters, results, type codes and defaults"), &commands},
+                {QStringLiteral("channels"), QString(), QStringLiteral("the channel table of the configured device"), &channels},
+            }};
+}

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: MIT
+// e1212ctl's logging category "e1212.ctl" and where diagnostic lines go.
+#pragma once
+
+#include <QLoggingCategory>
+#include <QString>
+
+Q_DECLARE_LOGGING_CATEGORY(lcCtl)
+
+// The log file: $XDG_STATE_HOME/e1212/e1212ctl.log, else ~/.local/state/e1212/e1212ctl.log;
+// the temporary folder's e1212ctl.log when that folder cannot be made.
+QString ctlLogFilePath();
+// Sends every Qt message to stderr (verbose) or appends it to the log file.
+void installCtlMessageHandler(bool verbose);
