@@ -2,6 +2,13 @@
 #include "p_device_moxa_iologic.h"
 
 #include "be_maintenance_plugin.h"
+#include "d_cmd_getInfo.h"
+#include "d_cmd_getValue.h"
+#include "d_cmd_getValues.h"
+#include "d_cmd_listenEvents.h"
+#include "d_cmd_setValue.h"
+#include "d_cmd_setValues.h"
+#include "d_cmd_setValuesWithPulse.h"
 #include "d_moxa_channel.h"
 #include "diagnosticlog.h"
 #include "hostutils.h"
@@ -46,6 +53,15 @@ void PDeviceMoxaIoLogic::initPluginCommands()
     }
 
     initAbstractCommands();
+
+    // Each command is declared before the next one is created.
+    declareInstructionCommand(new DCmdGetInfo(this));
+    declareInstructionCommand(new DCmdGetValue(this));
+    declareInstructionCommand(new DCmdGetValues(this));
+    declareInstructionCommand(new DCmdSetValue(this));
+    declareInstructionCommand(new DCmdSetValues(this));
+    declareInstructionCommand(new DCmdSetValuesWithPulse(this));
+    declareInstructionCommand(new DCmdListenEvents(this));
 
     emit sigCommandsInitDone(objectUuid(), commandNames());
 }
