@@ -6,6 +6,7 @@
 
 namespace {
 const char c_sourceFile[] = "plugins/p_device_moxa_iologic/source/d_cmd_getValue";
+// The reply messages of this command are logged under this line.
 const DReplyCheck c_replyCheck(c_sourceFile, __LINE__, __LINE__, __LINE__);
 } // namespace
 
