@@ -22,7 +22,9 @@
 // Every value shown comes from the plug-in's own commands, run through the host
 // (runCommand): "getInfo" for the header; "getValues" from the first channel of each
 // register block, once per poll interval (two reads for the sixteen channels); "setValue"
-// to toggle an output. An output shows its output coil, the state on the wire. A poll that
+// to toggle an output. Not "listenEvents": the host runs its executions one at a time on the
+// declared command, and a listening one never ends, so it could watch one channel only.
+// An output shows its output coil, the state on the wire. A poll that
 // fails shows the error; the next poll retries, so the screen recovers by itself.
 class BeMaintenanceDeviceMoxaIoLogic : public DAbstractPluginBackend
 {
