@@ -192,6 +192,8 @@ int CtlSession::runAndReport(const QString &command, const QVariantMap &argument
     QEventLoop loop;
     SignalWatcher watcher;
     int events = 0;
+    // The driver's last word on a listen, while the device does not answer.
+    QString outage;
     connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
     connect(&watcher, &SignalWatcher::interrupted, execution, [this, execution](int number) {
         qCInfo(lcCtl) << "signal" << number << "received: stopping";
@@ -201,6 +203,7 @@ int CtlSession::runAndReport(const QString &command, const QVariantMap &argument
         if (!execution->isListening())
             return;
         ++events;
+        outage.clear();
         if (m_options.json)
             printJson({{QStringLiteral("event"), name}, {QStringLiteral("value"), QJsonValue::fromVariant(value)},
                        {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)}});
@@ -212,7 +215,8 @@ int CtlSession::runAndReport(const QString &command, const QVariantMap &argument
         if (limits.count > 0 && events >= limits.count)
             m_host->stop(execution);
     });
-    connect(execution, &Execution::errorReported, this, [this](const QString &error) {
+    connect(execution, &Execution::errorReported, this, [this, &outage](const QString &error) {
+        outage = error;
         if (m_options.json)
             printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("error"), error},
                        {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)}});
@@ -227,16 +231,20 @@ int CtlSession::runAndReport(const QString &command, const QVariantMap &argument
     if (!execution->isFinished())
         loop.exec();
 
-    const bool ok = execution->isOk();
+    // A listen stopped while the device was not answering has failed, though it ended normally.
+    const bool ok = execution->isOk() && outage.isEmpty();
+    const QString error = !execution->isOk() ? execution->errorString() : outage;
     if (m_options.json) {
         printJson({{QStringLiteral("command"), command}, {QStringLiteral("ok"), ok},
                    {QStringLiteral("results"), QJsonObject::fromVariantMap(execution->results())},
-                   {QStringLiteral("error"), ok ? QString() : execution->errorString()}});
+                   {QStringLiteral("error"), ok ? QString() : error}});
     } else if (ok && human) {
         human(execution->results());
     }
+    if (!ok && execution->isOk())
+        return ExitFailed; // the outage is on stderr already
     if (!ok)
-        return fail(ExitFailed, QStringLiteral("%1 failed: %2").arg(command, execution->errorString()));
+        return fail(ExitFailed, QStringLiteral("%1 failed: %2").arg(command, error));
     return ExitOk;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // e1212ctl as a user runs it: usage and configuration errors, channel checks, JSON output,
 // a listen stopped by SIGTERM.
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -191,11 +192,27 @@ private slots:
             QCOMPARE(last.value(QStringLiteral("results")).toObject().value(QStringLiteral("value")).toInt(), 5);
     }
 
+    void listenStopsOnSigterm_data()
+    {
+        QTest::addColumn<QString>("script");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("firstEvent");
+        QTest::addColumn<QJsonValue>("lastValues");
+        QTest::newRow("reports") << R"([{"instruction": "listen", "open": true, "intervalMs": 20, "replies": [{"values": [1]}, {"values": [0]}]}])"
+                                 << 0 << "values" << QJsonValue(QJsonArray{0});
+        // Stopped while the device does not answer: the listen has failed.
+        QTest::newRow("outage") << R"([{"instruction": "listen", "open": true, "intervalMs": 20, "replies": [{"values": [1]}, {"error": "device gone"}]}])"
+                                << 1 << "values" << QJsonValue(QJsonArray{1});
+    }
+
     void listenStopsOnSigterm()
     {
+        QFETCH(QString, script);
+        QFETCH(int, exitCode);
+        QFETCH(QString, firstEvent);
+        QFETCH(QJsonValue, lastValues);
         QProcess process;
-        process.setProcessEnvironment(environment(
-            QStringLiteral(R"([{"instruction": "listen", "open": true, "intervalMs": 20, "replies": [{"values": [1]}, {"values": [0]}]}])")));
+        process.setProcessEnvironment(environment(script));
         process.start(QStringLiteral(E1212_BIN_DIR "/e1212ctl"), testDevice({QStringLiteral("--json"), QStringLiteral("run"),
                                                                                QStringLiteral("watch"), QStringLiteral("channel=DI0")}));
         QVERIFY(process.waitForStarted(5000));
@@ -204,16 +221,19 @@ private slots:
         process.terminate();
         QVERIFY(process.waitForFinished(10000));
         out += process.readAllStandardOutput();
-        QCOMPARE(process.exitCode(), 0);
+        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(process.exitCode(), exitCode);
         const QList<QByteArray> lines = out.trimmed().split('\n');
         QCOMPARE(lines.size(), 3);
         const QJsonObject first = QJsonDocument::fromJson(lines.at(0)).object();
-        QCOMPARE(first.value(QStringLiteral("event")).toString(), QStringLiteral("values"));
+        QCOMPARE(first.value(QStringLiteral("event")).toString(), firstEvent);
         QCOMPARE(first.value(QStringLiteral("value")).toArray(), QJsonArray{1});
         const QJsonObject last = QJsonDocument::fromJson(lines.at(2)).object();
         QCOMPARE(last.value(QStringLiteral("command")).toString(), QStringLiteral("watch"));
-        QCOMPARE(last.value(QStringLiteral("ok")).toBool(), true);
-        QCOMPARE(last.value(QStringLiteral("results")).toObject().value(QStringLiteral("values")).toArray(), QJsonArray{0});
+        QCOMPARE(last.value(QStringLiteral("ok")).toBool(), exitCode == 0);
+        QCOMPARE(last.value(QStringLiteral("results")).toObject().value(QStringLiteral("values")), lastValues);
+        if (exitCode != 0)
+            QVERIFY(last.value(QStringLiteral("error")).toString().endsWith(QStringLiteral("(\"listen\"): device gone")));
     }
 
     void namedCommandsUseTheConfiguredTable()
