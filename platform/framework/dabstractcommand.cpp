@@ -80,13 +80,37 @@ bool DAbstractCommand::isDeclared(DCommandArgument::EnKind kind, const QString &
     return false;
 }
 
+namespace {
+// Whether a declared default is a value of its declared type. A default of another type
+// (an empty text declared for a number or a list) only fills the declaration.
+bool fitsTypeCode(const QString &typeCode, const QVariant &value)
+{
+    switch (value.userType()) {
+    case QMetaType::QString:
+        return typeCode == QLatin1String("strg") || typeCode == QLatin1String("vart");
+    case QMetaType::Bool:
+        return typeCode == QLatin1String("bool") || typeCode == QLatin1String("vart");
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+        return typeCode == QLatin1String("ui16") || typeCode == QLatin1String("int") || typeCode == QLatin1String("vart");
+    case QMetaType::QVariantList:
+        return typeCode == QLatin1String("varL") || typeCode == QLatin1String("vart");
+    default:
+        return value.isValid() && typeCode == QLatin1String("vart");
+    }
+}
+} // namespace
+
 QVariant DAbstractCommand::getParameterValue(const QString &name, const QVariant &defaultValue) const
 {
     const auto given = m_parameters.constFind(name);
     if (given != m_parameters.constEnd())
         return given.value();
     for (const DCommandArgument &argument : m_arguments)
-        if (argument.kind == DCommandArgument::CeParameter && argument.name == name && argument.defaultValue.isValid())
+        if (argument.kind == DCommandArgument::CeParameter && argument.name == name
+            && fitsTypeCode(argument.typeCode, argument.defaultValue))
             return argument.defaultValue;
     return defaultValue;
 }

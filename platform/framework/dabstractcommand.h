@@ -52,8 +52,8 @@ public:
     // and the host then runs executions one at a time on the declared object.
     virtual QSharedPointer<ICommand> createCommand(const QMap<QString, QVariant> &parameters) const;
 
-    // The caller's argument; when the caller gave none, the declared default when it is
-    // valid; otherwise `defaultValue`.
+    // The caller's argument; when the caller gave none, the declared default when it is a
+    // value of the declared type (65535 for a "ui16", not "" for a "varL"); otherwise `defaultValue`.
     QVariant getParameterValue(const QString &name, const QVariant &defaultValue = QVariant()) const;
 
     // Looks in the plug-in's "channels" parameter for the record whose "id" is `channel`,

@@ -29,6 +29,7 @@ public:
         setDescription(QStringLiteral("Probe"));
         declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel name"), QVariant());
         declareAParameter(QStringLiteral("bitMask"), QStringLiteral("ui16"), QStringLiteral("Mask"), QVariant(int(65535)));
+        declareAParameter(QStringLiteral("values"), QStringLiteral("varL"), QStringLiteral("Values"), QVariant(QStringLiteral("")));
         declareAResult(QStringLiteral("value"), QStringLiteral("ui16"), QStringLiteral("Value"), QVariant());
     }
     using DAbstractCommand::commandUpdateResult;
@@ -138,6 +139,7 @@ void TstFramework::parameterValues_data()
     QTest::newRow("given") << QVariantMap{{QStringLiteral("bitMask"), 15}} << "bitMask" << QVariant() << QVariant(15);
     QTest::newRow("declared default") << QVariantMap{} << "bitMask" << QVariant() << QVariant(int(65535));
     QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "channel" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
+    QTest::newRow("default of another type -> fallback") << QVariantMap{} << "values" << QVariant() << QVariant();
     QTest::newRow("undeclared -> fallback") << QVariantMap{} << "other" << QVariant(2) << QVariant(2);
     QTest::newRow("given invalid stays") << QVariantMap{{QStringLiteral("channel"), QVariant()}} << "channel" << QVariant(1) << QVariant();
 }
@@ -165,7 +167,7 @@ void TstFramework::executeRefusals_data()
     QTest::newRow("no messenger") << false << QVariantMap{} << false
                                   << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
     QTest::newRow("unknown parameter") << true << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
-                                       << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask)";
+                                       << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values)";
 }
 
 void TstFramework::executeRefusals()
@@ -227,10 +229,10 @@ void TstFramework::registryOrderAndDuplicates()
     QCOMPARE(plugin.command(QStringLiteral("listen"))->parent(), &plugin);
 
     const DCommandArguments arguments = plugin.getCommandParameters(QStringLiteral("probe"));
-    QCOMPARE(arguments.size(), 3);
+    QCOMPARE(arguments.size(), 4);
     QCOMPARE(arguments.at(1).name, QStringLiteral("bitMask"));
     QCOMPARE(arguments.at(1).defaultValue.userType(), int(QMetaType::Int));
-    QCOMPARE(arguments.at(2).kind, DCommandArgument::CeResult);
+    QCOMPARE(arguments.at(3).kind, DCommandArgument::CeResult);
     QCOMPARE(plugin.getFunctionDescription(QStringLiteral("probe")), QStringLiteral("Probe"));
     QVERIFY(plugin.getCommandParameters(QStringLiteral("stopListening")).isEmpty());
     QVERIFY(plugin.getFunctionDescription(QStringLiteral("nothing")).isEmpty());

@@ -396,6 +396,8 @@ void TstCommands::pulseCommands_data()
             << QVariantList{write(259, 4464, c_holding), write(515, 1, c_holding), write(19, list, c_coils)};
         QTest::addRow("%s: single value passed as is", tag.constData()) << name << args({{channel, QStringLiteral("DI2")}, {on, 7}, {off, 9}, {values, 1}})
             << QVariantList{write(258, 9, c_holding), write(514, 7, c_holding), write(18, 1, c_coils)};
+        QTest::addRow("%s: missing list is no data", tag.constData()) << name << args({{channel, QStringLiteral("DO3")}, {on, 5}, {off, 5}})
+            << QVariantList{write(259, 5, c_holding), write(515, 5, c_holding), write(19, QVariant(), c_coils)};
     }
 }
 
