@@ -435,6 +435,10 @@ void Host::onDriverReply(unsigned long long id, const QVariantMap &reply, bool l
     const QString values = QStringLiteral("values");
     const QString errorKey = QStringLiteral("error");
     if (!reply.contains(values) && reply.contains(errorKey)) {
+        // The command still sees the reply and makes its own checks (and log line); the
+        // caller is told the driver's text.
+        if (!pending.callback.empty())
+            pending.callback(id, reply);
         const QString error = QStringLiteral("%1: the driver of \"%2\" failed instruction %3 (\"%4\"): %5")
                                   .arg(pending.commandName, pending.deviceReference).arg(id)
                                   .arg(pending.instruction, reply.value(errorKey).toString());

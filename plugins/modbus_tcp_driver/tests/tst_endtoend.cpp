@@ -6,6 +6,7 @@
 #include "e1212simulator.h"
 #include "execution.h"
 #include "host.h"
+#include "logcapture.h"
 #include "pluginmanager.h"
 
 #include <QElapsedTimer>
@@ -29,6 +30,7 @@ private slots:
     void listenReportsInputChangesInOrder();
     void getValuesReadsTheRun();
     void deadDeviceFailsWithinTimeout();
+    void exceptionReachesCommandAndCaller();
 
 private:
     // Runs a command to its end (bounded) and returns the execution.
@@ -241,6 +243,22 @@ void TstEndToEnd::deadDeviceFailsWithinTimeout()
     QVERIFY2(get->errorString().contains(QStringLiteral("cannot connect to 127.0.0.1:%1").arg(port))
                  && get->errorString().contains(QStringLiteral("discreteInputs register 1")),
              qPrintable(get->errorString()));
+}
+
+void TstEndToEnd::exceptionReachesCommandAndCaller()
+{
+    m_sim->setException(QModbusDataUnit::DiscreteInputs, 4, QModbusPdu::IllegalDataAddress);
+    LogCapture log;
+    Execution *get = run(QStringLiteral("getValue"), {{QStringLiteral("channel"), QStringLiteral("DI4")}});
+    QCOMPARE(get->state(), Execution::Failed);
+    QCOMPARE(get->errorCode(), IMessenger::CeDriverError);
+    QVERIFY2(get->errorString().contains(QStringLiteral("exception")), qPrintable(get->errorString()));
+    // The command made its own check of the reply, in its own diagnostic line.
+    const QStringList critical = log.criticalTexts();
+    QCOMPARE(critical.size(), 1);
+    QVERIFY2(critical.first().contains(QStringLiteral("d_cmd_getValue"))
+                 && critical.first().endsWith(QStringLiteral("ERROR: Reply data is not in the correct format")),
+             qPrintable(critical.first()));
 }
 
 QTEST_GUILESS_MAIN(TstEndToEnd)
