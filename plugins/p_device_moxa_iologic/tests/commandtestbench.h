@@ -12,6 +12,7 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
 
 namespace bench {
@@ -70,33 +71,20 @@ struct Device
     TestMessenger::Instruction instruction(int index) const { return messenger.instructions().value(index); }
 };
 
-// Same keys, and per key the same type and value (a list compares element by element,
-// types included).
+// Same value, and the same type at every level of nested lists and maps.
 inline bool sameVariant(const QVariant &actual, const QVariant &expected)
 {
-    if (actual.userType() != expected.userType())
+    if (actual.userType() != expected.userType() || actual != expected)
         return false;
     if (expected.userType() == QMetaType::QVariantList) {
-        const QVariantList a = actual.toList();
-        const QVariantList e = expected.toList();
-        if (a.size() != e.size())
-            return false;
-        for (int i = 0; i < a.size(); ++i)
-            if (!sameVariant(a.at(i), e.at(i)))
-                return false;
-        return true;
+        const QVariantList a = actual.toList(), e = expected.toList();
+        return std::equal(a.begin(), a.end(), e.begin(), sameVariant);
     }
     if (expected.userType() == QMetaType::QVariantMap) {
-        const QVariantMap a = actual.toMap();
-        const QVariantMap e = expected.toMap();
-        if (a.keys() != e.keys())
-            return false;
-        for (auto it = e.constBegin(); it != e.constEnd(); ++it)
-            if (!sameVariant(a.value(it.key()), it.value()))
-                return false;
-        return true;
+        const QVariantMap a = actual.toMap(), e = expected.toMap();
+        return std::equal(a.begin(), a.end(), e.begin(), sameVariant);
     }
-    return actual == expected;
+    return true;
 }
 
 inline QString describe(const QVariant &value)
@@ -112,22 +100,16 @@ inline QString describe(const QVariant &value)
                             .arg(bench::describe(QVariant(actual)), bench::describe(QVariant(expected)))))
 
 // Empty when `sent` is the driver instruction `name` with time-out 3000, a reply
-// callback bound or not as `bound`, and exactly `parameters`; otherwise what differs.
+// callback bound or not as `bound`, and exactly `parameters`; otherwise what was sent.
 inline QString instructionMismatch(const TestMessenger::Instruction &sent, const QString &name, bool bound,
                                    const QVariantMap &parameters)
 {
-    QStringList differences;
-    if (sent.target != QLatin1String("driver"))
-        differences << QStringLiteral("target %1").arg(sent.target);
-    if (sent.name != name)
-        differences << QStringLiteral("instruction %1").arg(sent.name);
-    if (sent.timeoutMs != 3000)
-        differences << QStringLiteral("time-out %1").arg(sent.timeoutMs);
-    if (sent.hasCallback != bound)
-        differences << (sent.hasCallback ? QStringLiteral("a callback is bound") : QStringLiteral("no callback is bound"));
-    if (!sameVariant(sent.parameters, parameters))
-        differences << QStringLiteral("parameters %1, expected %2").arg(describe(sent.parameters), describe(parameters));
-    return differences.join(QStringLiteral("; "));
+    if (sent.target == QLatin1String("driver") && sent.name == name && sent.timeoutMs == 3000 && sent.hasCallback == bound
+        && sameVariant(sent.parameters, parameters))
+        return QString();
+    return QStringLiteral("sent %1 %2 to %3, time-out %4, callback %5; expected %6 %7 (callback %8)")
+        .arg(sent.name, describe(sent.parameters), sent.target).arg(sent.timeoutMs).arg(sent.hasCallback)
+        .arg(name, describe(parameters)).arg(bound);
 }
 
 #define BENCH_VERIFY_INSTRUCTION(sent, name, bound, parameters)                                   \
@@ -137,8 +119,8 @@ inline QString instructionMismatch(const TestMessenger::Instruction &sent, const
     } while (false)
 
 // True when `texts` holds exactly one critical line and it is the diagnostic line of
-// `file` (under the source dir) at `line` (any line when negative) whose message starts
-// with `message`.
+// `file` (under the source dir) at `line` (any line when negative) whose message is
+// exactly `message`.
 inline bool isOnlyDiagnostic(const LogCapture &log, const QString &file, int line, const QString &message, QString *why)
 {
     const QStringList texts = log.criticalTexts();
@@ -150,7 +132,7 @@ inline bool isOnlyDiagnostic(const LogCapture &log, const QString &file, int lin
     const QRegularExpression pattern(QStringLiteral("^\n .*;\t Thread = .*;\t This = .*;\t ")
                                      + QRegularExpression::escape(QLatin1String(c_sourceDir) + file)
                                      + QStringLiteral(" ;\t ") + lineText + QStringLiteral(" ;\t ")
-                                     + QRegularExpression::escape(message),
+                                     + QRegularExpression::escape(message) + QStringLiteral("$"),
                                      QRegularExpression::DotMatchesEverythingOption);
     if (!pattern.match(texts.first()).hasMatch()) {
         *why = QStringLiteral("line %1 does not match %2").arg(describe(texts.first()), pattern.pattern());
