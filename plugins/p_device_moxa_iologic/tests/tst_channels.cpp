@@ -28,7 +28,6 @@ class TstChannels : public QObject
 private slots:
     void create_data();
     void create();
-    void createSignalsTypeOnce();
     void setValue_data();
     void setValue();
     void settersEmitOnRealChangeOnly();
@@ -109,13 +108,6 @@ void TstChannels::create()
     // The shared pointer tracks the QObject: a weak pointer follows it.
     QWeakPointer<QObject> weak = channel.toWeakRef();
     QVERIFY(!weak.isNull());
-}
-
-void TstChannels::createSignalsTypeOnce()
-{
-    DMoxaChannel::c_channelTypesMap.value(QString()); // the map is built at load
-    QCOMPARE(DMoxaChannel::c_channelTypesMap.size(), 4);
-    QCOMPARE(DMoxaChannel::c_channelTypesMap.value(QStringLiteral("bogus"), DMoxaChannel::CeCtUnknown), DMoxaChannel::CeCtUnknown);
 }
 
 void TstChannels::setValue_data()
