@@ -46,26 +46,18 @@ private slots:
         QTest::addColumn<QString>("message");
         QTest::newRow("syntax, line 3") << QByteArray("{\n  \"reference\": \"x\",\n  \"parameters\": {,}\n}")
                                         << "bad.json: line 3, column 19: JSON syntax error:";
-        QTest::newRow("empty file") << QByteArray("") << "bad.json: line 1, column 1: JSON syntax error:";
         QTest::newRow("top-level list") << QByteArray("[]") << "bad.json: (top): expected a device object";
         QTest::newRow("no reference") << QByteArray("{}") << "bad.json: reference: expected the device reference text, found missing";
-        QTest::newRow("reference number") << QByteArray(R"({"reference": 5})") << "bad.json: reference: expected the device reference text, found a number";
         QTest::newRow("empty reference") << QByteArray(R"({"reference": " "})") << "bad.json: reference: the reference is empty";
         QTest::newRow("unknown key") << QByteArray(R"({"reference": "a", "conection": {}})") << "bad.json: conection: unknown key (known: reference, plugin, driver, parameters, connection)";
         QTest::newRow("plugin not a uuid") << QByteArray(R"({"reference": "a", "plugin": "moxa"})") << "bad.json: plugin: \"moxa\" is not a UUID";
-        QTest::newRow("parameters list") << QByteArray(R"({"reference": "a", "parameters": []})") << "bad.json: parameters: expected an object, found a list";
         QTest::newRow("channel table object") << QByteArray(R"({"reference": "a io1", "parameters": {"io1_channels": {}}})")
                                               << "bad.json: parameters.io1_channels: expected a list of channel records, found an object";
-        QTest::newRow("channel id number") << QByteArray(R"({"reference": "a", "parameters": {"io1_channels": [{"id": "DI0", "value": []}, {"id": 1, "value": []}]}})")
-                                           << "bad.json: parameters.io1_channels[1].id: expected a channel id text, found a number";
         QTest::newRow("entry not an object") << QByteArray(R"({"reference": "a", "parameters": {"io1_channels": [{"id": "DI0", "value": [3]}]}})")
                                              << "bad.json: parameters.io1_channels[0].value[0]: expected an {\"id\", \"value\"} entry, found a number";
         QTest::newRow("port text") << QByteArray(R"({"reference": "a", "connection": {"port": "502"}})") << "bad.json: connection.port: expected a whole number, found a text";
         QTest::newRow("port range") << QByteArray(R"({"reference": "a", "connection": {"port": 70000}})") << "bad.json: connection.port: 70000 is out of range (expected a whole number from 1 to 65535)";
-        QTest::newRow("unit fraction") << QByteArray(R"({"reference": "a", "connection": {"unitId": 1.5}})") << "bad.json: connection.unitId: 1.5 is out of range";
         QTest::newRow("connection key") << QByteArray(R"({"reference": "a", "connection": {"hots": "x"}})") << "bad.json: connection.hots: unknown key (known: host, port, unitId, timeoutMs, pollIntervalMs)";
-        QTest::newRow("empty host") << QByteArray(R"({"reference": "a", "connection": {"host": ""}})") << "bad.json: connection.host: the host is empty";
-        QTest::newRow("devices object") << QByteArray(R"({"devices": {}})") << "bad.json: devices: expected a list of device objects, found an object";
         QTest::newRow("devices empty") << QByteArray(R"({"devices": []})") << "bad.json: devices: the list is empty";
         QTest::newRow("device in list") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 0}}]})")
                                         << "bad.json: devices[1].connection.timeoutMs: 0 is out of range";

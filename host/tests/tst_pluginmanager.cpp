@@ -60,7 +60,6 @@ private slots:
         QTest::newRow("duplicate UUID") << refusedPlugin("testdevice_copy")
                                         << QStringLiteral("its UUID {a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d} is already loaded from ")
                                                + QFileInfo(testPlugin("testdevice")).canonicalFilePath();
-        QTest::newRow("missing file") << QStringLiteral("/nonexistent/libnothing.so") << QStringLiteral("no such file");
     }
 
     void refusals()

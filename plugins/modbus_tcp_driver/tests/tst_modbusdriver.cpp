@@ -25,7 +25,6 @@ private slots:
     void init();
     void cleanup();
 
-    void identity();
     void badSettings_data();
     void badSettings();
     void readAndWriteEachTable_data();
@@ -36,9 +35,7 @@ private slots:
     void timeoutThenNextAnswerIsItsOwn();
     void noDeviceAtAddress();
     void connectionDroppedMidRequest();
-    void requestsAnsweredInOrder();
     void stopWithdrawsQueuedRead();
-    void listenReportsChangesUntilStopped();
     void listenResumesAfterSimulatorRestart();
     void writeGoesBeforeListenPolls();
     void interopWithPymodbus_data();
@@ -86,16 +83,8 @@ DAbstractDriver *TstModbusDriver::newDriver(QVariantMap settings, QString *error
     if (!settings.contains(QStringLiteral("port")))
         settings.insert(QStringLiteral("port"), m_sim->port());
     auto *driver = dynamic_cast<DAbstractDriver *>(m_root->createInstance(QUuid::createUuid()));
-    if (!driver)
-        return nullptr;
     m_drivers.append(driver);
-    QString message;
-    if (!driver->configureConnection(settings, &message)) {
-        if (error)
-            *error = message;
-        return nullptr;
-    }
-    return driver;
+    return driver && driver->configureConnection(settings, error) ? driver : nullptr;
 }
 
 Reply TstModbusDriver::run(DAbstractDriver *driver, const QString &instruction, const QVariantMap &parameters,
@@ -129,27 +118,13 @@ static QVariantMap params(const QString &type, int reg, const QVariant &extraKey
     return map;
 }
 
-void TstModbusDriver::identity()
-{
-    QCOMPARE(m_root->pluginType(), IPlugin::CeDriver);
-    QCOMPARE(m_root->pluginUuid(), QUuid("{7d3f2a10-5b9e-4c61-8f0a-2e4b6c8d9a13}"));
-    QCOMPARE(m_loader.metaData().value(QStringLiteral("IID")).toString(),
-             QStringLiteral("org.e1212bench.host.plugin.PDriverModbusTcp"));
-    QScopedPointer<IPlugin> instance(m_root->createInstance(QUuid::createUuid()));
-    QVERIFY(dynamic_cast<DAbstractDriver *>(instance.data()));
-}
-
 void TstModbusDriver::badSettings_data()
 {
     QTest::addColumn<QVariantMap>("settings");
     QTest::addColumn<QString>("expected");
     QTest::newRow("port 0") << QVariantMap{{"port", 0}} << "connection/port: 0 is not a whole number from 1 to 65535";
-    QTest::newRow("port text") << QVariantMap{{"port", "abc"}} << "connection/port: abc";
-    QTest::newRow("port fraction") << QVariantMap{{"port", 502.5}} << "connection/port: 502.5";
     QTest::newRow("empty host") << QVariantMap{{"host", ""}} << "connection/host: expected a host name";
     QTest::newRow("unit 256") << QVariantMap{{"unitId", 256}} << "connection/unitId: 256 is not a whole number from 0 to 255";
-    QTest::newRow("timeout 0") << QVariantMap{{"timeoutMs", 0}} << "connection/timeoutMs: 0";
-    QTest::newRow("poll -5") << QVariantMap{{"pollIntervalMs", -5}} << "connection/pollIntervalMs: -5";
     QTest::newRow("typo") << QVariantMap{{"timeoutms", 100}} << "connection/timeoutms: unknown key";
 }
 
@@ -194,9 +169,6 @@ void TstModbusDriver::readAndWriteEachTable()
     }
     const Reply read = run(driver, QStringLiteral("read"), params(type, readFrom, "dataSize", expected.size()));
     QCOMPARE(read, (Reply{{QStringLiteral("values"), expected}}));
-    // The default count is one value.
-    const Reply one = run(driver, QStringLiteral("read"), params(type, readFrom));
-    QCOMPARE(one, (Reply{{QStringLiteral("values"), QVariantList{expected.first()}}}));
 }
 
 void TstModbusDriver::badInstruction_data()
@@ -206,24 +178,16 @@ void TstModbusDriver::badInstruction_data()
     QTest::addColumn<QStringList>("expected");
     QTest::newRow("type in other case") << "read" << params("CoilsRegister", 3)
         << QStringList{"CoilsRegister register 3", "unknown register type \"CoilsRegister\""};
-    QTest::newRow("empty type") << "read" << params("", 0) << QStringList{"unknown register type \"\""};
     QTest::newRow("write read-only inputs") << "write" << params("discreteInputs", 2, "data", 1)
         << QStringList{"discreteInputs register 2", "read-only"};
-    QTest::newRow("write input registers") << "write" << params("inputRegisters", 5000, "data", 1)
-        << QStringList{"read-only"};
     QTest::newRow("unreduced sum 65537") << "write" << params("holdingRegisters", 65537, "data", 1)
         << QStringList{"holdingRegisters register 65537", "outside 0-65535"};
-    QTest::newRow("negative address") << "read" << params("coilsRegister", -1) << QStringList{"outside 0-65535"};
     QTest::newRow("run past 65535") << "read" << params("holdingRegisters", 65535, "dataSize", 2)
         << QStringList{"run past the end"};
-    QTest::newRow("list past 65535") << "write" << params("coilsRegister", 65534, "data", QVariantList{1, 1, 1})
-        << QStringList{"run past the end"};
-    QTest::newRow("dataSize 0") << "read" << params("inputRegisters", 5000, "dataSize", 0) << QStringList{"dataSize 0"};
     QTest::newRow("too many registers") << "read" << params("inputRegisters", 0, "dataSize", 126) << QStringList{"at most 125"};
     QTest::newRow("value too big") << "write" << params("holdingRegisters", 256, "data", 70000)
         << QStringList{"\"70000\"", "0 to 65535"};
     QTest::newRow("no data") << "write" << params("holdingRegisters", 256) << QStringList{"no \"data\""};
-    QTest::newRow("no register") << "read" << QVariantMap{{"registerType", "coilsRegister"}} << QStringList{"no \"register\""};
     QTest::newRow("unknown instruction") << "poke" << params("coilsRegister", 0) << QStringList{"unknown instruction \"poke\""};
 }
 
@@ -311,22 +275,6 @@ void TstModbusDriver::connectionDroppedMidRequest()
     QVERIFY(m_sim->output(4));
 }
 
-void TstModbusDriver::requestsAnsweredInOrder()
-{
-    DAbstractDriver *driver = newDriver({});
-    QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    for (int i = 0; i < 8; ++i) {
-        driver->startInstruction(100 + i, QStringLiteral("write"), params("holdingRegisters", 256 + i, "data", 10 * i));
-        driver->startInstruction(200 + i, QStringLiteral("read"), params("holdingRegisters", 256 + i));
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 16, 5000);
-    for (int i = 0; i < 8; ++i) {
-        QCOMPARE(spy.at(2 * i).at(0).toULongLong(), 100ull + i);
-        QCOMPARE(spy.at(2 * i + 1).at(0).toULongLong(), 200ull + i);
-        QCOMPARE(spy.at(2 * i + 1).at(1).value<Reply>().value("values"), QVariant(QVariantList{uint(10 * i)}));
-    }
-}
-
 void TstModbusDriver::stopWithdrawsQueuedRead()
 {
     DAbstractDriver *driver = newDriver({});
@@ -341,33 +289,6 @@ void TstModbusDriver::stopWithdrawsQueuedRead()
     QTest::qWait(100); // nothing more may come for the stopped ones
     QCOMPARE(spy.size(), 1);
     QCOMPARE(spy.at(0).at(0).toULongLong(), 1ull);
-}
-
-void TstModbusDriver::listenReportsChangesUntilStopped()
-{
-    DAbstractDriver *driver = newDriver({{"pollIntervalMs", 20}});
-    QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    driver->startInstruction(7, QStringLiteral("listen"), params("discreteInputs", 2, "dataSize", 1));
-    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
-    const QList<bool> changes{true, false, true};
-    for (bool on : changes) {
-        const int before = spy.size();
-        m_sim->setInput(2, on);
-        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), before + 1, 2000);
-    }
-    m_sim->setInput(3, true); // another input: no report
-    QTest::qWait(100);
-    QCOMPARE(spy.size(), 4);
-    const QVariantList expected{0u, 1u, 0u, 1u};
-    for (int i = 0; i < spy.size(); ++i) {
-        QCOMPARE(spy.at(i).at(0).toULongLong(), 7ull);
-        QCOMPARE(spy.at(i).at(1).value<Reply>(), (Reply{{QStringLiteral("values"), QVariantList{expected.at(i)}}}));
-        QCOMPARE(spy.at(i).at(2).toBool(), false);
-    }
-    driver->stopInstruction(7);
-    m_sim->setInput(2, false);
-    QTest::qWait(150);
-    QCOMPARE(spy.size(), 4);
 }
 
 void TstModbusDriver::listenResumesAfterSimulatorRestart()
@@ -416,13 +337,9 @@ void TstModbusDriver::interopWithPymodbus_data()
     QTest::addColumn<QVariantMap>("parameters");
     QTest::addColumn<QVariantList>("expected");
     QTest::newRow("read coils") << "read" << params("coilsRegister", 0, "dataSize", 4) << QVariantList{0u, 1u, 0u, 1u};
-    QTest::newRow("read discrete inputs") << "read" << params("discreteInputs", 0, "dataSize", 4) << QVariantList{1u, 0u, 1u, 1u};
     QTest::newRow("read input registers") << "read" << params("inputRegisters", 1, "dataSize", 3) << QVariantList{22u, 33u, 65535u};
-    QTest::newRow("read holding registers") << "read" << params("holdingRegisters", 0, "dataSize", 2) << QVariantList{100u, 200u};
-    QTest::newRow("write coil then read") << "write" << params("coilsRegister", 2, "data", 1) << QVariantList{0u, 1u, 1u, 1u};
     QTest::newRow("write coils then read") << "write" << params("coilsRegister", 0, "data", QVariantList{1, 0, 0, 0}) << QVariantList{1u, 0u, 0u, 0u};
     QTest::newRow("write register then read") << "write" << params("holdingRegisters", 1, "data", 4660) << QVariantList{100u, 4660u, 300u, 400u};
-    QTest::newRow("write registers then read") << "write" << params("holdingRegisters", 0, "data", QVariantList{9, 8, 7}) << QVariantList{9u, 8u, 7u, 400u};
 }
 
 void TstModbusDriver::interopWithPymodbus()
@@ -442,10 +359,7 @@ void TstModbusDriver::interopWithPymodbus()
     server.start(python, {QStringLiteral(E1212_SOURCE_DIR "/plugins/modbus_tcp_driver/tests/pymodbus_server.py"),
                           QString::number(port), QStringLiteral("20")});
     QVERIFY(server.waitForStarted(5000));
-    const auto stopServer = qScopeGuard([&server] {
-        server.kill();
-        server.waitForFinished(2000);
-    });
+    const auto stopServer = qScopeGuard([&server] { server.kill(); server.waitForFinished(2000); });
     QTRY_VERIFY_WITH_TIMEOUT([port] {
         QTcpSocket probe;
         probe.connectToHost(QHostAddress::LocalHost, port);
@@ -455,13 +369,10 @@ void TstModbusDriver::interopWithPymodbus()
     DAbstractDriver *driver = newDriver({{"port", port}, {"unitId", 1}});
     QVERIFY(driver);
     Reply reply = run(driver, instruction, parameters);
-    if (instruction == QLatin1String("write")) {
+    if (instruction == QLatin1String("write")) { // then read back from register 0
         QCOMPARE(reply, (Reply{{QStringLiteral("values"), QVariantList{1u}}}));
-        QVariantMap read = parameters;
-        read.remove(QStringLiteral("data"));
-        read.insert(QStringLiteral("register"), 0);
-        read.insert(QStringLiteral("dataSize"), expected.size());
-        reply = run(driver, QStringLiteral("read"), read);
+        reply = run(driver, QStringLiteral("read"),
+                    params(parameters.value("registerType").toString(), 0, "dataSize", expected.size()));
     }
     QCOMPARE(reply, (Reply{{QStringLiteral("values"), expected}}));
 }
