@@ -38,15 +38,6 @@ QString pluginList(const QList<DAbstractPlugin *> &plugins)
     return names.isEmpty() ? QStringLiteral("none") : names.join(QStringLiteral(", "));
 }
 
-bool declaresResult(const DAbstractCommand *command, const QString &name)
-{
-    const DCommandArguments arguments = command->commandArguments();
-    for (const DCommandArgument &argument : arguments)
-        if (argument.kind == DCommandArgument::CeResult && argument.name == name)
-            return true;
-    return false;
-}
-
 template<class T>
 T *asPlugin(IPlugin *instance)
 {
@@ -463,7 +454,7 @@ void Host::onDriverReply(unsigned long long id, const QVariantMap &reply, bool l
     } else {
         // Nobody waits for this reply: what it carries under a declared result name becomes that result.
         for (auto value = reply.cbegin(); value != reply.cend(); ++value)
-            if (declaresResult(pending.command, value.key()))
+            if (pending.command->declaresResult(value.key()))
                 pending.command->commandUpdateResult(value.key(), value.value());
     }
     if (!pending.execution)

@@ -21,20 +21,18 @@ int simulate(CtlSession &session, const QStringList &words)
         return session.usageError(QStringLiteral("simulate takes no argument besides --listen, got \"%1\"")
                                       .arg(args.positional().first()));
     QHostAddress address = QHostAddress::LocalHost;
-    quint32 port = 5020;
+    quint16 port = 5020;
+    QString error;
     if (args.has(QStringLiteral("--listen"))) {
         const QString text = args.value(QStringLiteral("--listen"));
-        const int colon = text.lastIndexOf(QLatin1Char(':'));
-        QString error;
-        if (colon <= 0 || !address.setAddress(text.left(colon))
-            || !CtlArgs::number(text.mid(colon + 1), 65535, QStringLiteral("--listen port"), &port, &error))
-            return session.usageError(error.isEmpty()
-                                          ? QStringLiteral("--listen expects ADDRESS:PORT, e.g. 127.0.0.1:5020, got \"%1\"").arg(text)
-                                          : error);
+        QString host;
+        if (!CtlArgs::hostAndPort(QStringLiteral("--listen"), text, -1, 0, &host, &port, &error))
+            return session.usageError(error);
+        if (!address.setAddress(host))
+            return session.usageError(QStringLiteral("--listen %1: \"%2\" is not an IP address").arg(text, host));
     }
     E1212Simulator simulator;
-    QString error;
-    if (!simulator.start(address, quint16(port), &error))
+    if (!simulator.start(address, port, &error))
         return session.fail(CtlSession::ExitFailed, error);
     session.out() << "E1212 simulator (" << E1212Simulator::modelName() << ", " << E1212Simulator::firmwareVersion()
                   << ", MAC " << E1212Simulator::macAddress() << ") listening on " << address.toString() << ":"

@@ -39,3 +39,24 @@ bool CtlArgs::number(const QString &text, quint32 max, const QString &what, quin
     *value = quint32(parsed);
     return true;
 }
+
+bool CtlArgs::hostAndPort(const QString &option, const QString &text, int defaultPort, int minPort,
+                          QString *host, quint16 *port, QString *error)
+{
+    const int colon = text.lastIndexOf(QLatin1Char(':'));
+    int parsed = defaultPort;
+    bool ok = colon >= 0 || defaultPort >= 0;
+    if (colon >= 0)
+        parsed = text.mid(colon + 1).toInt(&ok);
+    if (!ok || parsed < minPort || parsed > 65535) {
+        *error = QStringLiteral("%1 %2: the port must be a number from %3 to 65535").arg(option, text).arg(minPort);
+        return false;
+    }
+    *host = colon >= 0 ? text.left(colon) : text;
+    if (host->isEmpty()) {
+        *error = QStringLiteral("%1 %2: the host is empty").arg(option, text);
+        return false;
+    }
+    *port = quint16(parsed);
+    return true;
+}

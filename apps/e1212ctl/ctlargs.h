@@ -21,6 +21,12 @@ public:
     // naming `what` and the text, otherwise.
     static bool number(const QString &text, quint32 max, const QString &what, quint32 *value, QString *error);
 
+    // Splits "HOST[:PORT]" given to `option`. Without a port, `defaultPort`, or an error
+    // when `defaultPort` is negative. False, with *error naming the option and the text,
+    // on an empty host or a port outside minPort-65535.
+    static bool hostAndPort(const QString &option, const QString &text, int defaultPort, int minPort,
+                            QString *host, quint16 *port, QString *error);
+
 private:
     QStringList m_positional;
     QMap<QString, QString> m_options;

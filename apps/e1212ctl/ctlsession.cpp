@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "ctlsession.h"
 
+#include "ctlargs.h"
 #include "ctllog.h"
 #include "dabstractplugin.h"
 #include "e1212simulator.h"
@@ -61,22 +62,10 @@ bool CtlSession::loadConfig(QString *error)
         qCInfo(lcCtl).noquote() << "using the first of" << devices.size() << "devices:" << m_config.reference;
 
     if (!m_options.device.isEmpty()) {
-        QString host = m_options.device;
-        int port = 502;
-        const int colon = host.lastIndexOf(QLatin1Char(':'));
-        if (colon >= 0) {
-            bool ok = false;
-            port = host.mid(colon + 1).toInt(&ok);
-            host = host.left(colon);
-            if (!ok || port < 1 || port > 65535) {
-                *error = QStringLiteral("--device %1: the port must be a number from 1 to 65535").arg(m_options.device);
-                return false;
-            }
-        }
-        if (host.isEmpty()) {
-            *error = QStringLiteral("--device %1: the host is empty").arg(m_options.device);
+        QString host;
+        quint16 port = 0;
+        if (!CtlArgs::hostAndPort(QStringLiteral("--device"), m_options.device, 502, 1, &host, &port, error))
             return false;
-        }
         m_config.connection.insert(QStringLiteral("host"), host);
         m_config.connection.insert(QStringLiteral("port"), port);
     }

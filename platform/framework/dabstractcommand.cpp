@@ -80,6 +80,11 @@ bool DAbstractCommand::isDeclared(DCommandArgument::EnKind kind, const QString &
     return false;
 }
 
+bool DAbstractCommand::declaresResult(const QString &name) const
+{
+    return isDeclared(DCommandArgument::CeResult, name);
+}
+
 namespace {
 // Whether a declared default is a value of its declared type. A default of another type
 // (an empty text declared for a number or a list) only fills the declaration.
@@ -159,7 +164,7 @@ QSharedPointer<ICommand> DAbstractCommand::createCommand(const QMap<QString, QVa
 
 bool DAbstractCommand::commandUpdateResult(const QString &name, const QVariant &value)
 {
-    if (!isDeclared(DCommandArgument::CeResult, name)) {
+    if (!declaresResult(name)) {
         m_error = QStringLiteral("command \"%1\" has no result \"%2\"").arg(m_name, name);
         return false;
     }

@@ -63,6 +63,9 @@ public:
     QVariant getInfoFromChannel(const QString &channel, const QString &key, QMetaType::Type type,
                                 const QVariant &defaultValue = QVariant()) const;
 
+    // Whether `name` is one of the command's declared results.
+    bool declaresResult(const QString &name) const;
+
     // Posts one declared result. False (and errorString() set) for an undeclared name.
     bool commandUpdateResult(const QString &name, const QVariant &value);
     // Posts several results at once; false when any name is undeclared (the others are kept).
