@@ -31,12 +31,13 @@ void Execution::postResult(const QString &name, const QVariant &value)
     emit resultChanged(name, value);
 }
 
-void Execution::end(State state, IMessenger::EnErrorCode code, const QString &error)
+void Execution::end(State state, IMessenger::EnErrorCode code, const QString &error, int exceptionCode)
 {
     if (isFinished())
         return;
     m_errorCode = code;
     m_errorString = error;
+    m_exceptionCode = exceptionCode;
     setState(state);
     emit finished();
 }

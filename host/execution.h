@@ -4,6 +4,7 @@
 
 #include "dabstractcommand.h"
 #include "dabstractplugin.h"
+#include "derror.h"
 #include "imessenger.h"
 
 #include <QObject>
@@ -38,6 +39,9 @@ public:
     IMessenger::EnErrorCode errorCode() const { return m_errorCode; }
     // Empty unless Failed (or Stopped before its end): one line saying what went wrong.
     QString errorString() const { return m_errorString; }
+    // The Modbus exception number when errorCode() is CeModbusException, else 0.
+    int exceptionCode() const { return m_exceptionCode; }
+    DError error() const { return DError{m_errorCode, m_exceptionCode, m_errorString}; }
 
 signals:
     void stateChanged(Execution::State state);
@@ -55,7 +59,7 @@ private:
 
     void setState(State state);
     void postResult(const QString &name, const QVariant &value);
-    void end(State state, IMessenger::EnErrorCode code, const QString &error);
+    void end(State state, IMessenger::EnErrorCode code, const QString &error, int exceptionCode = 0);
 
     Host *m_host = nullptr;
     QPointer<DAbstractPlugin> m_device;
@@ -66,6 +70,7 @@ private:
     QVariantMap m_results;
     IMessenger::EnErrorCode m_errorCode = IMessenger::CeNoError;
     QString m_errorString;
+    int m_exceptionCode = 0;
 
     // Kept by the host while running: the object the execution runs on (a fresh one from
     // the command's factory, held here, or the declared one) and the signal connections.

@@ -279,7 +279,8 @@ void Host::checkSettled(Execution *execution)
     finish(execution, Execution::Succeeded, CeNoError, QString());
 }
 
-void Host::finish(Execution *execution, Execution::State state, EnErrorCode code, const QString &error)
+void Host::finish(Execution *execution, Execution::State state, EnErrorCode code, const QString &error,
+                  int exceptionCode)
 {
     if (execution->isFinished())
         return;
@@ -311,7 +312,7 @@ void Host::finish(Execution *execution, Execution::State state, EnErrorCode code
         qCWarning(lcHost).noquote() << error;
     else
         qCDebug(lcHost).noquote() << execution->commandName() << "ended" << state << error;
-    execution->end(state, code, error);
+    execution->end(state, code, error, exceptionCode);
 }
 
 void Host::forget(Execution *execution)
@@ -379,7 +380,7 @@ unsigned long long Host::sendInstruction(DAbstractCommand *command, const QStrin
     m_pending.insert(id, pending);
     qCDebug(lcHost).noquote() << "instruction" << id << instruction << compact(parameters) << "of" << commandName
                               << "to the driver of" << device->config.reference;
-    device->driver->startInstruction(id, instruction, parameters);
+    device->driver->startInstruction(id, instruction, parameters, pending.timeoutMs);
     return id;
 }
 
@@ -423,16 +424,15 @@ void Host::onDriverReply(unsigned long long id, const QVariantMap &reply, bool l
     if (!pending.command)
         return;
 
-    const QString values = QStringLiteral("values");
-    const QString errorKey = QStringLiteral("error");
-    if (!reply.contains(values) && reply.contains(errorKey)) {
+    const DError driverError = DError::fromReply(reply);
+    if (driverError.isError()) {
         // The command still sees the reply and makes its own checks (and log line); the
         // caller is told the driver's text.
         if (!pending.callback.empty())
             pending.callback(id, reply);
         const QString error = QStringLiteral("%1: the driver of \"%2\" failed instruction %3 (\"%4\"): %5")
                                   .arg(pending.commandName, pending.deviceReference).arg(id)
-                                  .arg(pending.instruction, reply.value(errorKey).toString());
+                                  .arg(pending.instruction, driverError.text);
         // A listen outlives an outage: the driver goes on and reports again once it can.
         if (!last && pending.execution && pending.execution->isListening()) {
             qCWarning(lcHost).noquote() << error;
@@ -442,7 +442,7 @@ void Host::onDriverReply(unsigned long long id, const QVariantMap &reply, bool l
         if (!last)
             dropPending(id, true);
         if (pending.execution)
-            finish(pending.execution, Execution::Failed, CeDriverError, error);
+            finish(pending.execution, Execution::Failed, driverError.code, error, driverError.exceptionCode);
         else
             qCWarning(lcHost).noquote() << error;
         return;
@@ -486,7 +486,7 @@ unsigned long long Host::runCommand(DAbstractPluginBackend *backend, const QStri
             if (execution->isOk())
                 target->commandFinished(runId, command, execution->results());
             else
-                target->commandFailed(runId, command, execution->errorCode(), execution->errorString());
+                target->commandFailed(runId, command, execution->error());
         }
         execution->deleteLater();
     });

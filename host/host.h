@@ -91,7 +91,8 @@ private:
     void startNext(DAbstractCommand *declared);
     void start(Execution *execution);
     void checkSettled(Execution *execution);
-    void finish(Execution *execution, Execution::State state, EnErrorCode code, const QString &error);
+    void finish(Execution *execution, Execution::State state, EnErrorCode code, const QString &error,
+                int exceptionCode = 0);
     void forget(Execution *execution);
     void dropPending(unsigned long long id, bool stopDriver);
     void onDriverReply(unsigned long long id, const QVariantMap &reply, bool last);

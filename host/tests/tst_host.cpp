@@ -44,10 +44,10 @@ public:
         events << command + QStringLiteral(" finished");
         finishedResults = results;
     }
-    void commandFailed(unsigned long long, const QString &command, IMessenger::EnErrorCode code, const QString &) override
+    void commandFailed(unsigned long long, const QString &command, const DError &error) override
     {
         events << command + QStringLiteral(" failed");
-        failCode = code;
+        failCode = error.code;
     }
 };
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "dabstractplugin.h"
+#include "derror.h"
 
 class DAbstractDriver : public DAbstractPlugin
 {
@@ -15,11 +16,14 @@ public:
     // what is wrong, when a setting is unusable; nothing is opened here.
     virtual bool configureConnection(const QMap<QString, QVariant> &settings, QString *error) = 0;
 
-    // Starts one instruction under the host's id. Every reply comes later through
-    // sigInstructionReply, never from inside this call: a success carries "values", a
-    // failure carries "error" (a text) and no "values".
+    // Starts one instruction under the host's id. `timeoutMs` is the time the device gets
+    // to answer each request of the instruction (each poll of a "listen"), counted from when
+    // the request is written to the socket; the driver enforces it itself. Every reply comes
+    // later through sigInstructionReply, never from inside this call: a success carries
+    // "values", a failure is DError::toReply() (an "error" text, its "errorCode" and, for a
+    // Modbus exception, the "exceptionCode") and carries no "values".
     virtual void startInstruction(unsigned long long id, const QString &instruction,
-                                  const QMap<QString, QVariant> &parameters) = 0;
+                                  const QMap<QString, QVariant> &parameters, int timeoutMs) = 0;
     // Cancels an instruction (ends a "listen"); nothing more is replied for it.
     virtual void stopInstruction(unsigned long long id) = 0;
 

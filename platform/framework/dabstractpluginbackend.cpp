@@ -23,8 +23,8 @@ unsigned long long DAbstractPluginBackend::runCommand(const QString &command, co
 {
     IMessenger *messenger = m_plugin ? m_plugin->messenger() : nullptr;
     if (!messenger) {
-        commandFailed(0, command, IMessenger::CeNoRoute,
-                      QStringLiteral("cannot run \"%1\": the back-end is not attached to a plug-in with a host").arg(command));
+        commandFailed(0, command, DError{IMessenger::CeNoRoute, 0,
+                      QStringLiteral("cannot run \"%1\": the back-end is not attached to a plug-in with a host").arg(command)});
         return 0;
     }
     return messenger->runCommand(this, command, arguments);
@@ -38,4 +38,4 @@ bool DAbstractPluginBackend::stopCommand(unsigned long long runId)
 
 void DAbstractPluginBackend::commandResultChanged(unsigned long long, const QString &, const QString &, const QVariant &) {}
 void DAbstractPluginBackend::commandFinished(unsigned long long, const QString &, const QMap<QString, QVariant> &) {}
-void DAbstractPluginBackend::commandFailed(unsigned long long, const QString &, IMessenger::EnErrorCode, const QString &) {}
+void DAbstractPluginBackend::commandFailed(unsigned long long, const QString &, const DError &) {}

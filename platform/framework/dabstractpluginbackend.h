@@ -3,6 +3,7 @@
 // receives their progress.
 #pragma once
 
+#include "derror.h"
 #include "imessenger.h"
 
 #include <QObject>
@@ -32,8 +33,7 @@ public:
                                       const QString &name, const QVariant &value);
     virtual void commandFinished(unsigned long long runId, const QString &command,
                                  const QMap<QString, QVariant> &results);
-    virtual void commandFailed(unsigned long long runId, const QString &command,
-                               IMessenger::EnErrorCode code, const QString &error);
+    virtual void commandFailed(unsigned long long runId, const QString &command, const DError &error);
 
 signals:
     void pluginChanged();

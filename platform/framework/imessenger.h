@@ -14,14 +14,19 @@ class DAbstractPluginBackend;
 class IMessenger
 {
 public:
+    // What went wrong, decided on by code (DError::codeName() gives the name scripts see).
     enum EnErrorCode {
         CeNoError = 0,
-        CeTimeout,          // no reply within the instruction's time-out
+        CeTimeout,          // the device did not answer a request within the instruction's time-out
         CeReplyRejected,    // the command's reply callback returned false
-        CeDriverError,      // the driver answered with an "error" text
+        CeDriverError,      // the driver failed for a reason none of the other codes names
         CeNoRoute,          // no target of that name for this device
-        CeRefused,          // the command refused to start (base checks, unknown command)
+        CeRefused,          // refused before anything was sent: unknown command, bad argument, base checks
         CeStopped,          // the execution was stopped
+        CeNoConnection,     // the device cannot be reached: connection refused, failed or lost
+        CeModbusException,  // the device answered with a Modbus exception (DError::exceptionCode)
+        CeMalformedReply,   // the answer is broken or does not match its request
+        CeBadInstruction,   // the driver cannot carry the instruction's parameters; nothing was sent
         _CeNbr
     };
 

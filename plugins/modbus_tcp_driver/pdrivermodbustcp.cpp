@@ -79,7 +79,7 @@ void PDriverModbusTcp::closeConnection(const QString &reason)
 }
 
 void PDriverModbusTcp::startInstruction(unsigned long long id, const QString &instruction,
-                                        const QMap<QString, QVariant> &parameters)
+                                        const QMap<QString, QVariant> &parameters, int)
 {
     ModbusInstruction parsed;
     QString error;

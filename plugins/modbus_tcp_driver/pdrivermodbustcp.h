@@ -34,7 +34,7 @@ public:
     // Reconfiguring drops the old connection; instructions under way get an error reply.
     bool configureConnection(const QMap<QString, QVariant> &settings, QString *error) override;
     void startInstruction(unsigned long long id, const QString &instruction,
-                          const QMap<QString, QVariant> &parameters) override;
+                          const QMap<QString, QVariant> &parameters, int timeoutMs) override;
     void stopInstruction(unsigned long long id) override;
 
     const ModbusConnectionSettings &connectionSettings() const { return m_settings; }

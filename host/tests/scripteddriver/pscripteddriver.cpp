@@ -37,7 +37,7 @@ void PScriptedDriver::setScript(const QVariantList &rules)
 }
 
 void PScriptedDriver::startInstruction(unsigned long long id, const QString &instruction,
-                                       const QMap<QString, QVariant> &parameters)
+                                       const QMap<QString, QVariant> &parameters, int)
 {
     m_started << QVariantMap{{QStringLiteral("id"), id}, {QStringLiteral("instruction"), instruction},
                              {QStringLiteral("parameters"), parameters}};

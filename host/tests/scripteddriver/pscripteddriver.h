@@ -30,7 +30,7 @@ public:
     // Refuses a "host" of "refuse.invalid", to exercise a refused connection.
     bool configureConnection(const QMap<QString, QVariant> &settings, QString *error) override;
     void startInstruction(unsigned long long id, const QString &instruction,
-                          const QMap<QString, QVariant> &parameters) override;
+                          const QMap<QString, QVariant> &parameters, int timeoutMs) override;
     void stopInstruction(unsigned long long id) override;
 
     Q_INVOKABLE void setScript(const QVariantList &rules);

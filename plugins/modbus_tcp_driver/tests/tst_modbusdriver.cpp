@@ -92,7 +92,7 @@ Reply TstModbusDriver::run(DAbstractDriver *driver, const QString &instruction, 
 {
     QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
     const unsigned long long id = m_nextId++;
-    driver->startInstruction(id, instruction, parameters);
+    driver->startInstruction(id, instruction, parameters, 1000);
     // Never answered from inside startInstruction.
     if (!spy.isEmpty())
         return {{QStringLiteral("error"), QStringLiteral("TEST: replied synchronously")}};
@@ -279,10 +279,10 @@ void TstModbusDriver::stopWithdrawsQueuedRead()
 {
     DAbstractDriver *driver = newDriver({});
     QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    driver->startInstruction(1, QStringLiteral("read"), params("coilsRegister", 0));
-    driver->startInstruction(2, QStringLiteral("read"), params("coilsRegister", 1));
+    driver->startInstruction(1, QStringLiteral("read"), params("coilsRegister", 0), 1000);
+    driver->startInstruction(2, QStringLiteral("read"), params("coilsRegister", 1), 1000);
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("unknown register type \"bogus\"")));
-    driver->startInstruction(3, QStringLiteral("read"), params("bogus", 1));
+    driver->startInstruction(3, QStringLiteral("read"), params("bogus", 1), 1000);
     driver->stopInstruction(2);
     driver->stopInstruction(3);
     QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
@@ -295,7 +295,7 @@ void TstModbusDriver::listenResumesAfterSimulatorRestart()
 {
     DAbstractDriver *driver = newDriver({{"pollIntervalMs", 20}, {"timeoutMs", 300}});
     QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    driver->startInstruction(9, QStringLiteral("listen"), params("discreteInputs", 5));
+    driver->startInstruction(9, QStringLiteral("listen"), params("discreteInputs", 5), 1000);
     QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
     const quint16 port = m_sim->port();
     m_sim->stop();
@@ -318,7 +318,7 @@ void TstModbusDriver::writeGoesBeforeListenPolls()
     DAbstractDriver *driver = newDriver({{"pollIntervalMs", 10}});
     QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
     for (int i = 0; i < 8; ++i)
-        driver->startInstruction(50 + i, QStringLiteral("listen"), params("discreteInputs", i));
+        driver->startInstruction(50 + i, QStringLiteral("listen"), params("discreteInputs", i), 1000);
     QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 8, 3000); // every listen got its turn
     m_sim->setResponseDelay(20);
     QElapsedTimer clock;
@@ -385,7 +385,7 @@ void TstModbusDriver::benchmarkReads()
     QElapsedTimer clock;
     clock.start();
     for (int i = 0; i < count; ++i)
-        driver->startInstruction(1000 + i, QStringLiteral("read"), params("discreteInputs", 0, "dataSize", 8));
+        driver->startInstruction(1000 + i, QStringLiteral("read"), params("discreteInputs", 0, "dataSize", 8), 1000);
     QTRY_COMPARE_WITH_TIMEOUT(spy.size(), count, 30000);
     const double seconds = clock.nsecsElapsed() / 1e9;
     qInfo("BENCHMARK: %d reads of 8 discrete inputs in %.3f s = %.0f reads/s (%.2f ms each) over loopback",

@@ -211,9 +211,8 @@ void BeMaintenanceDeviceMoxaIoLogic::treatmentReleased(unsigned long long runId,
         setPending(run.channel, false);
     if (code == IMessenger::CeStopped && !m_started)
         return;
-    // The driver names a refusal by the device a Modbus exception; any other driver
-    // failure (no connection, connection lost) means the device cannot be reached.
-    const bool unreachable = code == IMessenger::CeTimeout
+    // TODO(driver codes): the text test goes once the driver sends CeNoConnection.
+    const bool unreachable = code == IMessenger::CeTimeout || code == IMessenger::CeNoConnection
         || (code == IMessenger::CeDriverError && !error.contains(QLatin1String("exception"), Qt::CaseInsensitive));
     setState(unreachable ? CeCsNotAnswering : CeCsError,
              QStringLiteral("%1: %2").arg(describeRun(command, run.channel), error));
@@ -233,9 +232,9 @@ void BeMaintenanceDeviceMoxaIoLogic::commandFinished(unsigned long long runId, c
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::commandFailed(unsigned long long runId, const QString &command,
-                                                   IMessenger::EnErrorCode code, const QString &error)
+                                                   const DError &error)
 {
-    treatmentReleased(runId, command, code, error);
+    treatmentReleased(runId, command, error.code, error.text);
 }
 
 DMoxaChannel *BeMaintenanceDeviceMoxaIoLogic::channel(const QString &id) const

@@ -101,8 +101,7 @@ public:
                               const QVariant &value) override;
     void commandFinished(unsigned long long runId, const QString &command,
                          const QMap<QString, QVariant> &results) override;
-    void commandFailed(unsigned long long runId, const QString &command, IMessenger::EnErrorCode code,
-                       const QString &error) override;
+    void commandFailed(unsigned long long runId, const QString &command, const DError &error) override;
 
 signals:
     void connectionPathChanged();

@@ -163,8 +163,8 @@ void TstMaintenanceBackend::failureShows_data()
     QTest::addColumn<int>("state");
 
     QTest::newRow("time-out") << int(IMessenger::CeTimeout) << "no reply within 3000 ms" << int(NotAnswering);
-    QTest::newRow("no connection") << int(IMessenger::CeDriverError) << "cannot connect to 10.0.0.9:502" << int(NotAnswering);
-    QTest::newRow("device exception") << int(IMessenger::CeDriverError) << "Modbus exception 2 (illegal data address)" << int(Error);
+    QTest::newRow("no connection") << int(IMessenger::CeNoConnection) << "cannot connect to 10.0.0.9:502" << int(NotAnswering);
+    QTest::newRow("device exception") << int(IMessenger::CeModbusException) << "Modbus exception 2 (illegal data address)" << int(Error);
     QTest::newRow("rejected reply") << int(IMessenger::CeReplyRejected) << "the command rejected the reply" << int(Error);
 }
 
@@ -178,7 +178,7 @@ void TstMaintenanceBackend::failureShows()
     QSignalSpy stateChanged(m_backend.data(), SIGNAL(connectionStateChanged()));
     const unsigned long long outputs = runId(QStringLiteral("getValues"), QStringLiteral("DO0"));
     QTest::ignoreMessage(QtWarningMsg, qPrintable(QStringLiteral("\"getValues\" on DO0: ") + error));
-    hooks()->commandFailed(outputs, QStringLiteral("getValues"), IMessenger::EnErrorCode(code), error);
+    hooks()->commandFailed(outputs, QStringLiteral("getValues"), DError{IMessenger::EnErrorCode(code), 0, error});
     QCOMPARE(m_backend->property("connectionState").toInt(), state);
     QCOMPARE(m_backend->property("errorText").toString(), QStringLiteral("\"getValues\" on DO0: ") + error);
     QCOMPARE(stateChanged.count(), 1);
