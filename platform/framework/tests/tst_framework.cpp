@@ -30,6 +30,9 @@ public:
         declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel name"), QVariant());
         declareAParameter(QStringLiteral("bitMask"), QStringLiteral("ui16"), QStringLiteral("Mask"), QVariant(int(65535)));
         declareAParameter(QStringLiteral("values"), QStringLiteral("varL"), QStringLiteral("Values"), QVariant(QStringLiteral("")));
+        declareAParameter(QStringLiteral("width"), QStringLiteral("int"), QStringLiteral("Width"), QVariant());
+        declareAParameter(QStringLiteral("on"), QStringLiteral("bool"), QStringLiteral("On"), QVariant());
+        declareAParameter(QStringLiteral("any"), QStringLiteral("vart"), QStringLiteral("Anything"), QVariant());
         declareAResult(QStringLiteral("value"), QStringLiteral("ui16"), QStringLiteral("Value"), QVariant());
     }
     using DAbstractCommand::commandUpdateResult;
@@ -74,6 +77,8 @@ private slots:
     void parameterValues();
     void executeRefusals_data();
     void executeRefusals();
+    void typeCodes_data();
+    void typeCodes();
     void resultsOnlyForDeclaredNames();
     void registryOrderAndDuplicates();
     void instructionsGoThroughMessenger();
@@ -159,20 +164,26 @@ void TstFramework::parameterValues()
 void TstFramework::executeRefusals_data()
 {
     QTest::addColumn<bool>("withMessenger");
+    QTest::addColumn<bool>("checks");
     QTest::addColumn<QVariantMap>("arguments");
     QTest::addColumn<bool>("ok");
     QTest::addColumn<QString>("error");
 
-    QTest::newRow("runs") << true << QVariantMap{{QStringLiteral("channel"), QStringLiteral("DO3")}} << true << QString();
-    QTest::newRow("no messenger") << false << QVariantMap{} << false
+    const QVariantMap wrongType{{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("bitMask"), QStringLiteral("abc")}};
+    QTest::newRow("runs") << true << true << QVariantMap{{QStringLiteral("channel"), QStringLiteral("DO3")}} << true << QString();
+    QTest::newRow("no messenger") << false << false << QVariantMap{} << false
                                   << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
-    QTest::newRow("unknown parameter") << true << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
-                                       << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values)";
+    QTest::newRow("unknown parameter, unchecked") << true << false << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
+                                                  << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values, width, on, any)";
+    QTest::newRow("wrong type") << true << true << wrongType << false
+                                << "command \"probe\": argument \"bitMask\" is \"abc\", expected \"ui16\" (a whole number from 0 to 65535, decimal or 0x hex)";
+    QTest::newRow("wrong type, unchecked") << true << false << wrongType << true << QString();
 }
 
 void TstFramework::executeRefusals()
 {
     QFETCH(bool, withMessenger);
+    QFETCH(bool, checks);
     QFETCH(QVariantMap, arguments);
     QFETCH(bool, ok);
     QFETCH(QString, error);
@@ -182,9 +193,76 @@ void TstFramework::executeRefusals()
     if (withMessenger)
         plugin.setMessenger(&messenger);
     TestCommand command(&plugin);
+    command.setArgumentChecks(checks);
     command.setParameters(arguments);
     QCOMPARE(command.commandExecute(), ok);
     QCOMPARE(command.errorString(), error);
+    // Unchecked, the command reads its arguments as given.
+    if (ok && !checks)
+        QCOMPARE(command.getParameterValue(QStringLiteral("bitMask")), arguments.value(QStringLiteral("bitMask")));
+}
+
+void TstFramework::typeCodes_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QVariant>("value");
+    // What the command reads once checked; invalid when the argument is refused.
+    QTest::addColumn<QVariant>("converted");
+
+    const QVariant refused;
+    QTest::newRow("strg text") << "channel" << QVariant(QStringLiteral("DO3")) << QVariant(QStringLiteral("DO3"));
+    QTest::newRow("strg number") << "channel" << QVariant(3) << refused;
+    QTest::newRow("strg nothing") << "channel" << QVariant() << refused;
+    QTest::newRow("ui16 number") << "bitMask" << QVariant(15u) << QVariant(15);
+    QTest::newRow("ui16 highest") << "bitMask" << QVariant(65535) << QVariant(65535);
+    QTest::newRow("ui16 above") << "bitMask" << QVariant(65536) << refused;
+    QTest::newRow("ui16 negative") << "bitMask" << QVariant(-1) << refused;
+    QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2);
+    QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused;
+    QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused;
+    QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255);
+    QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535);
+    QTest::newRow("ui16 hex above") << "bitMask" << QVariant(QStringLiteral("0x12345")) << refused;
+    QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused;
+    QTest::newRow("ui16 word") << "bitMask" << QVariant(QStringLiteral("abc")) << refused;
+    QTest::newRow("ui16 spaced text") << "bitMask" << QVariant(QStringLiteral(" 5")) << refused;
+    QTest::newRow("ui16 boolean") << "bitMask" << QVariant(true) << refused;
+    QTest::newRow("int lowest text") << "width" << QVariant(QStringLiteral("-2147483648")) << QVariant(std::numeric_limits<int>::min());
+    QTest::newRow("int negative hex") << "width" << QVariant(QStringLiteral("-0x10")) << QVariant(-16);
+    QTest::newRow("int above") << "width" << QVariant(qint64(2147483648LL)) << refused;
+    QTest::newRow("int below") << "width" << QVariant(qint64(-2147483649LL)) << refused;
+    QTest::newRow("int not a number") << "width" << QVariant(qQNaN()) << refused;
+    QTest::newRow("bool") << "on" << QVariant(true) << QVariant(true);
+    QTest::newRow("bool text") << "on" << QVariant(QStringLiteral("false")) << QVariant(false);
+    QTest::newRow("bool digit text") << "on" << QVariant(QStringLiteral("1")) << QVariant(true);
+    QTest::newRow("bool other text") << "on" << QVariant(QStringLiteral("yes")) << refused;
+    QTest::newRow("bool number") << "on" << QVariant(0) << refused;
+    QTest::newRow("varL list") << "values" << QVariant(QVariantList{1, QStringLiteral("x")}) << QVariant(QVariantList{1, QStringLiteral("x")});
+    QTest::newRow("varL text") << "values" << QVariant(QStringLiteral("1,0")) << refused;
+    QTest::newRow("vart anything") << "any" << QVariant(QStringLiteral("0x10")) << QVariant(QStringLiteral("0x10"));
+}
+
+void TstFramework::typeCodes()
+{
+    QFETCH(QString, name);
+    QFETCH(QVariant, value);
+    QFETCH(QVariant, converted);
+
+    TestMessenger messenger;
+    TestPlugin plugin;
+    plugin.setMessenger(&messenger);
+    TestCommand command(&plugin);
+    command.setArgumentChecks(true);
+    command.setParameters({{name, value}});
+    QCOMPARE(command.commandExecute(), converted.isValid());
+    if (converted.isValid()) {
+        const QVariant actual = command.getParameterValue(name);
+        QCOMPARE(actual.userType(), converted.userType());
+        QCOMPARE(actual, converted);
+    } else {
+        QVERIFY2(command.errorString().startsWith(QStringLiteral("command \"probe\": argument \"%1\" is ").arg(name)),
+                 qPrintable(command.errorString()));
+    }
 }
 
 void TstFramework::resultsOnlyForDeclaredNames()
@@ -229,10 +307,10 @@ void TstFramework::registryOrderAndDuplicates()
     QCOMPARE(plugin.command(QStringLiteral("listen"))->parent(), &plugin);
 
     const DCommandArguments arguments = plugin.getCommandParameters(QStringLiteral("probe"));
-    QCOMPARE(arguments.size(), 4);
+    QCOMPARE(arguments.size(), 7);
     QCOMPARE(arguments.at(1).name, QStringLiteral("bitMask"));
     QCOMPARE(arguments.at(1).defaultValue.userType(), int(QMetaType::Int));
-    QCOMPARE(arguments.at(3).kind, DCommandArgument::CeResult);
+    QCOMPARE(arguments.at(6).kind, DCommandArgument::CeResult);
     QCOMPARE(plugin.getFunctionDescription(QStringLiteral("probe")), QStringLiteral("Probe"));
     QVERIFY(plugin.getCommandParameters(QStringLiteral("stopListening")).isEmpty());
     QVERIFY(plugin.getFunctionDescription(QStringLiteral("nothing")).isEmpty());
