@@ -55,7 +55,7 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
         }
         const QByteArray reply = answer(request);
         if (m_fault == Slow) {
-            QTimer::singleShot(m_delayMs, socket, [socket, reply] { socket->write(reply); });
+            QTimer::singleShot(m_delayMs, Qt::PreciseTimer, socket, [socket, reply] { socket->write(reply); });
         } else if (m_fault != Silent) {
             socket->write(reply);
         }
@@ -90,7 +90,8 @@ QByteArray ModbusFaultServer::answer(const QByteArray &request) const
     case WrongUnit: reply[6] = char(reply[6] + 1); break;
     case ProtocolOne: reply[3] = 1; break;
     case SisterFunction: reply[7] = char(fc == 15 || fc == 16 ? 31 - fc : ((fc - 1) ^ 1) + 1); break;
-    case WrongEcho: reply[9] = char(reply[9] + 1); break;
+    case WrongAddress: reply[9] = char(reply[9] + 1); break;
+    case WrongValue: reply[11] = char(reply[11] + 1); break;
     case Exception: reply = request.left(7) + char(fc | 0x80) + char(6); reply[5] = 3; reply[4] = 0; break;
     default: break;
     }

@@ -22,7 +22,8 @@ public:
         WrongUnit,        // unit id + 1
         ProtocolOne,      // protocol id 1
         SisterFunction,   // 1<->2, 3<->4, 5<->6, 15<->16
-        WrongEcho,        // a write echo naming the next address
+        WrongAddress,     // a write echo naming the next address
+        WrongValue,       // a write echo with another value (or quantity)
         Exception,        // exception 6, server device busy
         Silent,           // no answer
         Slow,             // the answer after delayMs
