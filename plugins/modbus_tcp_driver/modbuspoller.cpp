@@ -87,14 +87,14 @@ void ModbusPoller::plan()
 {
     QVector<quint64> ids = m_listeners.keys().toVector();
     std::sort(ids.begin(), ids.end(), [this](quint64 a, quint64 b) {
-        const QModbusDataUnit &ua = m_listeners[a].unit;
-        const QModbusDataUnit &ub = m_listeners[b].unit;
+        const QModbusDataUnit &ua = m_listeners.find(a)->unit;
+        const QModbusDataUnit &ub = m_listeners.find(b)->unit;
         return std::make_pair(ua.registerType(), ua.startAddress()) < std::make_pair(ub.registerType(), ub.startAddress());
     });
     m_plan.clear();
     bool lastAlone = false;
     for (quint64 id : qAsConst(ids)) {
-        const Listener &listener = m_listeners[id];
+        const Listener &listener = *m_listeners.find(id);
         const QModbusDataUnit &unit = listener.unit;
         if (!m_plan.isEmpty() && !lastAlone && !listener.alone) {
             Span &span = m_plan.last();

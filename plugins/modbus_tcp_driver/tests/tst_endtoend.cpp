@@ -20,7 +20,6 @@ private slots:
     void cleanup();
 
     void getInfo();
-    void setValueThenGetValue();
     void listenReportsInputChangesInOrder();
     void exceptionReachesCommandAndCaller();
 
@@ -75,24 +74,6 @@ void TstEndToEnd::getInfo()
     QCOMPARE(info.value(QStringLiteral("softwareVersion")).toString(), QStringLiteral("V3.2.1 Build23041709"));
     QCOMPARE(info.value(QStringLiteral("macAddress")).toString(), QStringLiteral("00:90:E8:12:34:56"));
     QCOMPARE(info.value(QStringLiteral("serialNumber")).toString(), QString());
-}
-
-void TstEndToEnd::setValueThenGetValue()
-{
-    for (const uint value : {1u, 0u}) {
-        Execution *set = run(QStringLiteral("setValue"), {{"channel", "DO3"}, {"value", value}});
-        QVERIFY2(set->isOk(), qPrintable(set->errorString()));
-        QCOMPARE(set->results().value(QStringLiteral("doneOk")), QVariant(true));
-        QCOMPARE(m_sim->pulseStatus(3), value == 1);
-        QCOMPARE(m_sim->output(3), value == 1);
-        if (value == 1) { // active-high: held on
-            QCOMPARE(m_sim->pulseOnWidth(3), quint16(65535));
-            QCOMPARE(m_sim->pulseOffWidth(3), quint16(1));
-        }
-        Execution *get = run(QStringLiteral("getValue"), {{"channel", "DO3"}});
-        QVERIFY2(get->isOk(), qPrintable(get->errorString()));
-        QCOMPARE(get->results().value(QStringLiteral("value")).toUInt(), value);
-    }
 }
 
 void TstEndToEnd::listenReportsInputChangesInOrder()
