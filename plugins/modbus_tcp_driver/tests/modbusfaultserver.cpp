@@ -86,6 +86,7 @@ QByteArray ModbusFaultServer::answer(const QByteArray &request) const
             byte = char(QRandomGenerator::global()->bounded(256));
         break;
     }
+    case TrailingBytes: reply += QByteArray(3, '\x01'); break;
     case WrongTransaction: reply[1] = char(reply[1] + 1); break;
     case WrongUnit: reply[6] = char(reply[6] + 1); break;
     case ProtocolOne: reply[3] = 1; break;

@@ -18,6 +18,7 @@ public:
         LengthZero,       // MBAP length field 0
         LengthMax,        // MBAP length field 0xFFFF
         RandomBytes,      // 1-40 random bytes instead of the answer
+        TrailingBytes,    // the answer followed by three more bytes
         WrongTransaction, // transaction id + 1
         WrongUnit,        // unit id + 1
         ProtocolOne,      // protocol id 1

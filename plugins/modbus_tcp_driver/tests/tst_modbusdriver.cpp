@@ -210,6 +210,7 @@ void TstModbusDriver::faults_data()
     QTest::newRow("length 0") << int(F::LengthZero) << "read" << 0 << int(M::CeMalformedReply) << bound;
     QTest::newRow("length 0xFFFF") << int(F::LengthMax) << "read" << 0 << int(M::CeMalformedReply) << bound;
     QTest::newRow("random bytes") << int(F::RandomBytes) << "read" << 0 << int(M::CeMalformedReply) << bound;
+    QTest::newRow("bytes after the answer") << int(F::TrailingBytes) << "read" << 0 << int(M::CeMalformedReply) << bound;
     QTest::newRow("wrong transaction id") << int(F::WrongTransaction) << "read" << 0 << int(M::CeMalformedReply) << bound;
     QTest::newRow("wrong unit id") << int(F::WrongUnit) << "read" << 0 << int(M::CeMalformedReply) << bound;
     QTest::newRow("protocol id 1") << int(F::ProtocolOne) << "read" << 0 << int(M::CeMalformedReply) << bound;
