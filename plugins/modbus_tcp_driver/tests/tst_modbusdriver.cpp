@@ -32,7 +32,6 @@ private slots:
     void faults();
     void sixteenListensShareTwoReads();
     void stopWithdrawsQueuedRead();
-    void benchmarkReads();
 
 private:
     DAbstractDriver *newDriver(QVariantMap settings, QString *error = nullptr);
@@ -346,21 +345,6 @@ void TstModbusDriver::stopWithdrawsQueuedRead()
     QTest::qWait(100); // nothing more may come for the stopped ones
     QCOMPARE(spy.size(), 1);
     QCOMPARE(spy.at(0).at(0).toULongLong(), 1ull);
-}
-
-void TstModbusDriver::benchmarkReads()
-{
-    DAbstractDriver *driver = newDriver({});
-    QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    const int count = 500;
-    QElapsedTimer clock;
-    clock.start();
-    for (int i = 0; i < count; ++i)
-        driver->startInstruction(1000 + i, QStringLiteral("read"), params("discreteInputs", 0, "dataSize", 8), 1000);
-    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), count, 30000);
-    const double seconds = clock.nsecsElapsed() / 1e9;
-    qInfo("BENCHMARK: %d reads of 8 discrete inputs in %.3f s = %.0f reads/s (%.2f ms each) over loopback",
-          count, seconds, count / seconds, 1000 * seconds / count);
 }
 
 QTEST_GUILESS_MAIN(TstModbusDriver)
