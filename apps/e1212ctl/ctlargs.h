@@ -21,7 +21,8 @@ public:
     // The words after the subcommand's name that are not options.
     const QStringList &positional() const { return m_positional; }
     bool has(const QString &option) const { return m_values.contains(option); }
-    QString value(const QString &option) const { return m_values.value(option).value(0); }
+    // The last value given to `option` (a later one overrides).
+    QString value(const QString &option) const { return m_values.value(option).value(m_values.value(option).size() - 1); }
     QStringList values(const QString &option) const { return m_values.value(option); }
     bool background() const { return m_background; }
 
