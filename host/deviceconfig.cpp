@@ -2,14 +2,29 @@
 #include "deviceconfig.h"
 
 #include <QFile>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+
+#include <cmath>
 
 namespace {
 
 const char c_e1212PluginUuid[] = "{43ae4651-f855-42c1-81e2-c73130e79008}";
 const char c_modbusDriverUuid[] = "{7d3f2a10-5b9e-4c61-8f0a-2e4b6c8d9a13}";
+// Larger files are refused unread.
+const qint64 c_maxFileSize = 16 * 1024 * 1024;
+
+// The register spaces the driver knows; the first two hold bits, the others 16-bit words.
+const QStringList c_registerSpaces{QStringLiteral("coilsRegister"), QStringLiteral("discreteInputs"),
+                                   QStringLiteral("inputRegisters"), QStringLiteral("holdingRegisters")};
+const QStringList c_channelTypes{QStringLiteral("analogInput"), QStringLiteral("analogOutput"),
+                                 QStringLiteral("digitalInput"), QStringLiteral("digitalOutput")};
+// The records a table with digital outputs needs for their pulse generators, and what each must give.
+const QStringList c_pulseRecords{QStringLiteral("DO_PulseStatus"), QStringLiteral("DO_PulseOnWidth"),
+                                 QStringLiteral("DO_PulseOffWidth")};
+const QStringList c_pulseEntries{QStringLiteral("register"), QStringLiteral("writeRegisterType")};
 
 QString typeName(const QJsonValue &value)
 {
@@ -23,6 +38,34 @@ QString typeName(const QJsonValue &value)
     case QJsonValue::Undefined: break;
     }
     return QStringLiteral("missing");
+}
+
+// The value as it stands in the file.
+QString jsonText(const QJsonValue &value)
+{
+    const QByteArray json = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(json.mid(1, json.size() - 2));
+}
+
+bool wholeNumberIn(const QJsonValue &value, qint64 min, qint64 max)
+{
+    const double number = value.toDouble();
+    return value.isDouble() && std::floor(number) == number && number >= double(min) && number <= double(max);
+}
+
+// The value of a channel record's entry `id`; undefined when the record has no such entry.
+QJsonValue entryOf(const QJsonObject &record, const QString &id)
+{
+    const QJsonArray entries = record.value(QStringLiteral("value")).toArray();
+    for (const QJsonValue &entry : entries)
+        if (entry.toObject().value(QStringLiteral("id")).toString() == id)
+            return entry.toObject().value(QStringLiteral("value"));
+    return QJsonValue(QJsonValue::Undefined);
+}
+
+QString oneOf(const QStringList &names)
+{
+    return QStringLiteral("one of \"%1\"").arg(names.join(QStringLiteral("\", \"")));
 }
 
 // Reads one file's worth of devices; every check reports "<file>: <path>: <what>".
@@ -61,10 +104,9 @@ public:
         const QString at = join(path, key);
         if (!expect(value, QJsonValue::Double, at, "a whole number"))
             return false;
-        const double number = value.toDouble();
-        if (number != double(qint64(number)) || number < min || number > max)
+        if (!wholeNumberIn(value, min, max))
             return fail(at, QStringLiteral("%1 is out of range (expected a whole number from %2 to %3)")
-                                .arg(number).arg(min).arg(max));
+                                .arg(jsonText(value)).arg(min).arg(max));
         return true;
     }
 
@@ -81,32 +123,99 @@ public:
         return true;
     }
 
+    // One information entry's value; `readSpace` is the record's "readRegisterType", which
+    // decides the largest "size".
+    bool entryValue(const QString &id, const QJsonValue &value, const QString &readSpace, const QString &at)
+    {
+        auto wrong = [&](const QString &wanted) {
+            return fail(at, QStringLiteral("\"%1\" must be %2, found %3").arg(id, wanted, jsonText(value)));
+        };
+        if (id == QLatin1String("register"))
+            return wholeNumberIn(value, 0, 65535) || wrong(QStringLiteral("a whole number 0-65535"));
+        if (id == QLatin1String("size")) {
+            const bool words = c_registerSpaces.indexOf(readSpace) >= 2;
+            const int max = words ? 125 : 2000;
+            return wholeNumberIn(value, 1, max)
+                || wrong(QStringLiteral("a whole number 1-%1").arg(max)
+                         + (readSpace.isEmpty() ? QString() : QStringLiteral(" for \"%1\"").arg(readSpace)));
+        }
+        if (id == QLatin1String("readRegisterType") || id == QLatin1String("writeRegisterType"))
+            return (value.isString() && c_registerSpaces.contains(value.toString())) || wrong(oneOf(c_registerSpaces));
+        if (id == QLatin1String("type"))
+            return (value.isString() && c_channelTypes.contains(value.toString())) || wrong(oneOf(c_channelTypes));
+        if (id == QLatin1String("activeLevelHigh"))
+            return value.isBool() || wrong(QStringLiteral("true or false"));
+        return true;
+    }
+
+    // One record {"id", "name", "value": [{"id", "value"}...]}.
+    bool channelRecord(const QJsonValue &value, const QString &at)
+    {
+        if (!expect(value, QJsonValue::Object, at, "a channel record object"))
+            return false;
+        const QJsonObject record = value.toObject();
+        const QString idPath = join(at, QStringLiteral("id"));
+        if (!expect(record.value(QStringLiteral("id")), QJsonValue::String, idPath, "a channel id text"))
+            return false;
+        if (record.value(QStringLiteral("id")).toString().isEmpty())
+            return fail(idPath, QStringLiteral("the channel id is empty"));
+        if (record.contains(QStringLiteral("name"))
+            && !expect(record.value(QStringLiteral("name")), QJsonValue::String, join(at, QStringLiteral("name")), "a text"))
+            return false;
+        const QString entriesPath = join(at, QStringLiteral("value"));
+        if (!expect(record.value(QStringLiteral("value")), QJsonValue::Array, entriesPath, "a list of {\"id\", \"value\"} entries"))
+            return false;
+        const QJsonArray entries = record.value(QStringLiteral("value")).toArray();
+        const QString readSpace = entryOf(record, QStringLiteral("readRegisterType")).toString();
+        QStringList entryIds;
+        for (int e = 0; e < entries.size(); ++e) {
+            const QString entryPath = entriesPath + QStringLiteral("[%1]").arg(e);
+            const QJsonObject entry = entries.at(e).toObject();
+            if (!expect(entries.at(e), QJsonValue::Object, entryPath, "an {\"id\", \"value\"} entry")
+                || !expect(entry.value(QStringLiteral("id")), QJsonValue::String, join(entryPath, QStringLiteral("id")), "an entry id text"))
+                return false;
+            const QString id = entry.value(QStringLiteral("id")).toString();
+            if (entryIds.contains(id))
+                return fail(join(entryPath, QStringLiteral("id")), QStringLiteral("\"%1\" is given twice in this record").arg(id));
+            entryIds << id;
+            if (!entry.contains(QStringLiteral("value")))
+                return fail(join(entryPath, QStringLiteral("value")), QStringLiteral("\"%1\" has no value").arg(id));
+            if (!entryValue(id, entry.value(QStringLiteral("value")), readSpace, join(entryPath, QStringLiteral("value"))))
+                return false;
+        }
+        return true;
+    }
+
     bool channelTable(const QJsonValue &table, const QString &path)
     {
         if (!expect(table, QJsonValue::Array, path, "a list of channel records"))
             return false;
         const QJsonArray records = table.toArray();
+        QHash<QString, int> indexOf;
+        QString firstOutput;
         for (int i = 0; i < records.size(); ++i) {
             const QString at = path + QStringLiteral("[%1]").arg(i);
-            if (!expect(records.at(i), QJsonValue::Object, at, "a channel record object"))
+            if (!channelRecord(records.at(i), at))
                 return false;
             const QJsonObject record = records.at(i).toObject();
-            if (!expect(record.value(QStringLiteral("id")), QJsonValue::String, join(at, QStringLiteral("id")), "a channel id text"))
-                return false;
-            if (record.contains(QStringLiteral("name"))
-                && !expect(record.value(QStringLiteral("name")), QJsonValue::String, join(at, QStringLiteral("name")), "a text"))
-                return false;
-            const QString entriesPath = join(at, QStringLiteral("value"));
-            if (!expect(record.value(QStringLiteral("value")), QJsonValue::Array, entriesPath, "a list of {\"id\", \"value\"} entries"))
-                return false;
-            const QJsonArray entries = record.value(QStringLiteral("value")).toArray();
-            for (int e = 0; e < entries.size(); ++e) {
-                const QString entryPath = entriesPath + QStringLiteral("[%1]").arg(e);
-                if (!expect(entries.at(e), QJsonValue::Object, entryPath, "an {\"id\", \"value\"} entry")
-                    || !expect(entries.at(e).toObject().value(QStringLiteral("id")), QJsonValue::String,
-                               join(entryPath, QStringLiteral("id")), "an entry id text"))
-                    return false;
-            }
+            const QString id = record.value(QStringLiteral("id")).toString();
+            if (indexOf.contains(id))
+                return fail(join(at, QStringLiteral("id")), QStringLiteral("\"%1\" is used by %2[%3] already").arg(id, path).arg(indexOf.value(id)));
+            indexOf.insert(id, i);
+            if (firstOutput.isEmpty() && entryOf(record, QStringLiteral("type")) == QJsonValue(QStringLiteral("digitalOutput")))
+                firstOutput = id;
+        }
+        if (firstOutput.isEmpty())
+            return true;
+        for (const QString &pulse : c_pulseRecords) {
+            if (!indexOf.contains(pulse))
+                return fail(path, QStringLiteral("\"%1\" is a digital output, so the table needs the pulse record \"%2\"")
+                                      .arg(firstOutput, pulse));
+            const int index = indexOf.value(pulse);
+            for (const QString &needed : c_pulseEntries)
+                if (entryOf(records.at(index).toObject(), needed).isUndefined())
+                    return fail(path + QStringLiteral("[%1].value").arg(index),
+                                QStringLiteral("the pulse record \"%1\" has no \"%2\"").arg(pulse, needed));
         }
         return true;
     }
@@ -202,7 +311,24 @@ QList<DeviceConfig> DeviceConfig::loadFile(const QString &path, QString *error)
             *error = QStringLiteral("%1: cannot read the configuration: %2").arg(path, file.errorString());
         return {};
     }
-    return fromJson(file.readAll(), path, error);
+    auto tooLarge = [&] {
+        if (error)
+            *error = QStringLiteral("%1: the configuration is larger than %2 MiB").arg(path).arg(c_maxFileSize >> 20);
+        return QList<DeviceConfig>();
+    };
+    if (!file.isSequential() && file.size() > c_maxFileSize)
+        return tooLarge();
+    // A stream (a device, a pipe) has no size: it is read up to one byte past the limit.
+    QByteArray json;
+    while (json.size() <= c_maxFileSize) {
+        const QByteArray chunk = file.read(c_maxFileSize + 1 - json.size());
+        if (chunk.isEmpty())
+            break;
+        json += chunk;
+    }
+    if (json.size() > c_maxFileSize)
+        return tooLarge();
+    return fromJson(json, path, error);
 }
 
 QList<DeviceConfig> DeviceConfig::fromJson(const QByteArray &json, const QString &sourceName, QString *error)

@@ -14,6 +14,14 @@
 //   "driver"     (UUID text)       the driver plug-in; default the Modbus TCP driver
 //   "parameters" (object)          given to the instance as its "parameters"; a "*_channels"
 //                                  entry is a list of channel records {"id", "name", "value": [...]}
+//                                  with unique, non-empty ids; their entries "register" (0-65535),
+//                                  "size" (1-2000 bits, 1-125 words, by "readRegisterType"),
+//                                  "readRegisterType"/"writeRegisterType" (a register space the
+//                                  driver knows), "type" (a channel-type name) and "activeLevelHigh"
+//                                  (boolean) are checked, others kept as they are; a table with a
+//                                  "digitalOutput" needs the pulse records "DO_PulseStatus",
+//                                  "DO_PulseOnWidth" and "DO_PulseOffWidth", each with "register"
+//                                  and "writeRegisterType"
 //   "connection" (object)          "host" (text), "port" (1-65535), "unitId" (0-255),
 //                                  "timeoutMs" (>0), "pollIntervalMs" (>0); absent means none
 struct DeviceConfig
@@ -36,7 +44,7 @@ struct DeviceConfig
     // selects it; empty when there is none.
     QVariantList channelTable() const;
 
-    // Reads a configuration file. On failure returns an empty list and sets *error to one
+    // Reads a configuration file of at most 16 MiB (a larger one is refused unread). On failure returns an empty list and sets *error to one
     // line naming the file, the JSON path or line, and what is wrong.
     static QList<DeviceConfig> loadFile(const QString &path, QString *error);
     // Reads configuration text; `sourceName` stands for the file in messages.

@@ -66,6 +66,8 @@ private:
     const QString m_commandName;
     const QVariantMap m_arguments;
     bool m_listening = false;
+    // Whether the command checks the arguments against their declared type codes.
+    bool m_checkArguments = true;
     State m_state = Queued;
     QVariantMap m_results;
     IMessenger::EnErrorCode m_errorCode = IMessenger::CeNoError;

@@ -170,9 +170,11 @@ const DeviceConfig *Host::configOf(const DAbstractPlugin *device) const
     return entry ? &entry->config : nullptr;
 }
 
-Execution *Host::execute(DAbstractPlugin *device, const QString &command, const QVariantMap &arguments)
+Execution *Host::execute(DAbstractPlugin *device, const QString &command, const QVariantMap &arguments,
+                         ArgumentCheck check)
 {
     auto execution = new Execution(this, device, command, arguments);
+    execution->m_checkArguments = check == CheckArguments;
     if (!device || !deviceEntry(device)) {
         failLater(execution, CeNoRoute, QStringLiteral("cannot run \"%1\": the plug-in instance is not a device of this host").arg(command));
         return execution;
@@ -254,6 +256,7 @@ void Host::start(Execution *execution)
                               << "on" << (device ? device->getName() : QString());
 
     command->setParameters(execution->arguments());
+    command->setArgumentChecks(execution->m_checkArguments);
     if (!command->commandExecute()) {
         const QString reason = command->errorString();
         finish(execution, Execution::Failed, CeRefused,

@@ -43,13 +43,20 @@ public:
     void setTimeoutOverride(int ms) { m_timeoutOverride = ms; }
     int timeoutOverride() const { return m_timeoutOverride; }
 
+    // CheckArguments: before the command runs, each argument must be a value of the type
+    // code its command declares (numbers given as text are converted); a refusal names the
+    // argument, its value and the type. RawArguments skips only these checks, so protocol-level
+    // work reaches the command with arguments exactly as given.
+    enum ArgumentCheck { CheckArguments, RawArguments };
+
     // Starts `command` of `device` with `arguments`. Never null; every signal of the
     // execution comes later on the event loop, a refusal included (Failed with CeRefused
     // for an unknown command or one whose base checks refuse, CeNoRoute for a device that
     // is not this host's). A command with a factory runs on a fresh object; any other
     // runs on its declared object, one execution at a time, later ones queued in order.
     // The host owns the execution; the caller may delete it once finished.
-    Execution *execute(DAbstractPlugin *device, const QString &command, const QVariantMap &arguments = {});
+    Execution *execute(DAbstractPlugin *device, const QString &command, const QVariantMap &arguments = {},
+                       ArgumentCheck check = CheckArguments);
     // Runs the stop command of a listening execution (its driver "listen" instructions are
     // stopped and it ends Stopped, which is its normal end); a queued or other running
     // execution ends Stopped with CeStopped. False when it has finished already.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Reading device configuration files: the shipped one, both file shapes, and every kind of mistake.
+// Reading device configuration files: both file shapes, every checked entry at its bounds, and every kind of mistake.
 #include "deviceconfig.h"
 
 #include <QTemporaryDir>
@@ -9,28 +9,21 @@ class TstDeviceConfig : public QObject
 {
     Q_OBJECT
 private slots:
-    void shippedConfiguration()
-    {
-        QString error;
-        const QList<DeviceConfig> devices = DeviceConfig::loadFile(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"), &error);
-        QVERIFY2(error.isEmpty(), qPrintable(error));
-        QCOMPARE(devices.size(), 1);
-        const DeviceConfig &device = devices.first();
-        QCOMPARE(device.reference, QStringLiteral("Moxa E1212 io1"));
-        QCOMPARE(device.pluginUuid, DeviceConfig::defaultPluginUuid());
-        QVERIFY(device.driverUuid.isNull());
-        QVERIFY(device.connection.isEmpty());
-        const QVariantList table = device.channelTable();
-        QCOMPARE(table.size(), 19);
-        QCOMPARE(table.first().toMap().value(QStringLiteral("id")).toString(), QStringLiteral("DI0"));
-    }
-
     void deviceList()
     {
+        // Every checked entry at its bounds, an unknown entry, and pulse records that can be read as blocks.
         QString error;
         const QList<DeviceConfig> devices = DeviceConfig::fromJson(R"({"devices": [
             {"reference": "bench a", "connection": {"host": "127.0.0.1", "port": 1502, "unitId": 3}},
-            {"reference": "bench b", "plugin": "{a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d}"}]})", QStringLiteral("two.json"), &error);
+            {"reference": "bench b", "plugin": "{a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d}", "parameters": {"b_channels": [
+                {"id": "DO0", "name": "", "value": [{"id": "type", "value": "digitalOutput"}, {"id": "register", "value": 65535},
+                    {"id": "size", "value": 2000}, {"id": "activeLevelHigh", "value": false}, {"id": "mode", "value": [1]}]},
+                {"id": "AI0", "value": [{"id": "readRegisterType", "value": "inputRegisters"}, {"id": "size", "value": 125}]},
+                {"id": "DO_PulseStatus", "value": [{"id": "register", "value": 0}, {"id": "writeRegisterType", "value": "coilsRegister"}]},
+                {"id": "DO_PulseOnWidth", "value": [{"id": "register", "value": 256}, {"id": "writeRegisterType", "value": "holdingRegisters"},
+                    {"id": "readRegisterType", "value": "holdingRegisters"}, {"id": "size", "value": 8}]},
+                {"id": "DO_PulseOffWidth", "value": [{"id": "writeRegisterType", "value": "holdingRegisters"}, {"id": "register", "value": 512}]}]}}]})",
+                                                                   QStringLiteral("two.json"), &error);
         QVERIFY2(error.isEmpty(), qPrintable(error));
         QCOMPARE(devices.size(), 2);
         QCOMPARE(devices.at(0).connection.value(QStringLiteral("port")).userType(), int(QMetaType::Int));
@@ -38,51 +31,112 @@ private slots:
         QCOMPARE(devices.at(0).jsonPath, QStringLiteral("devices[0]"));
         QCOMPARE(devices.at(1).pluginUuid, QUuid("{a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d}"));
         QCOMPARE(devices.at(1).sourceFile, QStringLiteral("two.json"));
+        QCOMPARE(devices.at(1).channelTable().size(), 5);
     }
 
     void mistakes_data()
     {
         QTest::addColumn<QByteArray>("json");
+        // Empty: the JSON text is written to bad.json; otherwise the file read instead.
+        QTest::addColumn<QString>("file");
+        // When above 0, bad.json is grown with zero bytes to this size.
+        QTest::addColumn<qint64>("size");
+        // What follows "<file>: " in the message.
         QTest::addColumn<QString>("message");
-        QTest::newRow("syntax, line 3") << QByteArray("{\n  \"reference\": \"x\",\n  \"parameters\": {,}\n}")
-                                        << "bad.json: line 3, column 19: JSON syntax error:";
-        QTest::newRow("top-level list") << QByteArray("[]") << "bad.json: (top): expected a device object";
-        QTest::newRow("no reference") << QByteArray("{}") << "bad.json: reference: expected the device reference text, found missing";
-        QTest::newRow("empty reference") << QByteArray(R"({"reference": " "})") << "bad.json: reference: the reference is empty";
-        QTest::newRow("unknown key") << QByteArray(R"({"reference": "a", "conection": {}})") << "bad.json: conection: unknown key (known: reference, plugin, driver, parameters, connection)";
-        QTest::newRow("plugin not a uuid") << QByteArray(R"({"reference": "a", "plugin": "moxa"})") << "bad.json: plugin: \"moxa\" is not a UUID";
-        QTest::newRow("channel table object") << QByteArray(R"({"reference": "a io1", "parameters": {"io1_channels": {}}})")
-                                              << "bad.json: parameters.io1_channels: expected a list of channel records, found an object";
-        QTest::newRow("entry not an object") << QByteArray(R"({"reference": "a", "parameters": {"io1_channels": [{"id": "DI0", "value": [3]}]}})")
-                                             << "bad.json: parameters.io1_channels[0].value[0]: expected an {\"id\", \"value\"} entry, found a number";
-        QTest::newRow("port text") << QByteArray(R"({"reference": "a", "connection": {"port": "502"}})") << "bad.json: connection.port: expected a whole number, found a text";
-        QTest::newRow("port range") << QByteArray(R"({"reference": "a", "connection": {"port": 70000}})") << "bad.json: connection.port: 70000 is out of range (expected a whole number from 1 to 65535)";
-        QTest::newRow("connection key") << QByteArray(R"({"reference": "a", "connection": {"hots": "x"}})") << "bad.json: connection.hots: unknown key (known: host, port, unitId, timeoutMs, pollIntervalMs)";
-        QTest::newRow("devices empty") << QByteArray(R"({"devices": []})") << "bad.json: devices: the list is empty";
+
+        auto entry = [](const char *id, const char *value) { return QStringLiteral(R"({"id": "%1", "value": %2})").arg(id, value); };
+        auto record = [](const char *id, const QStringList &entries) {
+            return QStringLiteral(R"({"id": "%1", "name": "%1", "value": [%2]})").arg(id, entries.join(QStringLiteral(", ")));
+        };
+        // A device whose "io2_channels" (a table its reference does not select) holds these records.
+        auto table = [](const QStringList &records) {
+            return QStringLiteral(R"({"devices": [{"reference": "a io1", "parameters": {"io2_channels": [%1]}}]})")
+                .arg(records.join(QStringLiteral(", "))).toUtf8();
+        };
+        auto oneEntry = [&](const char *id, const char *value) {
+            return table({record("X", {entry("readRegisterType", "\"holdingRegisters\""), entry(id, value)})});
+        };
+        const QString entryAt = QStringLiteral("devices[0].parameters.io2_channels[0].value[1].value: ");
+        const QString output = record("DO0", {entry("type", "\"digitalOutput\"")});
+        const QString status = record("DO_PulseStatus", {entry("register", "16"), entry("writeRegisterType", "\"coilsRegister\"")});
+        const QString onWidth = record("DO_PulseOnWidth", {entry("register", "256"), entry("writeRegisterType", "\"holdingRegisters\"")});
+        const qint64 limit = 16 * 1024 * 1024;
+
+        QTest::newRow("syntax, line 3") << QByteArray("{\n  \"reference\": \"x\",\n  \"parameters\": {,}\n}") << QString() << 0ll
+                                        << "line 3, column 19: JSON syntax error:";
+        QTest::newRow("top-level list") << QByteArray("[]") << QString() << 0ll << "(top): expected a device object";
+        QTest::newRow("no reference") << QByteArray("{}") << QString() << 0ll << "reference: expected the device reference text, found missing";
+        QTest::newRow("unknown key") << QByteArray(R"({"reference": "a", "conection": {}})") << QString() << 0ll
+                                     << "conection: unknown key (known: reference, plugin, driver, parameters, connection)";
+        QTest::newRow("plugin not a uuid") << QByteArray(R"({"reference": "a", "plugin": "moxa"})") << QString() << 0ll << "plugin: \"moxa\" is not a UUID";
+        QTest::newRow("devices empty") << QByteArray(R"({"devices": []})") << QString() << 0ll << "devices: the list is empty";
         QTest::newRow("device in list") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 0}}]})")
-                                        << "bad.json: devices[1].connection.timeoutMs: 0 is out of range";
-        QTest::newRow("duplicate reference") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "a"}]})")
-                                             << "bad.json: devices[1].reference: \"a\" is used by devices[0] already";
+                                        << QString() << 0ll << "devices[1].connection.timeoutMs: 0 is out of range (expected a whole number from 1 to 3600000)";
+        QTest::newRow("duplicate reference") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "a"}]})") << QString() << 0ll
+                                             << "devices[1].reference: \"a\" is used by devices[0] already";
+        QTest::newRow("table not a list") << QByteArray(R"({"reference": "a io1", "parameters": {"io1_channels": {}}})") << QString() << 0ll
+                                          << "parameters.io1_channels: expected a list of channel records, found an object";
+        QTest::newRow("no channel id") << table({QStringLiteral(R"({"value": []})")}) << QString() << 0ll
+                                       << "devices[0].parameters.io2_channels[0].id: expected a channel id text, found missing";
+        QTest::newRow("empty channel id") << table({record("", {})}) << QString() << 0ll
+                                          << "devices[0].parameters.io2_channels[0].id: the channel id is empty";
+        QTest::newRow("duplicate channel id") << table({record("DI0", {}), record("DI1", {}), record("DI0", {})}) << QString() << 0ll
+                                              << "devices[0].parameters.io2_channels[2].id: \"DI0\" is used by devices[0].parameters.io2_channels[0] already";
+        QTest::newRow("entry not an object") << table({QStringLiteral(R"({"id": "DI0", "value": [3]})")}) << QString() << 0ll
+                                             << "devices[0].parameters.io2_channels[0].value[0]: expected an {\"id\", \"value\"} entry, found a number";
+        QTest::newRow("entry without value") << table({QStringLiteral(R"({"id": "DI0", "value": [{"id": "register"}]})")}) << QString() << 0ll
+                                             << "devices[0].parameters.io2_channels[0].value[0].value: \"register\" has no value";
+        QTest::newRow("entry given twice") << table({record("DI0", {entry("register", "1"), entry("register", "2")})}) << QString() << 0ll
+                                           << "devices[0].parameters.io2_channels[0].value[1].id: \"register\" is given twice in this record";
+        QTest::newRow("register text") << oneEntry("register", "\"abc\"") << QString() << 0ll
+                                       << entryAt + "\"register\" must be a whole number 0-65535, found \"abc\"";
+        QTest::newRow("register too big") << oneEntry("register", "99999999999") << QString() << 0ll
+                                          << entryAt + "\"register\" must be a whole number 0-65535, found 99999999999";
+        QTest::newRow("register 65536") << oneEntry("register", "65536") << QString() << 0ll << entryAt + "\"register\" must be";
+        QTest::newRow("register negative") << oneEntry("register", "-1") << QString() << 0ll << entryAt + "\"register\" must be";
+        QTest::newRow("register fraction") << oneEntry("register", "1.5") << QString() << 0ll << entryAt + "\"register\" must be";
+        QTest::newRow("size of words") << oneEntry("size", "126") << QString() << 0ll
+                                       << entryAt + "\"size\" must be a whole number 1-125 for \"holdingRegisters\", found 126";
+        QTest::newRow("size of bits") << table({record("X", {entry("size", "2001")})}) << QString() << 0ll
+                                      << "devices[0].parameters.io2_channels[0].value[0].value: \"size\" must be a whole number 1-2000, found 2001";
+        QTest::newRow("size 0") << oneEntry("size", "0") << QString() << 0ll << entryAt + "\"size\" must be";
+        QTest::newRow("register space") << oneEntry("writeRegisterType", "\"coils\"") << QString() << 0ll
+                                        << entryAt + "\"writeRegisterType\" must be one of \"coilsRegister\", \"discreteInputs\", "
+                                                     "\"inputRegisters\", \"holdingRegisters\", found \"coils\"";
+        QTest::newRow("type") << oneEntry("type", "\"DigitalOutput\"") << QString() << 0ll
+                              << entryAt + "\"type\" must be one of \"analogInput\", \"analogOutput\", \"digitalInput\", \"digitalOutput\", found \"DigitalOutput\"";
+        QTest::newRow("active level") << oneEntry("activeLevelHigh", "\"true\"") << QString() << 0ll
+                                      << entryAt + "\"activeLevelHigh\" must be true or false, found \"true\"";
+        QTest::newRow("no pulse records") << table({output}) << QString() << 0ll
+                                          << "devices[0].parameters.io2_channels: \"DO0\" is a digital output, so the table needs the pulse record \"DO_PulseStatus\"";
+        QTest::newRow("third pulse record") << table({status, onWidth, output}) << QString() << 0ll
+                                            << "devices[0].parameters.io2_channels: \"DO0\" is a digital output, so the table needs the pulse record \"DO_PulseOffWidth\"";
+        QTest::newRow("pulse record incomplete") << table({output, status, record("DO_PulseOnWidth", {entry("register", "256")})}) << QString() << 0ll
+                                                 << "devices[0].parameters.io2_channels[2].value: the pulse record \"DO_PulseOnWidth\" has no \"writeRegisterType\"";
+        QTest::newRow("larger than the limit") << QByteArray(R"({"reference": "a"})") << QString() << limit + 1
+                                               << "the configuration is larger than 16 MiB";
+        QTest::newRow("at the limit, read") << QByteArray(R"({"reference": "a"})") << QString() << limit << "line 1, column 19: JSON syntax error:";
+        QTest::newRow("endless stream") << QByteArray() << "/dev/zero" << 0ll << "the configuration is larger than 16 MiB";
+        QTest::newRow("missing file") << QByteArray() << "missing.json" << 0ll << "cannot read the configuration: ";
     }
 
     void mistakes()
     {
         QFETCH(QByteArray, json);
+        QFETCH(QString, file);
+        QFETCH(qint64, size);
         QFETCH(QString, message);
-        QString error;
-        const QList<DeviceConfig> devices = DeviceConfig::fromJson(json, QStringLiteral("bad.json"), &error);
-        QVERIFY(devices.isEmpty());
-        QVERIFY2(error.startsWith(message), qPrintable(error));
-        QVERIFY(!error.contains(QLatin1Char('\n')));
-    }
-
-    void unreadableFile()
-    {
         QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("missing.json"));
+        const QString path = file.startsWith(QLatin1Char('/')) ? file : dir.filePath(file.isEmpty() ? QStringLiteral("bad.json") : file);
+        if (file.isEmpty()) {
+            QFile out(path);
+            QVERIFY(out.open(QIODevice::WriteOnly) && out.write(json) == json.size());
+            QVERIFY(size == 0 || out.resize(size));
+        }
         QString error;
         QVERIFY(DeviceConfig::loadFile(path, &error).isEmpty());
-        QVERIFY2(error.startsWith(path + QStringLiteral(": cannot read the configuration: ")), qPrintable(error));
+        QVERIFY2(error.startsWith(path + QStringLiteral(": ") + message), qPrintable(error));
+        QVERIFY(!error.contains(QLatin1Char('\n')));
     }
 };
 

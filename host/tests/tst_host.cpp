@@ -328,6 +328,52 @@ private slots:
         QVERIFY(started().isEmpty());
     }
 
+    void argumentChecks_data()
+    {
+        QTest::addColumn<QVariant>("value");
+        QTest::addColumn<int>("check");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QVariant>("statusData");
+        // The real plug-in's setValue declares "value" as "ui16"; raw, 65536 takes the pulse
+        // path as 0 (its low 16 bits), as the command itself masks it.
+        QTest::newRow("65536 refused") << QVariant(65536) << int(Host::CheckArguments) << int(IMessenger::CeRefused) << QVariant();
+        QTest::newRow("65536 raw") << QVariant(65536) << int(Host::RawArguments) << int(IMessenger::CeNoError) << QVariant(0);
+        QTest::newRow("hex text converted") << QVariant(QStringLiteral("0x1")) << int(Host::CheckArguments) << int(IMessenger::CeNoError) << QVariant(1);
+    }
+
+    void argumentChecks()
+    {
+        QFETCH(QVariant, value);
+        QFETCH(int, check);
+        QFETCH(int, code);
+        QFETCH(QVariant, statusData);
+        DeviceConfig e1212 = config(QStringLiteral("bench e1"));
+        e1212.pluginUuid = DeviceConfig::defaultPluginUuid();
+        e1212.parameters.insert(QStringLiteral("e1_channels"), QVariantList());
+        QString error;
+        QVERIFY2(m_host->addDevice(e1212, &error), qPrintable(error));
+        DAbstractPlugin *device = m_host->device(e1212.reference);
+        QObject *driver = m_host->driverOf(device);
+        const QVariantList script{rule(QStringLiteral("write"), {reply(QVariantList{1})})};
+        QVERIFY(QMetaObject::invokeMethod(driver, "setScript", Q_ARG(QVariantList, script)));
+
+        Execution *execution = m_host->execute(device, QStringLiteral("setValue"),
+                                               {{QStringLiteral("channel"), QStringLiteral("DO0")}, {QStringLiteral("value"), value}},
+                                               Host::ArgumentCheck(check));
+        QVERIFY(waitFinished(execution));
+        QCOMPARE(int(execution->errorCode()), code);
+        QVariantList sent;
+        QMetaObject::invokeMethod(driver, "started", Q_RETURN_ARG(QVariantList, sent));
+        if (code == IMessenger::CeRefused) {
+            QCOMPARE(execution->errorString(), QStringLiteral("setValue refused to run: command \"setValue\": argument \"value\" is 65536, "
+                                                              "expected \"ui16\" (a whole number from 0 to 65535, decimal or 0x hex)"));
+            QVERIFY(sent.isEmpty());
+            return;
+        }
+        QCOMPARE(sent.size(), 3);
+        QCOMPARE(sent.last().toMap().value(QStringLiteral("parameters")).toMap().value(QStringLiteral("data")), statusData);
+    }
+
     void addDeviceErrors_data()
     {
         QTest::addColumn<QString>("plugin");

@@ -4,6 +4,13 @@
 #include "dabstractplugin.h"
 #include "imessenger.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
+
+#include <cmath>
+#include <limits>
+
 DAbstractCommand::DAbstractCommand(const QString &name, const QMap<QString, QVariant> &parameters, QObject *parent)
     : DAbstractCommand(name, QString(), parameters, parent)
 {}
@@ -53,8 +60,133 @@ bool DAbstractCommand::commandExecute()
             return false;
         }
     }
+    if (m_checkArguments && !checkArguments())
+        return false;
     m_error.clear();
     m_results.clear();
+    return true;
+}
+
+namespace {
+
+// A whole number given as a number, or as decimal or 0x hex text with an optional minus sign.
+bool wholeNumber(const QVariant &value, qint64 *number)
+{
+    // Far beyond every range checked, and exact in a double.
+    const qint64 limit = qint64(1) << 52;
+    bool ok = false;
+    switch (value.userType()) {
+    case QMetaType::Double:
+    case QMetaType::Float: {
+        const double real = value.toDouble();
+        if (!std::isfinite(real) || std::floor(real) != real || std::fabs(real) > double(limit))
+            return false;
+        *number = qint64(real);
+        return true;
+    }
+    case QMetaType::ULongLong:
+        if (value.toULongLong() > quint64(limit))
+            return false;
+        Q_FALLTHROUGH();
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::Long:
+    case QMetaType::ULong:
+    case QMetaType::Short:
+    case QMetaType::UShort:
+        *number = value.toLongLong(&ok);
+        return ok;
+    case QMetaType::QString: {
+        static const QRegularExpression c_form(QStringLiteral("^(-?)(?:0[xX]([0-9a-fA-F]+)|([0-9]+))$"));
+        const QRegularExpressionMatch match = c_form.match(value.toString());
+        if (!match.hasMatch())
+            return false;
+        const bool hex = match.capturedLength(2) > 0;
+        const quint64 magnitude = match.captured(hex ? 2 : 3).toULongLong(&ok, hex ? 16 : 10);
+        if (!ok || magnitude > quint64(limit))
+            return false;
+        *number = match.capturedLength(1) ? -qint64(magnitude) : qint64(magnitude);
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
+// Whether `value` is a value of `typeCode`; numbers and booleans given as text are converted.
+bool fitArgument(const QString &typeCode, QVariant *value)
+{
+    const int type = value->userType();
+    qint64 number = 0;
+    if (typeCode == QLatin1String("strg"))
+        return type == QMetaType::QString;
+    if (typeCode == QLatin1String("ui16") || typeCode == QLatin1String("int")) {
+        const bool ui16 = typeCode == QLatin1String("ui16");
+        if (!wholeNumber(*value, &number)
+            || number < (ui16 ? 0 : std::numeric_limits<int>::min())
+            || number > (ui16 ? 65535 : std::numeric_limits<int>::max()))
+            return false;
+        *value = int(number);
+        return true;
+    }
+    if (typeCode == QLatin1String("bool")) {
+        if (type == QMetaType::Bool)
+            return true;
+        const QString text = type == QMetaType::QString ? value->toString() : QString();
+        const bool yes = text == QLatin1String("true") || text == QLatin1String("1");
+        if (!yes && text != QLatin1String("false") && text != QLatin1String("0"))
+            return false;
+        *value = yes;
+        return true;
+    }
+    if (typeCode == QLatin1String("varL"))
+        return type == QMetaType::QVariantList || type == QMetaType::QStringList;
+    return true;
+}
+
+QString typeCodeMeaning(const QString &typeCode)
+{
+    if (typeCode == QLatin1String("strg"))
+        return QStringLiteral("a text");
+    if (typeCode == QLatin1String("ui16"))
+        return QStringLiteral("a whole number from 0 to 65535, decimal or 0x hex");
+    if (typeCode == QLatin1String("int"))
+        return QStringLiteral("a whole number from -2147483648 to 2147483647, decimal or 0x hex");
+    if (typeCode == QLatin1String("bool"))
+        return QStringLiteral("true, false, \"true\", \"false\", \"1\" or \"0\"");
+    return QStringLiteral("a list");
+}
+
+// The value as the caller would write it: JSON, texts quoted.
+QString describeValue(const QVariant &value)
+{
+    const double real = value.toDouble();
+    if ((value.userType() == QMetaType::Double || value.userType() == QMetaType::Float) && !std::isfinite(real))
+        return QString::number(real);
+    const QByteArray json = QJsonDocument(QJsonArray{QJsonValue::fromVariant(value)}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(json.mid(1, json.size() - 2));
+}
+
+} // namespace
+
+bool DAbstractCommand::checkArguments()
+{
+    QMap<QString, QVariant> checked = m_parameters;
+    for (auto it = checked.begin(); it != checked.end(); ++it) {
+        for (const DCommandArgument &argument : qAsConst(m_arguments)) {
+            if (argument.kind != DCommandArgument::CeParameter || argument.name != it.key())
+                continue;
+            if (!fitArgument(argument.typeCode, &it.value())) {
+                m_error = QStringLiteral("command \"%1\": argument \"%2\" is %3, expected \"%4\" (%5)")
+                              .arg(m_name, it.key(), describeValue(it.value()), argument.typeCode,
+                                   typeCodeMeaning(argument.typeCode));
+                return false;
+            }
+            break;
+        }
+    }
+    m_parameters = checked;
     return true;
 }
 

@@ -31,9 +31,20 @@ public:
     QMap<QString, QVariant> parameters() const override;
 
     // Decides whether the command may run now: it needs a plug-in with a host messenger,
-    // and every argument must be a declared parameter. On refusal returns false and keeps
-    // the reason in errorString(). On success clears the previous results.
+    // and every argument must be a declared parameter. With argument checks on, every
+    // argument must also be a value of its declared type code, and numbers given as text
+    // are converted before the command reads them (see setArgumentChecks). On refusal
+    // returns false and keeps the reason in errorString(). On success clears the previous results.
     bool commandExecute() override;
+
+    // Type-code checks of the arguments, for the executions that follow: "strg" a text;
+    // "ui16" a whole number 0-65535 and "int" one in int range, each given as a number or
+    // as decimal or 0x hex text (then converted to an int); "bool" a boolean or the text
+    // "true", "false", "1" or "0" (then converted); "varL" a list; "vart" and unknown codes
+    // anything. Off by default, so that a bare command takes its arguments as given; the
+    // host turns them on for each execution unless asked for raw arguments.
+    void setArgumentChecks(bool on) { m_checkArguments = on; }
+    bool argumentChecks() const { return m_checkArguments; }
 
     QMap<QString, QVariant> results() const override;
     QString errorString() const override;
@@ -88,6 +99,7 @@ protected:
 
 private:
     bool isDeclared(DCommandArgument::EnKind kind, const QString &name) const;
+    bool checkArguments();
 
     const QString m_name;
     const QString m_stopName;
@@ -96,4 +108,5 @@ private:
     QMap<QString, QVariant> m_parameters;
     QMap<QString, QVariant> m_results;
     QString m_error;
+    bool m_checkArguments = false;
 };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The plug-in and command bases: channel lookups, arguments, results, the command
-// registry and configuration paths.
+// The plug-in and command bases: channel lookups, argument checks and defaults, results,
+// duplicate commands, configuration paths and properties.
 #include "dabstractcommand.h"
 #include "dabstractplugin.h"
 #include "testmessenger.h"
@@ -30,6 +30,9 @@ public:
         declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel name"), QVariant());
         declareAParameter(QStringLiteral("bitMask"), QStringLiteral("ui16"), QStringLiteral("Mask"), QVariant(int(65535)));
         declareAParameter(QStringLiteral("values"), QStringLiteral("varL"), QStringLiteral("Values"), QVariant(QStringLiteral("")));
+        declareAParameter(QStringLiteral("width"), QStringLiteral("int"), QStringLiteral("Width"), QVariant());
+        declareAParameter(QStringLiteral("on"), QStringLiteral("bool"), QStringLiteral("On"), QVariant());
+        declareAParameter(QStringLiteral("any"), QStringLiteral("vart"), QStringLiteral("Anything"), QVariant());
         declareAResult(QStringLiteral("value"), QStringLiteral("ui16"), QStringLiteral("Value"), QVariant());
     }
     using DAbstractCommand::commandUpdateResult;
@@ -51,11 +54,9 @@ QVariantList channelTable()
                          entry(QStringLiteral("register"), 3),
                          entry(QStringLiteral("registerText"), QStringLiteral("12")),
                          entry(QStringLiteral("readRegisterType"), QStringLiteral("coilsRegister")),
-                         entry(QStringLiteral("activeLevelHigh"), true),
-                         entry(QStringLiteral("badNumber"), QStringLiteral("twelve")),
                          QStringLiteral("not a map"),
+                         entry(QStringLiteral("badNumber"), QStringLiteral("twelve")),
                      }}},
-        QVariantMap{{QStringLiteral("id"), QStringLiteral("noEntries")}, {QStringLiteral("value"), QStringLiteral("text")}},
         QVariantMap{{QStringLiteral("id"), QStringLiteral("DO3")},
                     {QStringLiteral("value"), QVariantList{entry(QStringLiteral("register"), 99)}}},
     };
@@ -69,20 +70,21 @@ class TstFramework : public QObject
 private slots:
     void getInfoFromChannel_data();
     void getInfoFromChannel();
-    void getInfoFromChannelWithoutTable();
     void parameterValues_data();
     void parameterValues();
     void executeRefusals_data();
     void executeRefusals();
+    void typeCodes_data();
+    void typeCodes();
     void resultsOnlyForDeclaredNames();
-    void registryOrderAndDuplicates();
-    void instructionsGoThroughMessenger();
+    void duplicateCommands();
     void configurationPaths();
     void propertiesNotifyOnRealChange();
 };
 
 void TstFramework::getInfoFromChannel_data()
 {
+    QTest::addColumn<bool>("withTable");
     QTest::addColumn<QString>("channel");
     QTest::addColumn<QString>("key");
     QTest::addColumn<int>("type");
@@ -90,22 +92,19 @@ void TstFramework::getInfoFromChannel_data()
     QTest::addColumn<QVariant>("expected");
 
     const QVariant invalid;
-    QTest::newRow("uint") << "DO3" << "register" << int(QMetaType::UInt) << invalid << QVariant(3u);
-    QTest::newRow("text converts to uint") << "DO3" << "registerText" << int(QMetaType::UInt) << invalid << QVariant(12u);
-    QTest::newRow("string") << "DO3" << "readRegisterType" << int(QMetaType::QString) << invalid << QVariant(QStringLiteral("coilsRegister"));
-    QTest::newRow("bool") << "DO3" << "activeLevelHigh" << int(QMetaType::Bool) << QVariant(false) << QVariant(true);
-    QTest::newRow("first record wins") << "DO3" << "register" << int(QMetaType::Int) << invalid << QVariant(3);
-    QTest::newRow("missing record") << "DO9" << "register" << int(QMetaType::UInt) << invalid << invalid;
-    QTest::newRow("missing entry") << "DO3" << "size" << int(QMetaType::UInt) << invalid << invalid;
-    QTest::newRow("missing entry, default") << "DO3" << "size" << int(QMetaType::UInt) << QVariant(7u) << QVariant(7u);
-    QTest::newRow("does not convert") << "DO3" << "badNumber" << int(QMetaType::UInt) << invalid << invalid;
-    QTest::newRow("does not convert, default") << "DO3" << "badNumber" << int(QMetaType::UInt) << QVariant(false) << QVariant(false);
-    QTest::newRow("entries not a list") << "noEntries" << "register" << int(QMetaType::UInt) << invalid << invalid;
-    QTest::newRow("empty channel") << "" << "register" << int(QMetaType::UInt) << invalid << invalid;
+    QTest::newRow("uint") << true << "DO3" << "register" << int(QMetaType::UInt) << invalid << QVariant(3u);
+    QTest::newRow("text converts to uint") << true << "DO3" << "registerText" << int(QMetaType::UInt) << invalid << QVariant(12u);
+    QTest::newRow("string") << true << "DO3" << "readRegisterType" << int(QMetaType::QString) << invalid << QVariant(QStringLiteral("coilsRegister"));
+    QTest::newRow("first record wins") << true << "DO3" << "register" << int(QMetaType::Int) << invalid << QVariant(3);
+    QTest::newRow("missing record") << true << "DO9" << "register" << int(QMetaType::UInt) << invalid << invalid;
+    QTest::newRow("missing entry, default") << true << "DO3" << "size" << int(QMetaType::UInt) << QVariant(7u) << QVariant(7u);
+    QTest::newRow("does not convert, default") << true << "DO3" << "badNumber" << int(QMetaType::UInt) << QVariant(false) << QVariant(false);
+    QTest::newRow("no table") << false << "DO3" << "register" << int(QMetaType::UInt) << QVariant(5u) << QVariant(5u);
 }
 
 void TstFramework::getInfoFromChannel()
 {
+    QFETCH(bool, withTable);
     QFETCH(QString, channel);
     QFETCH(QString, key);
     QFETCH(int, type);
@@ -113,20 +112,12 @@ void TstFramework::getInfoFromChannel()
     QFETCH(QVariant, expected);
 
     TestPlugin plugin;
-    plugin.addToParameters(QStringLiteral("channels"), channelTable());
+    if (withTable)
+        plugin.addToParameters(QStringLiteral("channels"), channelTable());
     TestCommand command(&plugin);
     const QVariant actual = command.getInfoFromChannel(channel, key, QMetaType::Type(type), defaultValue);
     QCOMPARE(actual.userType(), expected.userType());
     QCOMPARE(actual, expected);
-}
-
-void TstFramework::getInfoFromChannelWithoutTable()
-{
-    TestPlugin plugin;
-    TestCommand command(&plugin);
-    QVERIFY(!command.getInfoFromChannel(QStringLiteral("DO3"), QStringLiteral("register"), QMetaType::UInt).isValid());
-    TestCommand orphan(nullptr);
-    QCOMPARE(orphan.getInfoFromChannel(QStringLiteral("DO3"), QStringLiteral("register"), QMetaType::UInt, 5u), QVariant(5u));
 }
 
 void TstFramework::parameterValues_data()
@@ -141,7 +132,6 @@ void TstFramework::parameterValues_data()
     QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "channel" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
     QTest::newRow("default of another type -> fallback") << QVariantMap{} << "values" << QVariant() << QVariant();
     QTest::newRow("undeclared -> fallback") << QVariantMap{} << "other" << QVariant(2) << QVariant(2);
-    QTest::newRow("given invalid stays") << QVariantMap{{QStringLiteral("channel"), QVariant()}} << "channel" << QVariant(1) << QVariant();
 }
 
 void TstFramework::parameterValues()
@@ -159,20 +149,25 @@ void TstFramework::parameterValues()
 void TstFramework::executeRefusals_data()
 {
     QTest::addColumn<bool>("withMessenger");
+    QTest::addColumn<bool>("checks");
     QTest::addColumn<QVariantMap>("arguments");
     QTest::addColumn<bool>("ok");
     QTest::addColumn<QString>("error");
 
-    QTest::newRow("runs") << true << QVariantMap{{QStringLiteral("channel"), QStringLiteral("DO3")}} << true << QString();
-    QTest::newRow("no messenger") << false << QVariantMap{} << false
+    const QVariantMap wrongType{{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("bitMask"), QStringLiteral("abc")}};
+    QTest::newRow("no messenger") << false << false << QVariantMap{} << false
                                   << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
-    QTest::newRow("unknown parameter") << true << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
-                                       << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values)";
+    QTest::newRow("unknown parameter, unchecked") << true << false << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
+                                                  << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values, width, on, any)";
+    QTest::newRow("wrong type") << true << true << wrongType << false
+                                << "command \"probe\": argument \"bitMask\" is \"abc\", expected \"ui16\" (a whole number from 0 to 65535, decimal or 0x hex)";
+    QTest::newRow("wrong type, unchecked") << true << false << wrongType << true << QString();
 }
 
 void TstFramework::executeRefusals()
 {
     QFETCH(bool, withMessenger);
+    QFETCH(bool, checks);
     QFETCH(QVariantMap, arguments);
     QFETCH(bool, ok);
     QFETCH(QString, error);
@@ -182,9 +177,72 @@ void TstFramework::executeRefusals()
     if (withMessenger)
         plugin.setMessenger(&messenger);
     TestCommand command(&plugin);
+    command.setArgumentChecks(checks);
     command.setParameters(arguments);
     QCOMPARE(command.commandExecute(), ok);
     QCOMPARE(command.errorString(), error);
+    // Unchecked, the command reads its arguments as given.
+    if (ok && !checks)
+        QCOMPARE(command.getParameterValue(QStringLiteral("bitMask")), arguments.value(QStringLiteral("bitMask")));
+}
+
+void TstFramework::typeCodes_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QVariant>("value");
+    // What the command reads once checked; invalid when the argument is refused.
+    QTest::addColumn<QVariant>("converted");
+
+    const QVariant refused;
+    QTest::newRow("strg text") << "channel" << QVariant(QStringLiteral("DO3")) << QVariant(QStringLiteral("DO3"));
+    QTest::newRow("strg number") << "channel" << QVariant(3) << refused;
+    QTest::newRow("ui16 number") << "bitMask" << QVariant(15u) << QVariant(15);
+    QTest::newRow("ui16 highest") << "bitMask" << QVariant(65535) << QVariant(65535);
+    QTest::newRow("ui16 above") << "bitMask" << QVariant(65536) << refused;
+    QTest::newRow("ui16 negative") << "bitMask" << QVariant(-1) << refused;
+    QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2);
+    QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused;
+    QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused;
+    QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255);
+    QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535);
+    QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused;
+    QTest::newRow("ui16 word") << "bitMask" << QVariant(QStringLiteral("abc")) << refused;
+    QTest::newRow("int lowest text") << "width" << QVariant(QStringLiteral("-2147483648")) << QVariant(std::numeric_limits<int>::min());
+    QTest::newRow("int negative hex") << "width" << QVariant(QStringLiteral("-0x10")) << QVariant(-16);
+    QTest::newRow("int above") << "width" << QVariant(qint64(2147483648LL)) << refused;
+    QTest::newRow("int below") << "width" << QVariant(qint64(-2147483649LL)) << refused;
+    QTest::newRow("int not a number") << "width" << QVariant(qQNaN()) << refused;
+    QTest::newRow("bool") << "on" << QVariant(true) << QVariant(true);
+    QTest::newRow("bool text") << "on" << QVariant(QStringLiteral("false")) << QVariant(false);
+    QTest::newRow("bool digit text") << "on" << QVariant(QStringLiteral("1")) << QVariant(true);
+    QTest::newRow("bool other text") << "on" << QVariant(QStringLiteral("yes")) << refused;
+    QTest::newRow("bool number") << "on" << QVariant(0) << refused;
+    QTest::newRow("varL list") << "values" << QVariant(QVariantList{1, QStringLiteral("x")}) << QVariant(QVariantList{1, QStringLiteral("x")});
+    QTest::newRow("varL text") << "values" << QVariant(QStringLiteral("1,0")) << refused;
+    QTest::newRow("vart anything") << "any" << QVariant(QStringLiteral("0x10")) << QVariant(QStringLiteral("0x10"));
+}
+
+void TstFramework::typeCodes()
+{
+    QFETCH(QString, name);
+    QFETCH(QVariant, value);
+    QFETCH(QVariant, converted);
+
+    TestMessenger messenger;
+    TestPlugin plugin;
+    plugin.setMessenger(&messenger);
+    TestCommand command(&plugin);
+    command.setArgumentChecks(true);
+    command.setParameters({{name, value}});
+    QCOMPARE(command.commandExecute(), converted.isValid());
+    if (converted.isValid()) {
+        const QVariant actual = command.getParameterValue(name);
+        QCOMPARE(actual.userType(), converted.userType());
+        QCOMPARE(actual, converted);
+    } else {
+        QVERIFY2(command.errorString().startsWith(QStringLiteral("command \"probe\": argument \"%1\" is ").arg(name)),
+                 qPrintable(command.errorString()));
+    }
 }
 
 void TstFramework::resultsOnlyForDeclaredNames()
@@ -199,8 +257,6 @@ void TstFramework::resultsOnlyForDeclaredNames()
     QVERIFY(!command.commandUpdateResult(QStringLiteral("doneOk"), true));
     QCOMPARE(command.errorString(), QStringLiteral("command \"probe\" has no result \"doneOk\""));
     QCOMPARE(spy.count(), 1);
-    QCOMPARE(spy.at(0).at(0).toString(), QStringLiteral("value"));
-    QCOMPARE(spy.at(0).at(1), QVariant(5u));
     QCOMPARE(command.results(), (QVariantMap{{QStringLiteral("value"), 5u}}));
 
     // A new execution starts with no results.
@@ -208,55 +264,16 @@ void TstFramework::resultsOnlyForDeclaredNames()
     QVERIFY(command.results().isEmpty());
 }
 
-void TstFramework::registryOrderAndDuplicates()
+void TstFramework::duplicateCommands()
 {
     TestPlugin plugin;
-    plugin.initAbstractCommands();
     QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("listen"), QStringLiteral("stopListening"))));
-    QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("probe"))));
-
     QPointer<TestCommand> duplicate = new TestCommand(nullptr, QStringLiteral("stopListening"));
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"stopListening\" is declared already")));
     QVERIFY(!plugin.declareInstructionCommand(duplicate));
     QVERIFY(duplicate.isNull());
     QVERIFY(!plugin.declareInstructionCommand(nullptr));
-
-    const QStringList expected{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"), QStringLiteral("probe")};
-    QCOMPARE(plugin.commandNames(), expected);
-    QCOMPARE(plugin.getFunctions(true), (QStringList{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"),
-                                                    QStringLiteral("stopListening"), QStringLiteral("probe")}));
-    QCOMPARE(plugin.command(QStringLiteral("stopListening")), plugin.command(QStringLiteral("listen")));
-    QCOMPARE(plugin.command(QStringLiteral("listen"))->parent(), &plugin);
-
-    const DCommandArguments arguments = plugin.getCommandParameters(QStringLiteral("probe"));
-    QCOMPARE(arguments.size(), 4);
-    QCOMPARE(arguments.at(1).name, QStringLiteral("bitMask"));
-    QCOMPARE(arguments.at(1).defaultValue.userType(), int(QMetaType::Int));
-    QCOMPARE(arguments.at(3).kind, DCommandArgument::CeResult);
-    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("probe")), QStringLiteral("Probe"));
-    QVERIFY(plugin.getCommandParameters(QStringLiteral("stopListening")).isEmpty());
-    QVERIFY(plugin.getFunctionDescription(QStringLiteral("nothing")).isEmpty());
-}
-
-void TstFramework::instructionsGoThroughMessenger()
-{
-    TestMessenger messenger;
-    TestPlugin plugin;
-    TestCommand command(&plugin);
-    const QVariantMap parameters{{QStringLiteral("register"), 4}};
-    QCOMPARE(command.addInstruction(QStringLiteral("driver"), QStringLiteral("read"), parameters, 3000, {}), 0ull);
-    QVERIFY(messenger.instructions().isEmpty());
-
-    plugin.setMessenger(&messenger);
-    const unsigned long long id = command.addInstruction(QStringLiteral("driver"), QStringLiteral("read"), parameters, 3000, {});
-    QVERIFY(id != 0);
-    QCOMPARE(messenger.instructions().size(), 1);
-    const TestMessenger::Instruction &sent = messenger.instructions().first();
-    QCOMPARE(sent.id, id);
-    QCOMPARE(sent.command, &command);
-    QCOMPARE(sent.parameters, parameters);
-    QCOMPARE(sent.timeoutMs, 3000);
-    QVERIFY(!sent.hasCallback);
+    QCOMPARE(plugin.commandNames(), QStringList{QStringLiteral("listen")});
 }
 
 void TstFramework::configurationPaths()
