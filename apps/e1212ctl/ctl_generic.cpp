@@ -8,6 +8,7 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 namespace {
 
@@ -15,6 +16,9 @@ namespace {
 // words themselves otherwise. Whole numbers become ints.
 QVariant argumentValue(const QString &text)
 {
+    static const QRegularExpression hex(QStringLiteral("^0[xX][0-9A-Fa-f]{1,8}$"));
+    if (hex.match(text).hasMatch())
+        return text.mid(2).toLongLong(nullptr, 16);
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(QStringLiteral("[%1]").arg(text).toUtf8(), &error);
     if (error.error != QJsonParseError::NoError || document.array().size() != 1)
@@ -50,14 +54,6 @@ int run(CtlSession &session, const CtlArgs &args)
         return session.usageError(QStringLiteral("run: device \"%1\" has no command \"%2\" (known: %3)")
                                       .arg(session.config(device).reference, name, plugin->commandNames().join(QStringLiteral(", "))));
     if (!raw) {
-        QStringList declared;
-        for (const DCommandArgument &argument : plugin->getCommandParameters(name))
-            if (argument.kind == DCommandArgument::CeParameter)
-                declared << argument.name;
-        for (auto it = arguments.cbegin(); it != arguments.cend(); ++it)
-            if (!declared.contains(it.key()))
-                return session.usageError(QStringLiteral("run %1: unknown argument \"%2\" (declared: %3)")
-                                              .arg(name, it.key(), declared.join(QStringLiteral(", "))));
         CtlChannel channel;
         if (arguments.contains(QStringLiteral("channel"))
             && !session.channel(QStringLiteral("%1:%2").arg(session.config(device).reference, arguments.value(QStringLiteral("channel")).toString()),

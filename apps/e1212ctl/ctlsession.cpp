@@ -257,8 +257,7 @@ bool CtlSession::channel(const QString &text, ChannelKind kind, CtlChannel *chan
 
 Execution *CtlSession::execute(int device, const QString &command, const QVariantMap &arguments, bool raw)
 {
-    Q_UNUSED(raw)
-    return m_host->execute(this->device(device), command, arguments);
+    return m_host->execute(this->device(device), command, arguments, raw ? Host::RawArguments : Host::CheckArguments);
 }
 
 void CtlSession::printJson(QJsonObject object)
@@ -366,7 +365,7 @@ int CtlSession::runAndReport(int device, const QString &command, const QVariantM
     const int code = isRefusal(error.code) ? ExitUsage : ExitFailed;
     const bool json = m_options.json;
     m_options.json = false; // the JSON line is out already
-    fail(code, QStringLiteral("%1 failed: %2").arg(command, error.text));
+    fail(code, code == ExitUsage ? error.text : QStringLiteral("%1 failed: %2").arg(command, error.text));
     m_options.json = json;
     return code;
 }

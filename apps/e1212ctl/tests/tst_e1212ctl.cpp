@@ -129,7 +129,14 @@ private slots:
         row("count negative", {"listen", "DI0", "--count=-3"}, "--count \"-3\"");
         row("run unknown command", {"run", "nope"}, "run: device \"Moxa E1212 io1\" has no command \"nope\"");
         row("run raw unknown command", {"run", "--raw", "nope"}, "has no command \"nope\"");
-        row("run unknown argument", {"run", "getValue", "chanel=DI0"}, "run getValue: unknown argument \"chanel\"");
+        row("run unknown argument", {"run", "getValue", "chanel=DI0"}, "command \"getValue\" has no parameter \"chanel\"");
+        row("run raw unknown argument", {"run", "--raw", "getValue", "chanel=DI0"}, "has no parameter \"chanel\"");
+        const QString ui16 = QStringLiteral("expected \"ui16\" (a whole number from 0 to 65535");
+        row("run value -1", {"run", "setValue", "channel=DO1", "value=-1"}, "argument \"value\" is -1, " + ui16);
+        row("run value 1.5", {"run", "setValue", "channel=DO1", "value=1.5"}, "argument \"value\" is 1.5, " + ui16);
+        row("run value 65536", {"run", "setValue", "channel=DO1", "value=0x10000"}, "argument \"value\" is 65536, " + ui16);
+        row("run value list", {"run", "setValue", "channel=DO1", "value=[1,2]"}, "argument \"value\" is [1,2], " + ui16);
+        row("run mask -1", {"run", "setValue", "channel=DO1", "value=1", "bitMask=-1"}, "argument \"bitMask\" is -1, " + ui16);
         row("run unknown channel", {"run", "setValue", "channel=DO9", "value=1"}, "unknown channel \"DO9\"");
         row("run not KEY=VALUE", {"run", "getValue", "DI0"}, "argument \"DI0\" is not KEY=VALUE");
         row("unknown command", {"frobnicate"}, "unknown command \"frobnicate\"");
@@ -148,6 +155,9 @@ private slots:
         row("missing file", {"--config", "/nonexistent/bench.json", "info"}, "cannot read the configuration");
         row("syntax", {"info"}, "JSON syntax error", "{\n  \"reference\": \n");
         row("no devices", {"info"}, "devices: the list is empty", R"({"devices": []})");
+        row("register abc", {"set", "DO1", "1"}, "io1_channels[0].value[1].value: \"register\" must be a whole number 0-65535, found \"abc\"",
+            R"({"reference": "Moxa E1212 io1", "parameters": {"io1_channels": [{"id": "DO1", "value": [
+                {"id": "type", "value": "digitalOutput"}, {"id": "register", "value": "abc"}]}]}})");
         row("unknown plug-in", {"info"}, "no plug-in with UUID {11111111-2222-3333-4444-555555555555} is loaded",
             R"({"reference": "Moxa E1212 io1", "plugin": "{11111111-2222-3333-4444-555555555555}"})");
     }
