@@ -12,9 +12,11 @@
 #include <QFile>
 #include <QJsonObject>
 #include <QProcess>
+#include <QSocketNotifier>
 #include <QTimer>
 
-#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -59,20 +61,55 @@ int runStep(CtlSession &session, const QList<CtlGroup> &groups, const QStringLis
     return command->run(session, args);
 }
 
-// Runs every line of `in` as a step; returns the status of the first failing step.
-int runSteps(CtlSession &session, FILE *in, const QString &source, bool prompt)
+// Steps come from a file descriptor; while a line is awaited the event loop runs, so the
+// events of background listens keep coming (at a shell prompt too).
+class LineReader
+{
+public:
+    explicit LineReader(int fd) : m_fd(fd) {}
+
+    // The next line without its end; false at the end of the input.
+    bool next(QByteArray *line)
+    {
+        while (true) {
+            const int end = m_pending.indexOf('\n');
+            if (end >= 0) {
+                *line = m_pending.left(end);
+                m_pending.remove(0, end + 1);
+                return true;
+            }
+            QSocketNotifier readable(m_fd, QSocketNotifier::Read);
+            QEventLoop loop;
+            QObject::connect(&readable, &QSocketNotifier::activated, &loop, &QEventLoop::quit);
+            loop.exec();
+            char buffer[4096];
+            const ssize_t got = ::read(m_fd, buffer, sizeof buffer);
+            if (got <= 0) {
+                *line = m_pending;
+                m_pending.clear();
+                return !line->isEmpty();
+            }
+            m_pending.append(buffer, int(got));
+        }
+    }
+
+private:
+    int m_fd;
+    QByteArray m_pending;
+};
+
+// Runs every line of `fd` as a step; returns the status of the first failing step.
+int runSteps(CtlSession &session, int fd, const QString &source, bool prompt)
 {
     const QList<CtlGroup> groups = ctlGroups();
-    QFile file;
-    file.open(in, QIODevice::ReadOnly | QIODevice::Text);
+    LineReader reader(fd);
+    QByteArray bytes;
     int first = CtlSession::ExitOk;
     int number = 0;
     while (true) {
-        if (prompt) {
+        if (prompt)
             session.out() << "e1212ctl> " << Qt::flush;
-        }
-        const QByteArray bytes = file.readLine();
-        if (bytes.isEmpty() && file.atEnd())
+        if (!reader.next(&bytes))
             break;
         ++number;
         const QStringList words = stepWords(QString::fromUtf8(bytes).trimmed());
@@ -98,12 +135,12 @@ int script(CtlSession &session, const CtlArgs &args)
         return session.usageError(QStringLiteral("usage: script FILE (or - for standard input)"));
     const QString path = args.positional().first();
     if (path == QLatin1String("-"))
-        return runSteps(session, stdin, QStringLiteral("-"), false);
-    FILE *file = fopen(QFile::encodeName(path).constData(), "r");
-    if (!file)
+        return runSteps(session, STDIN_FILENO, QStringLiteral("-"), false);
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY);
+    if (fd < 0)
         return session.usageError(QStringLiteral("script %1: cannot read it").arg(path));
-    const int status = runSteps(session, file, path, false);
-    fclose(file);
+    const int status = runSteps(session, fd, path, false);
+    ::close(fd);
     return status;
 }
 
@@ -111,7 +148,7 @@ int shell(CtlSession &session, const CtlArgs &args)
 {
     if (!args.positional().isEmpty())
         return session.usageError(QStringLiteral("usage: shell"));
-    return runSteps(session, stdin, QStringLiteral("shell"), !session.options().json);
+    return runSteps(session, STDIN_FILENO, QStringLiteral("shell"), !session.options().json);
 }
 
 int expect(CtlSession &session, const CtlArgs &args)
