@@ -236,6 +236,38 @@ private slots:
                                   .arg(m_io1.port()).arg(m_io2.port()));
     }
 
+    // --raw passes what the type checks refuse, so protocol-level cases still reach the module.
+    void rawReachesTheDevice_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("65536 on the pulse path") << QStringList{"value=65536"};
+        QTest::newRow("0x12345 masked") << QStringList{"value=0x12345", "bitMask=0xFFFE"};
+    }
+
+    void rawReachesTheDevice()
+    {
+        QFETCH(QStringList, arguments);
+        const int requests = m_io1.requestCount();
+        const Run run = runCtl(QStringList{QStringLiteral("--config"), m_bench, QStringLiteral("run"), QStringLiteral("--raw"),
+                                           QStringLiteral("setValue"), QStringLiteral("channel=DO1")} + arguments);
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY(m_io1.requestCount() > requests);
+    }
+
+    // A failure after sending is exit 1, and its JSON line carries the error's code.
+    void deviceTimeOut()
+    {
+        m_io1.setResponseDelay(1000);
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--json"), QStringLiteral("--timeout"),
+                                QStringLiteral("200"), QStringLiteral("get"), QStringLiteral("DI5")});
+        m_io1.setResponseDelay(0);
+        QCOMPARE(run.exitCode, 1);
+        const QJsonObject line = QJsonDocument::fromJson(run.out.toUtf8()).object();
+        QCOMPARE(line.value(QStringLiteral("ok")), QJsonValue(false));
+        QCOMPARE(line.value(QStringLiteral("code")).toString(), QStringLiteral("timeout"));
+        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
+    }
+
     // Help never needs a display.
     void help_data()
     {
@@ -272,11 +304,13 @@ private slots:
         QVERIFY(install.waitForFinished(60000));
         QCOMPARE(install.exitCode(), 0);
         QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/e1212/e1212.json"))));
-        const Run run = runCtl({QStringLiteral("--verbose"), QStringLiteral("info")}, m_dir.filePath(QStringLiteral("prefix/bin/e1212ctl")));
+        // A prefix can be moved: nothing points into the build tree or at the install path.
+        QVERIFY(QDir(m_dir.path()).rename(QStringLiteral("prefix"), QStringLiteral("moved")));
+        const Run run = runCtl({QStringLiteral("--verbose"), QStringLiteral("info")}, m_dir.filePath(QStringLiteral("moved/bin/e1212ctl")));
         QCOMPARE(run.exitCode, 0);
         QVERIFY2(run.out.contains(QStringLiteral("modelName:       E1212\n")), qPrintable(run.out));
         QVERIFY2(run.err.contains(QStringLiteral("from %1/libp_device_moxa_iologic.so")
-                                      .arg(QFileInfo(m_dir.filePath(QStringLiteral("prefix/lib/e1212/plugins"))).canonicalFilePath())),
+                                      .arg(QFileInfo(m_dir.filePath(QStringLiteral("moved/lib/e1212/plugins"))).canonicalFilePath())),
                  qPrintable(run.err));
         QVERIFY(!run.err.contains(QStringLiteral(E1212_BUILD_DIR "/plugins")));
     }
