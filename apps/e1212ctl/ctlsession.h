@@ -114,7 +114,7 @@ public:
                      const CtlListenLimits &limits = CtlListenLimits(), bool raw = false, const Shaper &shape = {});
     // Reports a result the subcommand made itself (no device command).
     int reportLocal(const QString &name, const QVariantMap &results, const Printer &human);
-    // Runs `command` and waits for its end; the finished execution, deleted with the session.
+    // Runs `command` and waits for its end; the caller deletes the finished execution.
     Execution *runToEnd(int device, const QString &command, const QVariantMap &arguments);
 
     // A listen that runs until stopBackground(): its events go to the output as they come.
@@ -127,7 +127,8 @@ public:
 
 private:
     bool loadConfig(QString *error);
-    // Connects the event and error output of a listening execution; `failed` is set on an outage.
+    // Prints the events and outages of a listening execution; *outage holds the driver's
+    // last word while the device does not answer, *events counts the events.
     void watchListen(Execution *execution, int device, const QString &channel, int *events, QString *outage);
 
     Options m_options;
