@@ -228,9 +228,9 @@ CtlGroup deviceGroup()
                 {QStringLiteral("get-run"), QStringLiteral("CH"), QStringLiteral("read CH and the channels after it in its group (getValues)"), &getRun},
                 {QStringLiteral("set"), QStringLiteral("CH VALUE"), QStringLiteral("set a digital output to 0 or 1 (setValue)"), &set,
                  {valueOption(QStringLiteral("mask"), QStringLiteral("write only the bits of M (0-0xFFFF) of the register"), QStringLiteral("M"))}},
-                {QStringLiteral("pulse"), QStringLiteral("CH V..."), QStringLiteral("pulse outputs from CH on with the given widths (setValues)"),
+                {QStringLiteral("pulse"), QStringLiteral("CH --on MS --off MS V..."), QStringLiteral("pulse outputs from CH on with the given widths (setValues)"),
                  std::bind(&pulseOrBlink, _1, _2, QStringLiteral("setValues")), widths},
-                {QStringLiteral("blink"), QStringLiteral("CH V..."), QStringLiteral("blink outputs from CH on with the given widths (setBlink)"),
+                {QStringLiteral("blink"), QStringLiteral("CH --on MS --off MS V..."), QStringLiteral("blink outputs from CH on with the given widths (setBlink)"),
                  std::bind(&pulseOrBlink, _1, _2, QStringLiteral("setBlink")), widths},
                 {QStringLiteral("listen"), QStringLiteral("CH [&]"),
                  QStringLiteral("print each change of a channel until the limit, Ctrl-C or SIGTERM (listenEvents); "

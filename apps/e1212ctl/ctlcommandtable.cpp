@@ -108,11 +108,19 @@ QString ctlHelp(const QList<CtlGroup> &groups)
     for (const CtlGroup &group : groups) {
         out << '\n' << group.title << ":\n";
         for (const CtlCommand &command : group.commands) {
-            const QString synopsis = command.usage.isEmpty() ? command.name : command.name + QLatin1Char(' ') + command.usage;
-            out << "  " << synopsis.leftJustified(30) << ' ' << command.summary << '\n';
+            QStringList synopsis{command.name};
+            if (!command.usage.isEmpty())
+                synopsis << command.usage;
+            for (const QCommandLineOption &option : command.options)
+                if (!(option.flags() & QCommandLineOption::HiddenFromHelp) && !command.usage.contains(QStringLiteral("--") + option.names().last()))
+                    synopsis << QStringLiteral("[--%1%2]").arg(option.names().last(),
+                                                              option.valueName().isEmpty() ? QString() : QLatin1Char(' ') + option.valueName());
+            const QString line = synopsis.join(QLatin1Char(' '));
+            out << "  " << line.leftJustified(30) << (line.size() > 30 ? QStringLiteral("\n%1").arg(QString(), 33) : QStringLiteral(" "))
+                << command.summary << '\n';
         }
     }
-    out << "  " << QStringLiteral("help [COMMAND]").leftJustified(30) << " this text, or one subcommand's\n"
+    out << "\nHelp:\n  " << QStringLiteral("help [COMMAND]").leftJustified(30) << " this text, or one subcommand's\n"
         << "\nExit status: 0 success; 1 the device or the command failed after something was sent\n"
            "(device error, time-out, wrong reply, failed expect); 2 refused before anything was sent\n"
            "(usage, configuration, argument, unknown command or channel).\n"
