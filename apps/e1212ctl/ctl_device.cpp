@@ -202,7 +202,8 @@ int listen(CtlSession &session, const CtlArgs &args)
         return exitCode;
     if (args.background()) {
         session.startBackground(channel.device, channel.id);
-        return CtlSession::ExitOk;
+        return session.reportLocal(QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel.id}, {QStringLiteral("background"), true}},
+                                   [](const QVariantMap &) {});
     }
     return session.runAndReport(channel.device, QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel.id}}, {},
                                 limits);

@@ -211,7 +211,7 @@ int wait(CtlSession &session, const CtlArgs &args)
     if (!CtlArgs::number(args.positional().first(), 0, c_maxWaitMs, QStringLiteral("wait"), &ms, &error))
         return session.usageError(error);
     pause(int(ms));
-    return CtlSession::ExitOk;
+    return session.reportLocal(QStringLiteral("wait"), {{QStringLiteral("ms"), ms}}, [](const QVariantMap &) {});
 }
 
 int use(CtlSession &session, const CtlArgs &args)
@@ -221,14 +221,16 @@ int use(CtlSession &session, const CtlArgs &args)
         return session.usageError(QStringLiteral("usage: use NAME"));
     if (!session.openDevices(&exitCode) || !session.use(args.positional().first(), &exitCode))
         return exitCode;
-    return CtlSession::ExitOk;
+    return session.reportLocal(QStringLiteral("use"), {{QStringLiteral("device"), session.config().reference}},
+                               [](const QVariantMap &) {});
 }
 
 int stop(CtlSession &session, const CtlArgs &args)
 {
     if (!args.positional().isEmpty())
         return session.usageError(QStringLiteral("usage: stop"));
-    return session.stopBackground();
+    const int status = session.stopBackground();
+    return status != CtlSession::ExitOk ? status : session.reportLocal(QStringLiteral("stop"), {}, [](const QVariantMap &) {});
 }
 
 } // namespace
