@@ -306,7 +306,7 @@ void CtlSession::watchListen(Execution *execution, int device, const QString &ch
             printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("device"), reference},
                        {QStringLiteral("line"), line},
                        {QStringLiteral("channel"), channel}, {QStringLiteral("error"), error},
-                       {QStringLiteral("code"), DError::codeName(IMessenger::CeTimeout)},
+                       {QStringLiteral("code"), DError::codeName(IMessenger::CeDriverError)},
                        {QStringLiteral("time"), now()}, {QStringLiteral("seq"), ++m_seq}});
         fail(ExitFailed, error);
     });
@@ -344,7 +344,8 @@ int CtlSession::runAndReport(int device, const QString &command, const QVariantM
 
     // A listen stopped while the device was not answering has failed, though it ended normally.
     const bool ok = execution->isOk() && outage.isEmpty();
-    const DError error = execution->isOk() ? DError{IMessenger::CeTimeout, 0, outage} : execution->error();
+    // An outage carries only the driver's text: it is reported as a driver error.
+    const DError error = execution->isOk() ? DError{IMessenger::CeDriverError, 0, outage} : execution->error();
     const QVariantMap results = shape ? shape(execution->results()) : execution->results();
     delete execution;
     if (m_options.json) {
