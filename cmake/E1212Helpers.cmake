@@ -7,6 +7,7 @@ function(e1212_add_plugin target)
   target_link_libraries(${target} PRIVATE e1212_warnings ${ARG_LIBRARIES})
   set_target_properties(${target} PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY ${E1212_PLUGIN_OUTPUT_DIR}
+    INSTALL_RPATH "$ORIGIN/../.."
     PREFIX "lib")
 endfunction()
 

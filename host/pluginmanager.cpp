@@ -5,6 +5,7 @@
 #include "hostlog.h"
 #include "hostplugin.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
@@ -19,9 +20,15 @@ PluginManager::PluginManager(QObject *parent)
 // last use, and unloading code under live objects crashes.
 PluginManager::~PluginManager() = default;
 
-QStringList PluginManager::defaultPluginDirs()
+QStringList PluginManager::searchPath(const QStringList &extra)
 {
-    return {QStringLiteral(E1212_BUILD_PLUGIN_DIR), QStringLiteral(E1212_INSTALL_PLUGIN_DIR)};
+    const QString bin = QCoreApplication::applicationDirPath();
+    QStringList dirs{bin + QStringLiteral("/../lib/e1212/plugins"), bin + QStringLiteral("/../plugins")};
+    dirs << extra;
+    const QString environment = qEnvironmentVariable("E1212_PLUGIN_PATH");
+    if (!environment.isEmpty())
+        dirs << environment.split(QDir::listSeparator(), Qt::SkipEmptyParts);
+    return dirs;
 }
 
 int PluginManager::scan(const QStringList &dirs)

@@ -18,8 +18,11 @@ public:
     explicit PluginManager(QObject *parent = nullptr);
     ~PluginManager() override;
 
-    // The folders searched by default: the build tree's plug-in folder, then the installed one.
-    static QStringList defaultPluginDirs();
+    // The folders to scan, in order: those next to the running executable (an installed
+    // tree's ../lib/e1212/plugins, the build tree's ../plugins), then `extra`, then each folder
+    // of the environment variable E1212_PLUGIN_PATH (separated like PATH). Needs the
+    // application object.
+    static QStringList searchPath(const QStringList &extra = {});
 
     // Loads every library file found in `dirs` (missing folders are skipped). Returns the
     // number of plug-ins loaded by this call; each refused file adds one line to refusals().

@@ -3,6 +3,7 @@
 // Modbus TCP (by default against the embedded simulator), with the time each one took.
 #include "ctl_demo.h"
 
+#include "ctlargs.h"
 #include "ctlsession.h"
 #include "e1212simulator.h"
 #include "execution.h"
@@ -90,17 +91,17 @@ QString bits(const QVariant &values)
     return text.join(QLatin1Char(' '));
 }
 
-int demo(CtlSession &session, const QStringList &args)
+int demo(CtlSession &session, const CtlArgs &args)
 {
-    if (!args.isEmpty())
-        return session.usageError(QStringLiteral("demo takes no argument, got \"%1\"").arg(args.first()));
+    if (!args.positional().isEmpty())
+        return session.usageError(QStringLiteral("demo takes no argument, got \"%1\"").arg(args.positional().first()));
     int exitCode = CtlSession::ExitOk;
-    if (!session.openDevice(&exitCode))
+    if (!session.openDevices(&exitCode))
         return exitCode;
     QTextStream &out = session.out();
-    E1212Simulator *sim = session.simulator();
+    E1212Simulator *sim = session.simulator(session.current());
     out << "E1212 demonstration against " << (sim ? "the embedded simulator at " : "the module at ")
-        << session.address() << Qt::endl;
+        << session.address(session.current()) << Qt::endl;
     Demo demo(session);
 
     out << Qt::endl << "1. Identity (getInfo)" << Qt::endl;

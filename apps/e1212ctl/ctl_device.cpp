@@ -1,40 +1,52 @@
 // SPDX-License-Identifier: MIT
+// e1212ctl's channel subcommands. Each checks what it means before anything is sent: the
+// channel exists (outputs for set, pulse and blink), values are 0 or 1, widths 1-65535 ms.
 #include "ctl_device.h"
 
 #include "ctlargs.h"
 #include "ctlsession.h"
 
-#include <QDateTime>
-
 namespace {
 
-// Parses the words, opens the device and checks the channel named by the first positional
-// word. Returns false with *exitCode set when the subcommand must stop.
-bool prepare(CtlSession &session, const CtlArgs &args, int positionalMin, int positionalMax,
-             const QString &usage, int *exitCode)
+constexpr quint32 c_maxCount = 1000000000;
+constexpr quint32 c_maxListenSeconds = 7 * 24 * 3600;
+
+// Refuses a line whose number of positional words is outside min-max (max -1: no limit).
+bool positionalCount(CtlSession &session, const CtlArgs &args, int min, int max, const QString &usage, int *exitCode)
 {
-    if (!args.error().isEmpty()) {
-        *exitCode = session.usageError(args.error() + QStringLiteral("; usage: ") + usage);
-        return false;
-    }
     const int count = args.positional().size();
-    if (count < positionalMin || (positionalMax >= 0 && count > positionalMax)) {
-        *exitCode = session.usageError(QStringLiteral("usage: e1212ctl %1").arg(usage));
-        return false;
-    }
-    return session.openDevice(exitCode) && (positionalMin == 0 || session.checkChannel(args.positional().first(), exitCode));
+    if (count >= min && (max < 0 || count <= max))
+        return true;
+    *exitCode = session.usageError(QStringLiteral("usage: %1 %2").arg(args.name(), usage));
+    return false;
 }
 
-int info(CtlSession &session, const QStringList &words)
+// Checks each (text, min, max, what) and fills `values`; false after printing a refusal.
+bool numbers(CtlSession &session, const QList<std::tuple<QString, quint32, quint32, QString>> &checks,
+             QList<quint32> *values, int *exitCode)
 {
-    const CtlArgs args(words, {});
+    for (const auto &check : checks) {
+        quint32 value = 0;
+        QString error;
+        if (!CtlArgs::number(std::get<0>(check), std::get<1>(check), std::get<2>(check), std::get<3>(check), &value, &error)) {
+            *exitCode = session.usageError(error);
+            return false;
+        }
+        *values << value;
+    }
+    return true;
+}
+
+int info(CtlSession &session, const CtlArgs &args)
+{
     int exitCode = 0;
-    if (!prepare(session, args, 0, 0, QStringLiteral("info"), &exitCode))
+    if (!positionalCount(session, args, 0, 0, QString(), &exitCode) || !session.openDevices(&exitCode))
         return exitCode;
-    return session.runAndReport(QStringLiteral("getInfo"), {}, [&session](const QVariantMap &results) {
+    const int device = session.current();
+    return session.runAndReport(device, QStringLiteral("getInfo"), {}, [&session, device](const QVariantMap &results) {
         const QVariantMap information = results.value(QStringLiteral("deviceInformation")).toMap();
-        QList<QPair<QString, QString>> lines{{QStringLiteral("device"), session.config().reference},
-                                             {QStringLiteral("address"), session.address()}};
+        QList<QPair<QString, QString>> lines{{QStringLiteral("device"), session.config(device).reference},
+                                             {QStringLiteral("address"), session.address(device)}};
         QStringList keys{QStringLiteral("modelName"), QStringLiteral("softwareVersion"),
                          QStringLiteral("serialNumber"), QStringLiteral("macAddress")};
         for (const QString &key : information.keys())
@@ -51,142 +63,155 @@ int info(CtlSession &session, const QStringList &words)
     });
 }
 
-int get(CtlSession &session, const QStringList &words)
+int get(CtlSession &session, const CtlArgs &args)
 {
-    const CtlArgs args(words, {});
     int exitCode = 0;
-    if (!prepare(session, args, 1, 1, QStringLiteral("get CH"), &exitCode))
+    CtlChannel channel;
+    if (!positionalCount(session, args, 1, 1, QStringLiteral("CH"), &exitCode)
+        || !session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &exitCode))
         return exitCode;
-    const QString channel = args.positional().first();
-    return session.runAndReport(QStringLiteral("getValue"), {{QStringLiteral("channel"), channel}},
+    return session.runAndReport(channel.device, QStringLiteral("getValue"), {{QStringLiteral("channel"), channel.id}},
                                 [&session, channel](const QVariantMap &results) {
-                                    session.out() << channel << " = " << CtlSession::toText(results.value(QStringLiteral("value"))) << '\n';
+                                    session.out() << channel.id << " = "
+                                                  << CtlSession::toText(results.value(QStringLiteral("value"))) << '\n';
                                 });
 }
 
-int getRun(CtlSession &session, const QStringList &words)
+int getRun(CtlSession &session, const CtlArgs &args)
 {
-    const CtlArgs args(words, {});
     int exitCode = 0;
-    if (!prepare(session, args, 1, 1, QStringLiteral("get-run CH"), &exitCode))
+    CtlChannel channel;
+    if (!positionalCount(session, args, 1, 1, QStringLiteral("CH"), &exitCode)
+        || !session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &exitCode))
         return exitCode;
-    const QString channel = args.positional().first();
-    return session.runAndReport(QStringLiteral("getValues"), {{QStringLiteral("channel"), channel}},
-                                [&session, channel](const QVariantMap &results) {
-                                    // The values belong to the channel and the ones after it in the table.
-                                    const QStringList ids = session.channelIds();
-                                    const int first = ids.indexOf(channel);
-                                    const QVariantList values = results.value(QStringLiteral("values")).toList();
-                                    for (int i = 0; i < values.size(); ++i) {
-                                        const QString name = first + i < ids.size() ? ids.at(first + i)
-                                                                                    : QStringLiteral("%1+%2").arg(channel).arg(i);
-                                        session.out() << name << " = " << CtlSession::toText(values.at(i)) << '\n';
-                                    }
-                                });
+    // The values belong to the channel and the ones after it in the table.
+    const QStringList ids = session.channelIds(channel.device);
+    const int first = ids.indexOf(channel.id);
+    const auto name = [&](int i) {
+        return first + i < ids.size() ? ids.at(first + i) : QStringLiteral("%1+%2").arg(channel.id).arg(i);
+    };
+    return session.runAndReport(
+        channel.device, QStringLiteral("getValues"), {{QStringLiteral("channel"), channel.id}},
+        [&](const QVariantMap &results) {
+            const QVariantList values = results.value(QStringLiteral("values")).toList();
+            for (int i = 0; i < values.size(); ++i)
+                session.out() << name(i) << " = " << CtlSession::toText(values.at(i)) << '\n';
+        },
+        {}, false, [&](QVariantMap results) {
+            QVariantMap channels;
+            const QVariantList values = results.value(QStringLiteral("values")).toList();
+            for (int i = 0; i < values.size(); ++i)
+                channels.insert(name(i), values.at(i));
+            results.insert(QStringLiteral("channels"), channels);
+            return results;
+        });
 }
 
-int set(CtlSession &session, const QStringList &words)
+int set(CtlSession &session, const CtlArgs &args)
 {
-    const QString usage = QStringLiteral("set CH VALUE [--mask M]");
-    const CtlArgs args(words, {QStringLiteral("--mask")});
-    QString error;
-    quint32 value = 0;
-    quint32 mask = 0xFFFF;
-    if (args.error().isEmpty() && args.positional().size() == 2
-        && (!CtlArgs::number(args.positional().at(1), 0xFFFF, QStringLiteral("VALUE"), &value, &error)
-            || (args.has(QStringLiteral("--mask")) && !CtlArgs::number(args.value(QStringLiteral("--mask")), 0xFFFF, QStringLiteral("--mask"), &mask, &error))))
-        return session.usageError(error);
     int exitCode = 0;
-    if (!prepare(session, args, 2, 2, usage, &exitCode))
+    CtlChannel channel;
+    QList<quint32> numbers;
+    const bool masked = args.has(QStringLiteral("mask"));
+    if (!positionalCount(session, args, 2, 2, QStringLiteral("CH VALUE"), &exitCode)
+        || !::numbers(session, {{args.positional().at(1), 0, 1, QStringLiteral("VALUE")}}, &numbers, &exitCode)
+        || (masked && !::numbers(session, {{args.value(QStringLiteral("mask")), 0, 0xFFFF, QStringLiteral("--mask")}}, &numbers, &exitCode))
+        || !session.channel(args.positional().first(), CtlSession::OutputChannel, &channel, &exitCode))
         return exitCode;
-    const QString channel = args.positional().first();
-    QVariantMap arguments{{QStringLiteral("channel"), channel}, {QStringLiteral("value"), value}};
-    if (args.has(QStringLiteral("--mask")))
-        arguments.insert(QStringLiteral("bitMask"), mask);
+    const quint32 value = numbers.at(0);
+    QVariantMap arguments{{QStringLiteral("channel"), channel.id}, {QStringLiteral("value"), value}};
+    if (masked)
+        arguments.insert(QStringLiteral("bitMask"), numbers.at(1));
     bool confirmed = true;
-    exitCode = session.runAndReport(QStringLiteral("setValue"), arguments, [&](const QVariantMap &results) {
+    exitCode = session.runAndReport(channel.device, QStringLiteral("setValue"), arguments, [&](const QVariantMap &results) {
         confirmed = results.value(QStringLiteral("doneOk"), true).toBool();
         if (!confirmed)
             return;
-        session.out() << channel << " = " << value;
-        if (args.has(QStringLiteral("--mask")))
-            session.out() << " (mask 0x" << QString::number(mask, 16).rightJustified(4, QLatin1Char('0')) << ')';
+        session.out() << channel.id << " = " << value;
+        if (masked)
+            session.out() << " (mask 0x" << QString::number(numbers.at(1), 16).rightJustified(4, QLatin1Char('0')) << ')';
         session.out() << " done\n";
     });
     if (exitCode == CtlSession::ExitOk && !confirmed)
-        return session.fail(CtlSession::ExitFailed, QStringLiteral("setValue %1: the device did not confirm the write (doneOk false)").arg(channel));
+        return session.fail(CtlSession::ExitFailed,
+                            QStringLiteral("setValue %1: the device did not confirm the write (doneOk false)").arg(channel.id));
     return exitCode;
 }
 
 // pulse and blink: the same arguments for setValues and setBlink.
-int pulseOrBlink(CtlSession &session, const QStringList &words, const QString &name, const QString &command)
+int pulseOrBlink(CtlSession &session, const CtlArgs &args, const QString &command)
 {
-    const QString usage = name + QStringLiteral(" CH --on MS --off MS V...");
-    const CtlArgs args(words, {QStringLiteral("--on"), QStringLiteral("--off")});
-    QString error;
-    quint32 on = 0;
-    quint32 off = 0;
-    QVariantList values;
-    if (args.error().isEmpty() && args.positional().size() >= 2) {
-        if (!args.has(QStringLiteral("--on")) || !args.has(QStringLiteral("--off")))
-            return session.usageError(QStringLiteral("%1 needs --on MS and --off MS; usage: e1212ctl %2").arg(name, usage));
-        if (!CtlArgs::number(args.value(QStringLiteral("--on")), 0xFFFF, QStringLiteral("--on"), &on, &error)
-            || !CtlArgs::number(args.value(QStringLiteral("--off")), 0xFFFF, QStringLiteral("--off"), &off, &error))
-            return session.usageError(error);
-        for (const QString &text : args.positional().mid(1)) {
-            quint32 value = 0;
-            if (!CtlArgs::number(text, 0xFFFF, QStringLiteral("value"), &value, &error))
-                return session.usageError(error);
-            values << int(value);
-        }
-    }
     int exitCode = 0;
-    if (!prepare(session, args, 2, -1, usage, &exitCode))
+    CtlChannel channel;
+    if (!positionalCount(session, args, 2, 9, QStringLiteral("CH --on MS --off MS V..."), &exitCode))
         return exitCode;
-    const QString channel = args.positional().first();
-    const QVariantMap arguments{{QStringLiteral("channel"), channel}, {QStringLiteral("pulseOnWidth"), int(on)},
-                                {QStringLiteral("pulseOffWidth"), int(off)}, {QStringLiteral("values"), values}};
-    return session.runAndReport(command, arguments, [&](const QVariantMap &) {
-        session.out() << channel << ": " << name << " on " << on << " ms, off " << off << " ms, values "
-                      << CtlSession::toText(values) << " done\n";
+    if (!args.has(QStringLiteral("on")) || !args.has(QStringLiteral("off")))
+        return session.usageError(QStringLiteral("%1 needs --on MS and --off MS").arg(args.name()));
+    QList<std::tuple<QString, quint32, quint32, QString>> checks{
+        {args.value(QStringLiteral("on")), 1, 0xFFFF, QStringLiteral("--on")},
+        {args.value(QStringLiteral("off")), 1, 0xFFFF, QStringLiteral("--off")}};
+    for (const QString &text : args.positional().mid(1))
+        checks.append({text, 0, 1, QStringLiteral("value")});
+    QList<quint32> numbers;
+    if (!::numbers(session, checks, &numbers, &exitCode)
+        || !session.channel(args.positional().first(), CtlSession::OutputChannel, &channel, &exitCode))
+        return exitCode;
+    // Each value drives the next output from CH on: all of them must be outputs.
+    const QStringList ids = session.channelIds(channel.device);
+    const int first = ids.indexOf(channel.id);
+    for (int i = 1; i < numbers.size() - 2; ++i) {
+        CtlChannel next;
+        if (!session.channel(QStringLiteral("%1:%2").arg(session.config(channel.device).reference, ids.value(first + i, QStringLiteral("(past the table)"))),
+                             CtlSession::OutputChannel, &next, &exitCode))
+            return exitCode;
+    }
+    QVariantList values;
+    for (quint32 value : numbers.mid(2))
+        values << int(value);
+    const QVariantMap arguments{{QStringLiteral("channel"), channel.id}, {QStringLiteral("pulseOnWidth"), int(numbers.at(0))},
+                                {QStringLiteral("pulseOffWidth"), int(numbers.at(1))}, {QStringLiteral("values"), values}};
+    return session.runAndReport(channel.device, command, arguments, [&](const QVariantMap &) {
+        session.out() << channel.id << ": " << args.name() << " on " << numbers.at(0) << " ms, off " << numbers.at(1)
+                      << " ms, values " << CtlSession::toText(values) << " done\n";
     });
 }
 
-int listen(CtlSession &session, const QStringList &words)
+int listen(CtlSession &session, const CtlArgs &args)
 {
-    const QString usage = QStringLiteral("listen CH [--count N] [--for SECONDS]");
-    const CtlArgs args(words, {QStringLiteral("--count"), QStringLiteral("--for")});
-    CtlListenLimits limits;
-    if (args.error().isEmpty()) {
-        QString error;
-        quint32 count = 0;
-        if (args.has(QStringLiteral("--count"))) {
-            if (!CtlArgs::number(args.value(QStringLiteral("--count")), 1000000000, QStringLiteral("--count"), &count, &error))
-                return session.usageError(error);
-            if (count == 0)
-                return session.usageError(QStringLiteral("--count must be at least 1"));
-        }
-        limits.count = int(count);
-        if (args.has(QStringLiteral("--for"))) {
-            bool ok = false;
-            limits.seconds = args.value(QStringLiteral("--for")).toDouble(&ok);
-            if (!ok || limits.seconds <= 0)
-                return session.usageError(QStringLiteral("--for \"%1\" is not a positive number of seconds").arg(args.value(QStringLiteral("--for"))));
-        }
-    }
     int exitCode = 0;
-    if (!prepare(session, args, 1, 1, usage, &exitCode))
+    CtlChannel channel;
+    QList<quint32> numbers;
+    CtlListenLimits limits;
+    if (!positionalCount(session, args, 1, 1, QStringLiteral("CH"), &exitCode)
+        || (args.has(QStringLiteral("count"))
+            && !::numbers(session, {{args.value(QStringLiteral("count")), 1, c_maxCount, QStringLiteral("--count")}}, &numbers, &exitCode)))
         return exitCode;
-    const QString channel = args.positional().first();
-    return session.runAndReport(
-        QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel}}, {},
-        [&session, channel](const QString &, const QVariant &value) {
-            const QVariantList values = value.toMap().value(QStringLiteral("values")).toList();
-            session.out() << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  " << channel
-                          << " = " << (values.size() == 1 ? CtlSession::toText(values.first()) : CtlSession::toText(value))
-                          << Qt::endl;
-        },
-        limits);
+    limits.count = int(numbers.value(0));
+    if (args.has(QStringLiteral("for"))) {
+        // Seconds, a fraction allowed: digits, at most one point, nothing else.
+        const QString text = args.value(QStringLiteral("for"));
+        bool ok = !text.isEmpty() && text.count(QLatin1Char('.')) <= 1 && !text.startsWith(QLatin1Char('.'))
+                  && std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.isDigit() || c == QLatin1Char('.'); });
+        const double seconds = ok ? text.toDouble(&ok) : 0;
+        if (!ok || seconds <= 0 || seconds > c_maxListenSeconds)
+            return session.usageError(QStringLiteral("--for \"%1\" is not a number of seconds above 0 and up to %2 (7 days)")
+                                          .arg(text).arg(c_maxListenSeconds));
+        limits.ms = qMax(1, int(seconds * 1000));
+    }
+    if (!session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &exitCode))
+        return exitCode;
+    if (args.background()) {
+        session.startBackground(channel.device, channel.id);
+        return session.reportLocal(QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel.id}, {QStringLiteral("background"), true}},
+                                   [](const QVariantMap &) {});
+    }
+    return session.runAndReport(channel.device, QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel.id}}, {},
+                                limits);
+}
+
+QCommandLineOption valueOption(const QString &name, const QString &description, const QString &value)
+{
+    return QCommandLineOption(name, description, value);
 }
 
 } // namespace
@@ -194,19 +219,25 @@ int listen(CtlSession &session, const QStringList &words)
 CtlGroup deviceGroup()
 {
     using namespace std::placeholders;
-    return {QStringLiteral("Channel commands (the channel must be in the configuration's table)"),
+    const QList<QCommandLineOption> widths{
+        valueOption(QStringLiteral("on"), QStringLiteral("on-width, 1-65535 ms"), QStringLiteral("MS")),
+        valueOption(QStringLiteral("off"), QStringLiteral("off-width, 1-65535 ms"), QStringLiteral("MS"))};
+    return {QStringLiteral("Channel commands (CH must be in the device's table; VALUE 0 or 1, decimal or 0x hex)"),
             {
                 {QStringLiteral("info"), QString(), QStringLiteral("model name, firmware and MAC address (getInfo)"), &info},
                 {QStringLiteral("get"), QStringLiteral("CH"), QStringLiteral("read one channel (getValue; an output reads its pulse status)"), &get},
                 {QStringLiteral("get-run"), QStringLiteral("CH"), QStringLiteral("read CH and the channels after it in its group (getValues)"), &getRun},
-                {QStringLiteral("set"), QStringLiteral("CH VALUE [--mask M]"), QStringLiteral("set a channel (setValue); decimal or 0x hex"), &set},
-                {QStringLiteral("pulse"), QStringLiteral("CH --on MS --off MS V..."),
-                 QStringLiteral("pulse outputs from CH on with the given widths (setValues)"),
-                 std::bind(&pulseOrBlink, _1, _2, QStringLiteral("pulse"), QStringLiteral("setValues"))},
-                {QStringLiteral("blink"), QStringLiteral("CH --on MS --off MS V..."),
-                 QStringLiteral("blink outputs from CH on with the given widths (setBlink)"),
-                 std::bind(&pulseOrBlink, _1, _2, QStringLiteral("blink"), QStringLiteral("setBlink"))},
-                {QStringLiteral("listen"), QStringLiteral("CH [--count N] [--for SECONDS]"),
-                 QStringLiteral("print each change of a channel until the limit, Ctrl-C or SIGTERM (listenEvents)"), &listen},
+                {QStringLiteral("set"), QStringLiteral("CH VALUE"), QStringLiteral("set a digital output to 0 or 1 (setValue)"), &set,
+                 {valueOption(QStringLiteral("mask"), QStringLiteral("write only the bits of M (0-0xFFFF) of the register"), QStringLiteral("M"))}},
+                {QStringLiteral("pulse"), QStringLiteral("CH --on MS --off MS V..."), QStringLiteral("pulse outputs from CH on with the given widths (setValues)"),
+                 std::bind(&pulseOrBlink, _1, _2, QStringLiteral("setValues")), widths},
+                {QStringLiteral("blink"), QStringLiteral("CH --on MS --off MS V..."), QStringLiteral("blink outputs from CH on with the given widths (setBlink)"),
+                 std::bind(&pulseOrBlink, _1, _2, QStringLiteral("setBlink")), widths},
+                {QStringLiteral("listen"), QStringLiteral("CH [&]"),
+                 QStringLiteral("print each change of a channel until the limit, Ctrl-C or SIGTERM (listenEvents); "
+                                "in a script, a last word & runs it in the background until stop"),
+                 &listen,
+                 {valueOption(QStringLiteral("count"), QStringLiteral("stop after N events"), QStringLiteral("N")),
+                  valueOption(QStringLiteral("for"), QStringLiteral("stop after SECONDS (up to 7 days)"), QStringLiteral("SECONDS"))}},
             }};
 }

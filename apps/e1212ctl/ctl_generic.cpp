@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "ctl_generic.h"
 
+#include "ctlargs.h"
 #include "ctlsession.h"
 #include "dabstractcommand.h"
 #include "dabstractplugin.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 namespace {
 
@@ -14,6 +16,9 @@ namespace {
 // words themselves otherwise. Whole numbers become ints.
 QVariant argumentValue(const QString &text)
 {
+    static const QRegularExpression hex(QStringLiteral("^0[xX][0-9A-Fa-f]{1,8}$"));
+    if (hex.match(text).hasMatch())
+        return text.mid(2).toLongLong(nullptr, 16);
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(QStringLiteral("[%1]").arg(text).toUtf8(), &error);
     if (error.error != QJsonParseError::NoError || document.array().size() != 1)
@@ -27,23 +32,68 @@ QVariant argumentValue(const QString &text)
     return value;
 }
 
-int run(CtlSession &session, const QStringList &words)
+int run(CtlSession &session, const CtlArgs &args)
 {
-    if (words.isEmpty())
-        return session.usageError(QStringLiteral("usage: e1212ctl run NAME [KEY=VALUE...]"));
+    if (args.positional().isEmpty())
+        return session.usageError(QStringLiteral("usage: run [--raw] NAME [KEY=VALUE...]"));
+    const QString name = args.positional().first();
+    const bool raw = args.has(QStringLiteral("raw"));
     QVariantMap arguments;
-    for (const QString &word : words.mid(1)) {
+    for (const QString &word : args.positional().mid(1)) {
         const int equals = word.indexOf(QLatin1Char('='));
         if (equals <= 0)
             return session.usageError(QStringLiteral("argument \"%1\" is not KEY=VALUE").arg(word));
         arguments.insert(word.left(equals), argumentValue(word.mid(equals + 1)));
     }
     int exitCode = 0;
-    if (!session.openDevice(&exitCode))
+    if (!session.openDevices(&exitCode))
         return exitCode;
-    return session.runAndReport(words.first(), arguments, [&session](const QVariantMap &results) {
-        for (auto it = results.cbegin(); it != results.cend(); ++it)
-            session.out() << it.key() << ": " << CtlSession::toText(it.value()) << '\n';
+    const int device = session.current();
+    const DAbstractPlugin *plugin = session.device(device);
+    if (!plugin->commandNames().contains(name))
+        return session.usageError(QStringLiteral("run: device \"%1\" has no command \"%2\" (known: %3)")
+                                      .arg(session.config(device).reference, name, plugin->commandNames().join(QStringLiteral(", "))));
+    if (!raw) {
+        CtlChannel channel;
+        if (arguments.contains(QStringLiteral("channel"))
+            && !session.channel(QStringLiteral("%1:%2").arg(session.config(device).reference, arguments.value(QStringLiteral("channel")).toString()),
+                                CtlSession::AnyChannel, &channel, &exitCode))
+            return exitCode;
+    }
+    return session.runAndReport(
+        device, name, arguments,
+        [&session](const QVariantMap &results) {
+            for (auto it = results.cbegin(); it != results.cend(); ++it)
+                session.out() << it.key() << ": " << CtlSession::toText(it.value()) << '\n';
+        },
+        {}, raw);
+}
+
+int devices(CtlSession &session, const CtlArgs &args)
+{
+    int exitCode = 0;
+    if (!args.positional().isEmpty())
+        return session.usageError(QStringLiteral("usage: devices"));
+    if (!session.openDevices(&exitCode))
+        return exitCode;
+    QVariantList list;
+    for (int i = 0; i < session.deviceCount(); ++i) {
+        const DeviceConfig &config = session.config(i);
+        const DAbstractPlugin *plugin = session.device(i);
+        list << QVariantMap{{QStringLiteral("reference"), config.reference},
+                            {QStringLiteral("address"), session.address(i)},
+                            {QStringLiteral("simulator"), session.simulator(i) != nullptr},
+                            {QStringLiteral("plugin"), plugin ? plugin->pluginName() : QString()},
+                            {QStringLiteral("pluginUuid"), config.pluginUuid.toString()}};
+    }
+    return session.reportLocal(QStringLiteral("devices"), {{QStringLiteral("devices"), list}}, [&](const QVariantMap &) {
+        for (const QVariant &entry : qAsConst(list)) {
+            const QVariantMap device = entry.toMap();
+            session.out() << device.value(QStringLiteral("reference")).toString() << "  "
+                          << device.value(QStringLiteral("address")).toString()
+                          << (device.value(QStringLiteral("simulator")).toBool() ? " (embedded simulator)" : "") << "  "
+                          << device.value(QStringLiteral("plugin")).toString() << '\n';
+        }
     });
 }
 
@@ -55,12 +105,12 @@ QString defaultText(const QVariant &value)
                                                                       .toJson(QJsonDocument::Compact)).mid(1).chopped(1));
 }
 
-int commands(CtlSession &session, const QStringList &words)
+int commands(CtlSession &session, const CtlArgs &args)
 {
-    if (!words.isEmpty())
-        return session.usageError(QStringLiteral("usage: e1212ctl commands"));
+    if (!args.positional().isEmpty())
+        return session.usageError(QStringLiteral("usage: commands"));
     int exitCode = 0;
-    if (!session.openDevice(&exitCode))
+    if (!session.openDevices(&exitCode))
         return exitCode;
     const DAbstractPlugin *device = session.device();
     QVariantList list;
@@ -95,21 +145,21 @@ int commands(CtlSession &session, const QStringList &words)
     });
 }
 
-int channels(CtlSession &session, const QStringList &words)
+int channels(CtlSession &session, const CtlArgs &args)
 {
-    if (!words.isEmpty())
-        return session.usageError(QStringLiteral("usage: e1212ctl channels"));
+    if (!args.positional().isEmpty())
+        return session.usageError(QStringLiteral("usage: channels"));
     int exitCode = 0;
-    if (!session.openDevice(&exitCode))
+    if (!session.openDevices(&exitCode))
         return exitCode;
     const QStringList columns{QStringLiteral("id"), QStringLiteral("type"), QStringLiteral("register"),
                               QStringLiteral("readRegisterType"), QStringLiteral("writeRegisterType"),
                               QStringLiteral("activeLevelHigh"), QStringLiteral("size"), QStringLiteral("name")};
     QVariantList rows;
-    const QVariantList table = session.channelTable();
+    const QVariantList table = session.config().channelTable();
     for (const QVariant &record : table) {
         const QString id = record.toMap().value(QStringLiteral("id")).toString();
-        QVariantMap row = session.channelInfo(id);
+        QVariantMap row = session.channelInfo(session.current(), id);
         row.insert(QStringLiteral("id"), id);
         row.insert(QStringLiteral("name"), record.toMap().value(QStringLiteral("name")));
         rows << row;
@@ -142,8 +192,12 @@ CtlGroup genericGroup()
     return {QStringLiteral("Any command, and what the device declares"),
             {
                 {QStringLiteral("run"), QStringLiteral("NAME [KEY=VALUE...]"),
-                 QStringLiteral("run any declared command; values are JSON where they parse, text otherwise"), &run},
+                 QStringLiteral("run any declared command; values are JSON where they parse, text otherwise; "
+                                "arguments are checked against their declared types unless --raw"),
+                 &run,
+                 {{QStringLiteral("raw"), QStringLiteral("pass the arguments to the command unchecked (protocol-level work)")}}},
                 {QStringLiteral("commands"), QString(), QStringLiteral("the declared commands, their parameters, results, type codes and defaults"), &commands},
                 {QStringLiteral("channels"), QString(), QStringLiteral("the channel table of the configured device"), &channels},
+                {QStringLiteral("devices"), QString(), QStringLiteral("the devices of the configuration: reference, address, plug-in"), &devices},
             }};
 }

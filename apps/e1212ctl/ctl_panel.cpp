@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "ctl_panel.h"
-
+// The maintenance panel of e1212ctl, a library of its own so that only `panel` loads Qt Quick.
 #include "ctlargs.h"
 #include "ctlsession.h"
 #include "dabstractplugin.h"
@@ -69,21 +68,18 @@ bool saveScreenshot(QQuickView &view, QObject *backend, const QString &file, QSt
     return true;
 }
 
-int panel(CtlSession &session, const QStringList &words)
+int panel(CtlSession &session, const CtlArgs &args)
 {
-    const CtlArgs args(words, {QStringLiteral("--poll"), QStringLiteral("--screenshot")});
-    if (!args.error().isEmpty())
-        return session.usageError(args.error());
     if (!args.positional().isEmpty())
         return session.usageError(QStringLiteral("panel takes no channel: \"%1\"").arg(args.positional().first()));
     quint32 pollMs = 0;
     QString error;
-    if (args.has(QStringLiteral("--poll"))
-        && (!CtlArgs::number(args.value(QStringLiteral("--poll")), 3600000, QStringLiteral("--poll"), &pollMs, &error) || pollMs < 10))
+    if (args.has(QStringLiteral("poll"))
+        && (!CtlArgs::number(args.value(QStringLiteral("poll")), 0, 3600000, QStringLiteral("--poll"), &pollMs, &error) || pollMs < 10))
         return session.usageError(error.isEmpty() ? QStringLiteral("--poll: %1 ms is below 10 ms").arg(pollMs) : error);
 
     int exitCode = 0;
-    if (!session.openDevice(&exitCode))
+    if (!session.openDevices(&exitCode))
         return exitCode;
     if (pollMs == 0) // the configuration's poll interval, else the panel's default
         pollMs = session.config().connection.value(QStringLiteral("pollIntervalMs"), 500).toUInt();
@@ -93,8 +89,8 @@ int panel(CtlSession &session, const QStringList &words)
     if (platform == QLatin1String("offscreen") || platform == QLatin1String("minimal"))
         QQuickWindow::setSceneGraphBackend(QSGRendererInterface::Software);
 
-    QString path = session.address();
-    if (session.simulator())
+    QString path = session.address(session.current());
+    if (session.simulator(session.current()))
         path += QStringLiteral(" (simulator)");
     QQuickView view;
     view.setTitle(QStringLiteral("E1212 maintenance — %1").arg(session.config().reference));
@@ -115,10 +111,10 @@ int panel(CtlSession &session, const QStringList &words)
     QObject *backend = view.rootObject()->findChild<QObject *>(QStringLiteral("backend"));
     view.show();
 
-    if (args.has(QStringLiteral("--screenshot"))) {
-        if (!saveScreenshot(view, backend, args.value(QStringLiteral("--screenshot")), &error))
+    if (args.has(QStringLiteral("screenshot"))) {
+        if (!saveScreenshot(view, backend, args.value(QStringLiteral("screenshot")), &error))
             return session.fail(CtlSession::ExitFailed, error);
-        session.out() << "panel saved to " << args.value(QStringLiteral("--screenshot")) << '\n';
+        session.out() << "panel saved to " << args.value(QStringLiteral("screenshot")) << '\n';
         return CtlSession::ExitOk;
     }
     QEventLoop loop;
@@ -129,11 +125,10 @@ int panel(CtlSession &session, const QStringList &words)
 
 } // namespace
 
-CtlGroup panelGroup()
+extern "C" Q_DECL_EXPORT int e1212ctlPanelMain(int *argc, char **argv, const CtlSession::Options *options, const CtlArgs *args)
 {
-    return {QStringLiteral("Maintenance"),
-            {{QStringLiteral("panel"), QStringLiteral("[--poll MS] [--screenshot FILE]"),
-              QStringLiteral("open the maintenance panel: identity, live channels, click an output to toggle it; "
-                             "--screenshot saves it once connected and exits"),
-              panel, true}}};
+    QGuiApplication app(*argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("e1212ctl"));
+    CtlSession session(*options);
+    return panel(session, *args);
 }

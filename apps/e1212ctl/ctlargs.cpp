@@ -1,39 +1,47 @@
 // SPDX-License-Identifier: MIT
 #include "ctlargs.h"
 
-CtlArgs::CtlArgs(const QStringList &words, const QStringList &valueOptions)
+#include <QCommandLineParser>
+#include <QRegularExpression>
+
+bool CtlArgs::parse(const QStringList &words, const QList<QCommandLineOption> &options, CtlArgs *args, QString *error)
 {
-    for (int i = 0; i < words.size(); ++i) {
-        const QString &word = words.at(i);
-        if (!word.startsWith(QLatin1String("--")) || word.size() == 2) {
-            m_positional << word;
-            continue;
-        }
-        const int equals = word.indexOf(QLatin1Char('='));
-        const QString name = equals < 0 ? word : word.left(equals);
-        if (!valueOptions.contains(name)) {
-            m_error = QStringLiteral("unknown option %1").arg(name);
-            return;
-        }
-        if (equals >= 0) {
-            m_options.insert(name, word.mid(equals + 1));
-        } else if (i + 1 < words.size()) {
-            m_options.insert(name, words.at(++i));
-        } else {
-            m_error = QStringLiteral("option %1 needs a value").arg(name);
-            return;
+    QStringList line = words;
+    args->m_background = !line.isEmpty() && line.last() == QLatin1String("&");
+    if (args->m_background)
+        line.removeLast();
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    parser.addOptions(options);
+    if (!parser.parse(QStringList{QStringLiteral("e1212ctl")} + line)) {
+        *error = parser.errorText();
+        return false;
+    }
+    QStringList positional = parser.positionalArguments();
+    args->m_name = positional.isEmpty() ? QString() : positional.takeFirst();
+    args->m_positional = positional;
+    for (const QString &name : parser.optionNames()) {
+        for (const QCommandLineOption &option : options) {
+            if (!option.names().contains(name))
+                continue;
+            const QString key = option.names().last();
+            args->m_values[key] = option.valueName().isEmpty() ? QStringList{QString()} : parser.values(key);
         }
     }
+    return true;
 }
 
-bool CtlArgs::number(const QString &text, quint32 max, const QString &what, quint32 *value, QString *error)
+bool CtlArgs::number(const QString &text, quint32 min, quint32 max, const QString &what, quint32 *value, QString *error)
 {
-    bool ok = false;
+    static const QRegularExpression format(QStringLiteral("^(0[xX][0-9A-Fa-f]{1,8}|[0-9]{1,10})$"));
+    bool ok = format.match(text).hasMatch();
     const bool hex = text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive);
-    const qulonglong parsed = (hex ? text.mid(2) : text).toULongLong(&ok, hex ? 16 : 10);
-    if (!ok || parsed > max) {
-        *error = QStringLiteral("%1 \"%2\" is not a whole number from 0 to %3 (decimal or 0x hexadecimal)")
-                     .arg(what, text).arg(max);
+    const qulonglong parsed = ok ? (hex ? text.mid(2) : text).toULongLong(&ok, hex ? 16 : 10) : 0;
+    if (!ok || parsed < min || parsed > max) {
+        *error = QStringLiteral("%1 \"%2\" is not a whole number from %3 to %4 (decimal or 0x hexadecimal)")
+                     .arg(what, text)
+                     .arg(min)
+                     .arg(max);
         return false;
     }
     *value = quint32(parsed);
@@ -44,17 +52,18 @@ bool CtlArgs::hostAndPort(const QString &option, const QString &text, int defaul
                           QString *host, quint16 *port, QString *error)
 {
     const int colon = text.lastIndexOf(QLatin1Char(':'));
-    int parsed = defaultPort;
+    quint32 parsed = quint32(qMax(defaultPort, 0));
     bool ok = colon >= 0 || defaultPort >= 0;
+    QString portError;
     if (colon >= 0)
-        parsed = text.mid(colon + 1).toInt(&ok);
-    if (!ok || parsed < minPort || parsed > 65535) {
+        ok = number(text.mid(colon + 1), quint32(minPort), 65535, QStringLiteral("port"), &parsed, &portError);
+    if (!ok) {
         *error = QStringLiteral("%1 %2: the port must be a number from %3 to 65535").arg(option, text).arg(minPort);
         return false;
     }
     *host = colon >= 0 ? text.left(colon) : text;
-    if (host->isEmpty()) {
-        *error = QStringLiteral("%1 %2: the host is empty").arg(option, text);
+    if (host->isEmpty() || host->contains(QLatin1Char(':'))) {
+        *error = QStringLiteral("%1 %2: the host is empty or not one name").arg(option, text);
         return false;
     }
     *port = quint16(parsed);

@@ -2,27 +2,37 @@
 // A subcommand of e1212ctl, and the groups they come in.
 #pragma once
 
+#include <QCommandLineOption>
 #include <QList>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
 
+class CtlArgs;
 class CtlSession;
 
 struct CtlCommand
 {
+    enum Where { Anywhere, CommandLineOnly, ScriptOnly };
+    using Runner = std::function<int(CtlSession &session, const CtlArgs &args)>;
+
+    CtlCommand(const QString &name, const QString &usage, const QString &summary, const Runner &run,
+               const QList<QCommandLineOption> &options = {}, Where where = Anywhere)
+        : name(name), usage(usage), summary(summary), run(run), options(options), where(where)
+    {}
+
     // The word on the command line ("get").
     QString name;
-    // Its arguments for --help ("CH [--mask M]").
+    // Its positional arguments for help ("CH VALUE").
     QString usage;
-    // One line for --help.
+    // One line for help.
     QString summary;
-    // Runs the subcommand with the words after its name (global options removed) and
-    // returns the exit status (CtlSession::ExitCode).
-    std::function<int(CtlSession &session, const QStringList &args)> run;
-    // The subcommand needs a QGuiApplication instead of a QCoreApplication.
-    bool needsGui = false;
+    // Runs the subcommand with its parsed line and returns the exit status (CtlSession::ExitCode).
+    Runner run;
+    // Its own options.
+    QList<QCommandLineOption> options;
+    Where where = Anywhere;
 };
 
 struct CtlGroup
@@ -31,7 +41,15 @@ struct CtlGroup
     QList<CtlCommand> commands;
 };
 
-// Every group, in --help order (ctlcommandtable.cpp).
+// Every group, in help order (ctlcommandtable.cpp).
 QList<CtlGroup> ctlGroups();
 // The subcommand called `name`, or nullptr.
 const CtlCommand *findCtlCommand(const QList<CtlGroup> &groups, const QString &name);
+// The options every command line takes, besides the subcommand's own.
+QList<QCommandLineOption> ctlGlobalOptions();
+// "e1212ctl SUB --help": usage, summary and options of one subcommand.
+QString ctlCommandHelp(const CtlCommand &command);
+// "e1212ctl --help".
+QString ctlHelp(const QList<CtlGroup> &groups);
+// The options of one option list, one per line, for help texts.
+QString ctlOptionLines(const QList<QCommandLineOption> &options);

@@ -4,6 +4,7 @@
 #include "ctlargs.h"
 #include "ctllog.h"
 #include "dabstractplugin.h"
+#include "derror.h"
 #include "e1212simulator.h"
 #include "host.h"
 #include "pluginmanager.h"
@@ -19,8 +20,28 @@
 #include <cstdio>
 
 namespace {
+
 const char c_builtInConfig[] = ":/e1212ctl/e1212.json";
+
+// Failures decided before the device was asked: exit status 2.
+bool isRefusal(IMessenger::EnErrorCode code)
+{
+    return code == IMessenger::CeRefused || code == IMessenger::CeBadInstruction || code == IMessenger::CeNoRoute;
 }
+
+QString now()
+{
+    return QDateTime::currentDateTime().toString(Qt::ISODateWithMs);
+}
+
+// The one value of a listen report {"values": [v]}; the report itself otherwise.
+QVariant eventValue(const QVariant &report)
+{
+    const QVariantList values = report.toMap().value(QStringLiteral("values")).toList();
+    return values.size() == 1 ? values.first() : report;
+}
+
+} // namespace
 
 CtlSession::CtlSession(const Options &options, QObject *parent)
     : QObject(parent)
@@ -28,13 +49,26 @@ CtlSession::CtlSession(const Options &options, QObject *parent)
     , m_out(stdout)
 {}
 
-CtlSession::~CtlSession() = default;
+CtlSession::~CtlSession()
+{
+    stopBackground();
+}
+
+void CtlSession::setStep(const QString &source, int line)
+{
+    m_source = source;
+    m_line = line;
+}
 
 int CtlSession::fail(int code, const QString &text)
 {
+    const QString where = m_line > 0 ? QStringLiteral("%1:%2: ").arg(m_source).arg(m_line) : QString();
+    if (code == ExitUsage && m_options.json)
+        printJson({{QStringLiteral("ok"), false}, {QStringLiteral("error"), QString(where + text)},
+                   {QStringLiteral("code"), DError::codeName(IMessenger::CeRefused)}});
     m_out.flush();
-    qCWarning(lcCtl).noquote() << text;
-    const QByteArray line = QStringLiteral("e1212ctl: %1\n").arg(text).toUtf8();
+    qCWarning(lcCtl).noquote() << where + text;
+    const QByteArray line = QStringLiteral("e1212ctl: %1%2\n").arg(where, text).toUtf8();
     fwrite(line.constData(), 1, size_t(line.size()), stderr);
     fflush(stderr);
     return code;
@@ -42,7 +76,7 @@ int CtlSession::fail(int code, const QString &text)
 
 int CtlSession::usageError(const QString &text)
 {
-    return fail(ExitUsage, text + QStringLiteral(" (see e1212ctl --help)"));
+    return fail(ExitUsage, text);
 }
 
 bool CtlSession::loadConfig(QString *error)
@@ -57,71 +91,116 @@ bool CtlSession::loadConfig(QString *error)
     }
     if (devices.isEmpty())
         return false;
-    m_config = devices.first();
-    if (devices.size() > 1)
-        qCInfo(lcCtl).noquote() << "using the first of" << devices.size() << "devices:" << m_config.reference;
-
+    m_configs.assign(devices.cbegin(), devices.cend());
+    m_simulators.resize(m_configs.size());
+    if (!m_options.ref.isEmpty()) {
+        m_current = findDevice(m_options.ref);
+        if (m_current < 0) {
+            QStringList known;
+            for (const DeviceConfig &config : m_configs)
+                known << QLatin1Char('"') + config.reference + QLatin1Char('"');
+            *error = QStringLiteral("--ref %1: no such device in %2 (known: %3)")
+                         .arg(m_options.ref, m_configs.front().sourceFile, known.join(QStringLiteral(", ")));
+            m_current = 0;
+            return false;
+        }
+    }
     if (!m_options.device.isEmpty()) {
         QString host;
         quint16 port = 0;
         if (!CtlArgs::hostAndPort(QStringLiteral("--device"), m_options.device, 502, 1, &host, &port, error))
             return false;
-        m_config.connection.insert(QStringLiteral("host"), host);
-        m_config.connection.insert(QStringLiteral("port"), port);
+        m_configs[size_t(m_current)].connection.insert(QStringLiteral("host"), host);
+        m_configs[size_t(m_current)].connection.insert(QStringLiteral("port"), port);
     }
     return true;
 }
 
-bool CtlSession::openDevice(int *exitCode)
+bool CtlSession::openDevices(int *exitCode)
 {
-    *exitCode = ExitUsage;
+    if (m_opened) {
+        *exitCode = m_openStatus;
+        return m_openStatus == ExitOk;
+    }
+    m_opened = true;
+    m_openStatus = *exitCode = ExitUsage;
     QString error;
     if (!loadConfig(&error)) {
         fail(ExitUsage, error);
         return false;
     }
     m_plugins.reset(new PluginManager);
-    m_plugins->scan(m_options.pluginDirs + PluginManager::defaultPluginDirs());
+    m_plugins->scan(PluginManager::searchPath(m_options.pluginDirs));
 
-    if (m_config.connection.isEmpty()) {
-        m_simulator.reset(new E1212Simulator);
-        if (!m_simulator->start(QHostAddress::LocalHost, 0, &error)) {
-            *exitCode = ExitFailed;
+    for (size_t i = 0; i < m_configs.size(); ++i) {
+        DeviceConfig &config = m_configs[i];
+        if (!config.connection.isEmpty())
+            continue;
+        m_simulators[i].reset(new E1212Simulator);
+        if (!m_simulators[i]->start(QHostAddress::LocalHost, 0, &error)) {
+            m_openStatus = *exitCode = ExitFailed;
             fail(ExitFailed, QStringLiteral("cannot start the embedded simulator: %1").arg(error));
             return false;
         }
-        m_config.connection.insert(QStringLiteral("host"), QStringLiteral("127.0.0.1"));
-        m_config.connection.insert(QStringLiteral("port"), int(m_simulator->port()));
-        qCInfo(lcCtl).noquote() << "no device address given: using the embedded simulator on" << address();
+        config.connection.insert(QStringLiteral("host"), QStringLiteral("127.0.0.1"));
+        config.connection.insert(QStringLiteral("port"), int(m_simulators[i]->port()));
+        qCInfo(lcCtl).noquote() << config.reference << "has no address: using an embedded simulator on"
+                                << address(int(i));
     }
 
     m_host.reset(new Host(m_plugins.data()));
     m_host->setTimeoutOverride(m_options.timeoutMs);
-    if (!m_host->addDevice(m_config, &error)) {
-        fail(ExitUsage, error);
-        return false;
+    for (const DeviceConfig &config : m_configs) {
+        if (!m_host->addDevice(config, &error)) {
+            fail(ExitUsage, error);
+            return false;
+        }
     }
-    m_device = m_host->device(m_config.reference);
-    *exitCode = ExitOk;
+    m_openStatus = *exitCode = ExitOk;
     return true;
 }
 
-QString CtlSession::address() const
+DAbstractPlugin *CtlSession::device(int device) const
 {
-    const QString host = m_config.connection.value(QStringLiteral("host")).toString();
+    return m_host ? m_host->device(m_configs.at(size_t(device)).reference) : nullptr;
+}
+
+int CtlSession::findDevice(const QString &name) const
+{
+    for (size_t i = 0; i < m_configs.size(); ++i)
+        if (m_configs[i].reference == name || m_configs[i].reference.section(QLatin1Char(' '), -1) == name)
+            return int(i);
+    return -1;
+}
+
+bool CtlSession::use(const QString &name, int *exitCode)
+{
+    const int found = findDevice(name);
+    if (found < 0) {
+        *exitCode = usageError(QStringLiteral("no device \"%1\" in the configuration").arg(name));
+        return false;
+    }
+    m_current = found;
+    return true;
+}
+
+E1212Simulator *CtlSession::simulator(int device) const
+{
+    return m_simulators.at(size_t(device)).get();
+}
+
+QString CtlSession::address(int device) const
+{
+    const QVariantMap &connection = m_configs.at(size_t(device)).connection;
+    const QString host = connection.value(QStringLiteral("host")).toString();
     if (host.isEmpty())
         return QString();
-    return host + QLatin1Char(':') + QString::number(m_config.connection.value(QStringLiteral("port"), 502).toInt());
+    return host + QLatin1Char(':') + QString::number(connection.value(QStringLiteral("port"), 502).toInt());
 }
 
-QVariantList CtlSession::channelTable() const
+QVariantMap CtlSession::channelInfo(int device, const QString &id) const
 {
-    return m_config.channelTable();
-}
-
-QVariantMap CtlSession::channelInfo(const QString &id) const
-{
-    const QVariantList table = channelTable();
+    const QVariantList table = m_configs.at(size_t(device)).channelTable();
     for (const QVariant &record : table) {
         const QVariantMap map = record.toMap();
         if (map.value(QStringLiteral("id")).toString() != id)
@@ -135,31 +214,58 @@ QVariantMap CtlSession::channelInfo(const QString &id) const
     return {};
 }
 
-QStringList CtlSession::channelIds() const
+QStringList CtlSession::channelIds(int device) const
 {
     QStringList ids;
-    const QVariantList table = channelTable();
+    const QVariantList table = m_configs.at(size_t(device)).channelTable();
     for (const QVariant &record : table) {
         const QString id = record.toMap().value(QStringLiteral("id")).toString();
-        if (channelInfo(id).contains(QStringLiteral("type")))
+        if (channelInfo(device, id).contains(QStringLiteral("type")))
             ids << id;
     }
     return ids;
 }
 
-bool CtlSession::checkChannel(const QString &channel, int *exitCode)
+bool CtlSession::channel(const QString &text, ChannelKind kind, CtlChannel *channel, int *exitCode)
 {
-    const QStringList known = channelIds();
-    if (known.contains(channel))
-        return true;
-    *exitCode = fail(ExitUsage, QStringLiteral("unknown channel \"%1\" for device \"%2\" (known: %3)")
-                                    .arg(channel, m_config.reference,
-                                         known.isEmpty() ? QStringLiteral("none") : known.join(QStringLiteral(", "))));
-    return false;
+    if (!openDevices(exitCode))
+        return false;
+    const int colon = text.lastIndexOf(QLatin1Char(':'));
+    channel->device = colon < 0 ? m_current : findDevice(text.left(colon));
+    channel->id = text.mid(colon + 1);
+    if (channel->device < 0) {
+        *exitCode = usageError(QStringLiteral("channel \"%1\": no device \"%2\" in the configuration").arg(text, text.left(colon)));
+        return false;
+    }
+    const QString reference = config(channel->device).reference;
+    const QStringList known = channelIds(channel->device);
+    if (!known.contains(channel->id)) {
+        *exitCode = usageError(QStringLiteral("unknown channel \"%1\" for device \"%2\" (known: %3)")
+                                   .arg(channel->id, reference,
+                                        known.isEmpty() ? QStringLiteral("none") : known.join(QStringLiteral(", "))));
+        return false;
+    }
+    const QString type = channelInfo(channel->device, channel->id).value(QStringLiteral("type")).toString();
+    if (kind == OutputChannel && type != QLatin1String("digitalOutput")) {
+        *exitCode = usageError(QStringLiteral("channel \"%1\" of device \"%2\" is of type \"%3\"; only \"digitalOutput\" "
+                                              "channels can be driven")
+                                   .arg(channel->id, reference, type));
+        return false;
+    }
+    return true;
 }
 
-void CtlSession::printJson(const QJsonObject &object)
+Execution *CtlSession::execute(int device, const QString &command, const QVariantMap &arguments, bool raw)
 {
+    return m_host->execute(this->device(device), command, arguments, raw ? Host::RawArguments : Host::CheckArguments);
+}
+
+void CtlSession::printJson(QJsonObject object)
+{
+    if (m_line > 0 && !object.contains(QStringLiteral("line")))
+        object.insert(QStringLiteral("line"), m_line);
+    else if (object.value(QStringLiteral("line")).toInt() <= 0)
+        object.remove(QStringLiteral("line"));
     m_out << QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) << '\n';
     m_out.flush();
 }
@@ -174,10 +280,42 @@ QString CtlSession::toText(const QVariant &value)
     return value.toString();
 }
 
-int CtlSession::runAndReport(const QString &command, const QVariantMap &arguments, const Printer &human,
-                             const EventPrinter &event, const CtlListenLimits &limits)
+void CtlSession::watchListen(Execution *execution, int device, const QString &channel, int *events, QString *outage)
 {
-    Execution *execution = m_host->execute(m_device, command, arguments);
+    const QString reference = config(device).reference;
+    const int line = m_line; // events carry the line of the step that started the listen
+    const QString label = device == m_current ? channel : reference.section(QLatin1Char(' '), -1) + QLatin1Char(':') + channel;
+    connect(execution, &Execution::resultChanged, this, [=](const QString &, const QVariant &report) {
+        if (!execution->isListening())
+            return;
+        ++*events;
+        outage->clear();
+        const QVariant value = eventValue(report);
+        if (m_options.json)
+            printJson({{QStringLiteral("event"), QStringLiteral("value")}, {QStringLiteral("device"), reference},
+                       {QStringLiteral("line"), line},
+                       {QStringLiteral("channel"), channel}, {QStringLiteral("value"), QJsonValue::fromVariant(value)},
+                       {QStringLiteral("time"), now()}, {QStringLiteral("seq"), ++m_seq}});
+        else
+            m_out << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  " << label
+                  << " = " << toText(value) << Qt::endl;
+    });
+    connect(execution, &Execution::errorReported, this, [=](const QString &error) {
+        *outage = error;
+        if (m_options.json)
+            printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("device"), reference},
+                       {QStringLiteral("line"), line},
+                       {QStringLiteral("channel"), channel}, {QStringLiteral("error"), error},
+                       {QStringLiteral("code"), DError::codeName(IMessenger::CeDriverError)},
+                       {QStringLiteral("time"), now()}, {QStringLiteral("seq"), ++m_seq}});
+        fail(ExitFailed, error);
+    });
+}
+
+int CtlSession::runAndReport(int device, const QString &command, const QVariantMap &arguments, const Printer &human,
+                             const CtlListenLimits &limits, bool raw, const Shaper &shape)
+{
+    Execution *execution = execute(device, command, arguments, raw);
     QEventLoop loop;
     SignalWatcher watcher;
     int events = 0;
@@ -188,53 +326,61 @@ int CtlSession::runAndReport(const QString &command, const QVariantMap &argument
         qCInfo(lcCtl) << "signal" << number << "received: stopping";
         m_host->stop(execution);
     });
-    connect(execution, &Execution::resultChanged, this, [&](const QString &name, const QVariant &value) {
-        if (!execution->isListening())
-            return;
-        ++events;
-        outage.clear();
-        if (m_options.json)
-            printJson({{QStringLiteral("event"), name}, {QStringLiteral("value"), QJsonValue::fromVariant(value)},
-                       {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)}});
-        else if (event)
-            event(name, value);
-        else
-            m_out << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  " << name
-                  << " = " << toText(value) << Qt::endl;
-        if (limits.count > 0 && events >= limits.count)
-            m_host->stop(execution);
-    });
-    connect(execution, &Execution::errorReported, this, [this, &outage](const QString &error) {
-        outage = error;
-        if (m_options.json)
-            printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("error"), error},
-                       {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)}});
-        fail(ExitFailed, error);
-    });
+    watchListen(execution, device, arguments.value(QStringLiteral("channel")).toString(), &events, &outage);
+    if (limits.count > 0)
+        connect(execution, &Execution::resultChanged, this, [&] {
+            if (events >= limits.count)
+                m_host->stop(execution);
+        });
     QTimer limit;
-    if (limits.seconds > 0) {
+    if (limits.ms > 0) {
         limit.setSingleShot(true);
         connect(&limit, &QTimer::timeout, execution, [this, execution] { m_host->stop(execution); });
-        limit.start(int(limits.seconds * 1000));
+        limit.start(limits.ms);
     }
     if (!execution->isFinished())
         loop.exec();
+    disconnect(execution, nullptr, this, nullptr);
 
     // A listen stopped while the device was not answering has failed, though it ended normally.
     const bool ok = execution->isOk() && outage.isEmpty();
-    const QString error = !execution->isOk() ? execution->errorString() : outage;
+    // An outage carries only the driver's text: it is reported as a driver error.
+    const DError error = execution->isOk() ? DError{IMessenger::CeDriverError, 0, outage} : execution->error();
+    const QVariantMap results = shape ? shape(execution->results()) : execution->results();
+    delete execution;
     if (m_options.json) {
-        printJson({{QStringLiteral("command"), command}, {QStringLiteral("ok"), ok},
-                   {QStringLiteral("results"), QJsonObject::fromVariantMap(execution->results())},
-                   {QStringLiteral("error"), ok ? QString() : error}});
+        QJsonObject line{{QStringLiteral("command"), command}, {QStringLiteral("ok"), ok},
+                         {QStringLiteral("device"), config(device).reference},
+                         {QStringLiteral("results"), QJsonObject::fromVariantMap(results)},
+                         {QStringLiteral("error"), ok ? QString() : error.text}};
+        if (!ok)
+            line.insert(QStringLiteral("code"), DError::codeName(error.code));
+        printJson(line);
     } else if (ok && human) {
-        human(execution->results());
+        human(results);
     }
-    if (!ok && execution->isOk())
+    if (ok)
+        return ExitOk;
+    if (!outage.isEmpty())
         return ExitFailed; // the outage is on stderr already
-    if (!ok)
-        return fail(ExitFailed, QStringLiteral("%1 failed: %2").arg(command, error));
-    return ExitOk;
+    const int code = isRefusal(error.code) ? ExitUsage : ExitFailed;
+    const bool json = m_options.json;
+    m_options.json = false; // the JSON line is out already
+    fail(code, code == ExitUsage ? error.text : QStringLiteral("%1 failed: %2").arg(command, error.text));
+    m_options.json = json;
+    return code;
+}
+
+Execution *CtlSession::runToEnd(int device, const QString &command, const QVariantMap &arguments)
+{
+    Execution *execution = execute(device, command, arguments);
+    execution->setParent(this);
+    if (!execution->isFinished()) {
+        QEventLoop loop;
+        connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return execution;
 }
 
 int CtlSession::reportLocal(const QString &name, const QVariantMap &results, const Printer &human)
@@ -245,4 +391,34 @@ int CtlSession::reportLocal(const QString &name, const QVariantMap &results, con
     else
         human(results);
     return ExitOk;
+}
+
+void CtlSession::startBackground(int device, const QString &channel)
+{
+    m_background.emplace_back(new Background);
+    Background *background = m_background.back().get();
+    background->execution = execute(device, QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel}});
+    watchListen(background->execution, device, channel, &background->events, &background->outage);
+}
+
+int CtlSession::stopBackground()
+{
+    int status = ExitOk;
+    for (const auto &background : m_background) {
+        Execution *execution = background->execution;
+        if (!execution)
+            continue;
+        if (!execution->isFinished()) {
+            QEventLoop loop;
+            connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
+            if (m_host->stop(execution) && !execution->isFinished())
+                loop.exec();
+        }
+        if (!execution->isOk() && status == ExitOk)
+            status = fail(isRefusal(execution->errorCode()) ? ExitUsage : ExitFailed,
+                          QStringLiteral("listen failed: %1").arg(execution->errorString()));
+        delete execution;
+    }
+    m_background.clear();
+    return status;
 }

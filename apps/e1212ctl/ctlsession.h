@@ -1,20 +1,25 @@
 // SPDX-License-Identifier: MIT
 // What every e1212ctl subcommand works with: the global options, the output, and the
-// device opened on demand (configuration, plug-ins, host, embedded simulator).
+// devices of the configuration, opened once on first use (plug-ins, one host, embedded
+// simulators) and kept for every later step of a script.
 #pragma once
 
 #include "deviceconfig.h"
 
 #include <QJsonObject>
 #include <QObject>
+#include <QPointer>
 #include <QScopedPointer>
 #include <QTextStream>
 #include <QVariantMap>
 
 #include <functional>
+#include <memory>
+#include <vector>
 
 class DAbstractPlugin;
 class E1212Simulator;
+class Execution;
 class Host;
 class PluginManager;
 
@@ -22,7 +27,14 @@ class PluginManager;
 struct CtlListenLimits
 {
     int count = 0;
-    double seconds = 0;
+    int ms = 0;
+};
+
+// A channel of one device, as a subcommand names it ("DI0" or "io2:DI0").
+struct CtlChannel
+{
+    int device = -1;
+    QString id;
 };
 
 class CtlSession : public QObject
@@ -30,14 +42,17 @@ class CtlSession : public QObject
     Q_OBJECT
 public:
     enum ExitCode { ExitOk = 0, ExitFailed = 1, ExitUsage = 2 };
+    enum ChannelKind { AnyChannel, OutputChannel };
 
     struct Options
     {
         QString configFile;          // empty: the built-in E1212 configuration
+        QString ref;                 // the device of a multi-device file; empty: the first
         QString device;              // HOST[:PORT]; empty: the configuration's connection
         bool json = false;
         int timeoutMs = 0;           // 0: the commands' own time-outs
-        QStringList pluginDirs;      // searched before the default folders
+        QStringList pluginDirs;      // searched after the folders next to the executable
+        bool keepGoing = false;
         bool verbose = false;
     };
 
@@ -47,54 +62,92 @@ public:
     const Options &options() const { return m_options; }
     QTextStream &out() { return m_out; }
 
-    // Prints "e1212ctl: <text>" on stderr and returns `code`.
+    // The line of the script step being run (0 outside scripts), and its file for messages.
+    void setStep(const QString &source, int line);
+    int stepLine() const { return m_line; }
+
+    // Prints "e1212ctl: [FILE:LINE: ]<text>" on stderr and returns `code`. A refusal
+    // (ExitUsage) with --json is also one line {"ok": false, "error", "code": "refused"} on stdout.
     int fail(int code, const QString &text);
     int usageError(const QString &text);
 
-    // Loads the configuration (its first device), the plug-ins and, without --device and
-    // without a configured connection, starts the embedded simulator on a free loopback
-    // port; then adds the device to a host. On failure prints one line and returns false
-    // with *exitCode set (ExitUsage for configuration errors).
-    bool openDevice(int *exitCode);
+    // Loads the configuration, the plug-ins and, for devices without an address, embedded
+    // simulators on free loopback ports; adds every device to one host. Does the work once;
+    // later calls return the first outcome. On failure prints one line and sets *exitCode.
+    bool openDevices(int *exitCode);
     Host *host() const { return m_host.data(); }
-    DAbstractPlugin *device() const { return m_device; }
-    const DeviceConfig &config() const { return m_config; }
-    // The embedded simulator, or nullptr when a real address is used.
-    E1212Simulator *simulator() const { return m_simulator.data(); }
-    // "host:port" the device is reached at ("" when the configuration names none).
-    QString address() const;
+    int deviceCount() const { return int(m_configs.size()); }
+    const DeviceConfig &config(int device) const { return m_configs.at(device); }
+    DAbstractPlugin *device(int device) const;
+    // The device subcommands use when a channel names none: --ref, or `use NAME`.
+    int current() const { return m_current; }
+    const DeviceConfig &config() const { return config(m_current); }
+    DAbstractPlugin *device() const { return device(m_current); }
+    // The index of the device whose reference, or the reference's last word, is `name`; -1.
+    int findDevice(const QString &name) const;
+    // Makes `name` the current device; false after printing a refusal.
+    bool use(const QString &name, int *exitCode);
+    // The embedded simulator of a device, or nullptr when it has a real address.
+    E1212Simulator *simulator(int device) const;
+    // "host:port" a device is reached at ("" when it has none).
+    QString address(int device) const;
 
-    // The channel records of the device's table, and the ids of the real channels (records
-    // with a "type"), in table order.
-    QVariantList channelTable() const;
-    QStringList channelIds() const;
-    // The information entries of one record as a map (entry id -> value).
-    QVariantMap channelInfo(const QString &id) const;
-    // False, after printing the refusal with the known channels, for an unknown channel.
-    bool checkChannel(const QString &channel, int *exitCode);
+    // The ids of a device's real channels (records with a "type"), in table order, and the
+    // information entries of one record (entry id -> value).
+    QStringList channelIds(int device) const;
+    QVariantMap channelInfo(int device, const QString &id) const;
+    // Resolves "CH" or "NAME:CH" to a channel of a configured device; with OutputChannel the
+    // channel must be of type "digitalOutput". False after printing a refusal naming the
+    // channel and the known ones.
+    bool channel(const QString &text, ChannelKind kind, CtlChannel *channel, int *exitCode);
 
-    // Runs a command and reports it: with --json one line per streamed update and a last
-    // line {"command", "ok", "results", "error"}; otherwise `human` prints the results of
-    // a success and `event` each streamed update. Listening commands run until `limits`,
-    // Ctrl-C or SIGTERM, then are stopped. Returns the exit status.
+    // Starts a command of a device; `raw` skips the host's argument checks.
+    Execution *execute(int device, const QString &command, const QVariantMap &arguments, bool raw = false);
+    // Runs a command to its end and reports it: with --json one flat line per listen event
+    // and a last line {"command", "ok", "results", "error", "code"}; otherwise `human`
+    // prints the results of a success and each event is one line. `shape` may rewrite the
+    // results before they are printed. Listening commands run until `limits`, Ctrl-C or
+    // SIGTERM. Returns the exit status.
     using Printer = std::function<void(const QVariantMap &results)>;
-    using EventPrinter = std::function<void(const QString &name, const QVariant &value)>;
-    int runAndReport(const QString &command, const QVariantMap &arguments, const Printer &human,
-                     const EventPrinter &event = {}, const CtlListenLimits &limits = CtlListenLimits());
+    using Shaper = std::function<QVariantMap(const QVariantMap &results)>;
+    int runAndReport(int device, const QString &command, const QVariantMap &arguments, const Printer &human,
+                     const CtlListenLimits &limits = CtlListenLimits(), bool raw = false, const Shaper &shape = {});
     // Reports a result the subcommand made itself (no device command).
     int reportLocal(const QString &name, const QVariantMap &results, const Printer &human);
+    // Runs `command` and waits for its end; the caller deletes the finished execution.
+    Execution *runToEnd(int device, const QString &command, const QVariantMap &arguments);
 
-    void printJson(const QJsonObject &object);
+    // A listen that runs until stopBackground(): its events go to the output as they come.
+    void startBackground(int device, const QString &channel);
+    // Stops every background listen and waits for their ends; ExitFailed when one failed.
+    int stopBackground();
+
+    void printJson(QJsonObject object);
     static QString toText(const QVariant &value);
 
 private:
     bool loadConfig(QString *error);
+    // Prints the events and outages of a listening execution; *outage holds the driver's
+    // last word while the device does not answer, *events counts the events.
+    void watchListen(Execution *execution, int device, const QString &channel, int *events, QString *outage);
 
     Options m_options;
     QTextStream m_out;
-    DeviceConfig m_config;
+    QString m_source;
+    int m_line = 0;
+    bool m_opened = false;
+    int m_openStatus = ExitOk;
+    std::vector<DeviceConfig> m_configs;
+    int m_current = 0;
     QScopedPointer<PluginManager> m_plugins;
-    QScopedPointer<E1212Simulator> m_simulator;
+    std::vector<std::unique_ptr<E1212Simulator>> m_simulators;
     QScopedPointer<Host> m_host;
-    DAbstractPlugin *m_device = nullptr;
+    qint64 m_seq = 0;
+    struct Background
+    {
+        QPointer<Execution> execution;
+        QString outage;
+        int events = 0;
+    };
+    std::vector<std::unique_ptr<Background>> m_background;
 };

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
-// e1212ctl as a user runs it: usage and configuration errors, channel checks, JSON output,
-// a listen stopped by SIGTERM.
+// e1212ctl as a user runs it, against simulators served here on loopback: every bad line or
+// file is refused with exit 2 before a request reaches the module; a script session; several
+// devices; help without a display; the installed copy.
+#include "e1212simulator.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -10,8 +13,6 @@
 
 namespace {
 
-const QString c_testConfig = QStringLiteral(E1212_FIXTURE_DIR "/testdevice.json");
-
 struct Run
 {
     int exitCode = -1;
@@ -19,51 +20,43 @@ struct Run
     QString err;
 };
 
-QProcessEnvironment environment(const QString &script)
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    if (!script.isEmpty())
-        env.insert(QStringLiteral("E1212_SCRIPTED_DRIVER"), script);
-    return env;
-}
-
-Run runCtl(const QStringList &arguments, const QString &script = QString())
+// Runs e1212ctl while this event loop serves the simulators.
+Run runCtl(const QStringList &arguments, const QString &program = QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"),
+           const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
 {
     QProcess process;
-    process.setProcessEnvironment(environment(script));
-    process.start(QStringLiteral(E1212_BIN_DIR "/e1212ctl"), arguments);
+    process.setProcessEnvironment(environment);
+    QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+    process.start(program, arguments);
     Run run;
-    if (!process.waitForFinished(20000)) {
-        process.kill();
-        process.waitForFinished(2000);
-    } else if (process.exitStatus() == QProcess::NormalExit) {
+    if (finished.wait(60000) && process.exitStatus() == QProcess::NormalExit)
         run.exitCode = process.exitCode();
-    }
+    else
+        process.kill();
     run.out = QString::fromUtf8(process.readAllStandardOutput());
     run.err = QString::fromUtf8(process.readAllStandardError());
     return run;
 }
 
-QStringList testDevice(const QStringList &arguments)
+QJsonObject builtInDevice()
 {
-    return QStringList{QStringLiteral("--plugin-dir"), QStringLiteral(E1212_TEST_PLUGIN_DIR),
-                       QStringLiteral("--config"), c_testConfig} + arguments;
+    QFile file(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"));
+    file.open(QIODevice::ReadOnly);
+    return QJsonDocument::fromJson(file.readAll()).object();
 }
 
-QJsonObject lastJsonLine(const QString &out, QString *error)
+// The built-in device as `reference`, served by `simulator`.
+QJsonObject device(const QString &reference, const E1212Simulator &simulator)
 {
-    const QStringList lines = out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    QJsonObject last;
-    for (const QString &line : lines) {
-        QJsonParseError parseError;
-        const QJsonDocument document = QJsonDocument::fromJson(line.toUtf8(), &parseError);
-        if (!document.isObject()) {
-            *error = QStringLiteral("not a JSON object: %1 (%2)").arg(line, parseError.errorString());
-            return {};
-        }
-        last = document.object();
-    }
-    return last;
+    QJsonObject object = builtInDevice();
+    QJsonObject parameters = object.value(QStringLiteral("parameters")).toObject();
+    const QString table = reference.section(QLatin1Char(' '), -1) + QStringLiteral("_channels");
+    parameters.insert(table, parameters.take(QStringLiteral("io1_channels")));
+    object.insert(QStringLiteral("parameters"), parameters);
+    object.insert(QStringLiteral("reference"), reference);
+    object.insert(QStringLiteral("connection"), QJsonObject{{QStringLiteral("host"), QStringLiteral("127.0.0.1")},
+                                                            {QStringLiteral("port"), simulator.port()}});
+    return object;
 }
 
 } // namespace
@@ -71,184 +64,255 @@ QJsonObject lastJsonLine(const QString &out, QString *error)
 class TstE1212Ctl : public QObject
 {
     Q_OBJECT
+
+    QString write(const QString &name, const QByteArray &content)
+    {
+        QFile file(m_dir.filePath(name));
+        file.open(QIODevice::WriteOnly);
+        file.write(content);
+        return file.fileName();
+    }
+
+    QTemporaryDir m_dir;
+    E1212Simulator m_io1;
+    E1212Simulator m_io2;
+    QString m_bench;
+    int m_connections = 0;
+
 private slots:
+    void initTestCase()
+    {
+        qRegisterMetaType<QProcess::ExitStatus>();
+        QVERIFY(m_dir.isValid());
+        QVERIFY(m_io1.start());
+        QVERIFY(m_io2.start());
+        // Connections opened to io1 over the whole test.
+        connect(&m_io1, &E1212Simulator::connectionCountChanged, this, [this](int count) {
+            static int last = 0;
+            m_connections += count > last ? count - last : 0;
+            last = count;
+        });
+        const QJsonArray devices{device(QStringLiteral("Moxa E1212 io1"), m_io1), device(QStringLiteral("Moxa E1212 io2"), m_io2)};
+        m_bench = write(QStringLiteral("bench.json"), QJsonDocument(QJsonObject{{QStringLiteral("devices"), devices}}).toJson());
+    }
+
+    // Every row: exit 2, one line on stderr naming the problem, no request at the module.
+    void refusedBeforeSending_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("config"); // written and given as --config when not empty
+        QTest::addColumn<QString>("message");
+        const auto row = [](const char *name, const QStringList &arguments, const QString &message, const QByteArray &config = {}) {
+            QTest::newRow(name) << arguments << config << message;
+        };
+        const QString output = QStringLiteral("only \"digitalOutput\" channels can be driven");
+        row("set an input", {"set", "DI0", "1"}, output);
+        row("pulse an input", {"pulse", "DI3", "--on", "100", "--off", "100", "1"}, output);
+        row("pulse past the outputs", {"pulse", "DO7", "--on", "10", "--off", "10", "1", "1"}, "unknown channel \"(past the table)\"");
+        row("value 7", {"set", "DO2", "7"}, "VALUE \"7\" is not a whole number from 0 to 1");
+        row("value -1", {"set", "DO1", "-1"}, "Unknown option '1'");
+        row("value 1.5", {"set", "DO1", "1.5"}, "VALUE \"1.5\"");
+        row("value 0x2", {"set", "DO1", "0x2"}, "VALUE \"0x2\"");
+        row("value 1e0", {"set", "DO1", "1e0"}, "VALUE \"1e0\"");
+        row("mask too big", {"set", "DO1", "1", "--mask", "0x10000"}, "--mask \"0x10000\" is not a whole number from 0 to 65535");
+        row("mask text", {"set", "DO1", "1", "--mask=abc"}, "--mask \"abc\"");
+        row("unknown output", {"set", "DX9", "1"}, "unknown channel \"DX9\" for device \"Moxa E1212 io1\" (known: DI0,");
+        row("unknown input", {"get", "DI8"}, "unknown channel \"DI8\"");
+        row("unknown run", {"get-run", "io3:DI0"}, "channel \"io3:DI0\": no device \"io3\"");
+        row("zero width", {"pulse", "DO0", "--on", "0", "--off", "100", "1"}, "--on \"0\" is not a whole number from 1 to 65535");
+        row("wide width", {"blink", "DO0", "--on", "100", "--off", "65536", "1"}, "--off \"65536\"");
+        row("no widths", {"blink", "DO0", "1"}, "blink needs --on MS and --off MS");
+        row("for 1e12", {"listen", "DI0", "--for", "1e12"}, "--for \"1e12\" is not a number of seconds");
+        row("for inf", {"listen", "DI0", "--for", "inf"}, "--for \"inf\"");
+        row("for a week and a second", {"listen", "DI0", "--for", "604801"}, "--for \"604801\"");
+        row("count 0", {"listen", "DI0", "--count", "0"}, "--count \"0\"");
+        row("count negative", {"listen", "DI0", "--count=-3"}, "--count \"-3\"");
+        row("run unknown command", {"run", "nope"}, "run: device \"Moxa E1212 io1\" has no command \"nope\"");
+        row("run raw unknown command", {"run", "--raw", "nope"}, "has no command \"nope\"");
+        row("run unknown argument", {"run", "getValue", "chanel=DI0"}, "command \"getValue\" has no parameter \"chanel\"");
+        row("run raw unknown argument", {"run", "--raw", "getValue", "chanel=DI0"}, "has no parameter \"chanel\"");
+        const QString ui16 = QStringLiteral("expected \"ui16\" (a whole number from 0 to 65535");
+        row("run value -1", {"run", "setValue", "channel=DO1", "value=-1"}, "argument \"value\" is -1, " + ui16);
+        row("run value 1.5", {"run", "setValue", "channel=DO1", "value=1.5"}, "argument \"value\" is 1.5, " + ui16);
+        row("run value 65536", {"run", "setValue", "channel=DO1", "value=0x10000"}, "argument \"value\" is 65536, " + ui16);
+        row("run value list", {"run", "setValue", "channel=DO1", "value=[1,2]"}, "argument \"value\" is [1,2], " + ui16);
+        row("run mask -1", {"run", "setValue", "channel=DO1", "value=1", "bitMask=-1"}, "argument \"bitMask\" is -1, " + ui16);
+        row("run unknown channel", {"run", "setValue", "channel=DO9", "value=1"}, "unknown channel \"DO9\"");
+        row("run not KEY=VALUE", {"run", "getValue", "DI0"}, "argument \"DI0\" is not KEY=VALUE");
+        row("unknown command", {"frobnicate"}, "unknown command \"frobnicate\"");
+        row("script step on the line", {"use", "io2"}, "unknown command \"use\"");
+        row("no command", {}, "no command given");
+        row("too many words", {"get", "DI0", "DI1"}, "usage: get CH");
+        row("unknown option", {"--bogus", "info"}, "Unknown option 'bogus'");
+        row("option of another command", {"get", "DI0", "--mask", "1"}, "Unknown option 'mask'");
+        row("device port 9 of a port", {"--device", "127.0.0.1:15020:9", "get", "DI0"}, "--device 127.0.0.1:15020:9: the host is empty or not one name");
+        row("device port too big", {"--device", "127.0.0.1:99999", "get", "DI0"}, "the port must be a number from 1 to 65535");
+        row("time-out text", {"--timeout", "abc", "info"}, "--timeout \"abc\"");
+        row("time-out 0", {"--timeout", "0", "info"}, "--timeout \"0\"");
+        row("unknown reference", {"--ref", "io9", "info"}, "--ref io9: no such device");
+        row("help on nothing", {"help", "nope"}, "help: unknown command \"nope\"");
+        row("json refusal", {"--json", "set", "DI0", "1"}, output);
+        row("missing file", {"--config", "/nonexistent/bench.json", "info"}, "cannot read the configuration");
+        row("syntax", {"info"}, "JSON syntax error", "{\n  \"reference\": \n");
+        row("no devices", {"info"}, "devices: the list is empty", R"({"devices": []})");
+        row("register abc", {"set", "DO1", "1"}, "io1_channels[0].value[1].value: \"register\" must be a whole number 0-65535, found \"abc\"",
+            R"({"reference": "Moxa E1212 io1", "parameters": {"io1_channels": [{"id": "DO1", "value": [
+                {"id": "type", "value": "digitalOutput"}, {"id": "register", "value": "abc"}]}]}})");
+        row("unknown plug-in", {"info"}, "no plug-in with UUID {11111111-2222-3333-4444-555555555555} is loaded",
+            R"({"reference": "Moxa E1212 io1", "plugin": "{11111111-2222-3333-4444-555555555555}"})");
+    }
+
+    void refusedBeforeSending()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, config);
+        QFETCH(QString, message);
+        const int requests = m_io1.requestCount() + m_io2.requestCount();
+        const QString file = config.isEmpty() ? m_bench : write(QStringLiteral("row.json"), config);
+        const Run run = runCtl(QStringList{QStringLiteral("--config"), file} + arguments);
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY2(run.err.startsWith(QStringLiteral("e1212ctl: ")) && run.err.contains(message), qPrintable(run.err));
+        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
+        if (arguments.contains(QStringLiteral("--json"))) {
+            const QJsonObject line = QJsonDocument::fromJson(run.out.toUtf8()).object();
+            QCOMPARE(line.value(QStringLiteral("code")).toString(), QStringLiteral("refused"));
+            QVERIFY(line.value(QStringLiteral("error")).toString().contains(message));
+        } else {
+            QCOMPARE(run.out, QString());
+        }
+        QCOMPARE(m_io1.requestCount() + m_io2.requestCount(), requests);
+    }
+
+    // set, expect --within, a background listen, an input changed meanwhile, then a failing
+    // expect that names its line and stops the script; one connection for all of it.
+    void script()
+    {
+        const QString file = write(QStringLiteral("sequence.txt"), "listen DI2 &   # line 1\n"
+                                                                   "set DO1 1\n"
+                                                                   "expect DO1 1 --within 1000\n"
+                                                                   "\n"
+                                                                   "expect DI2 1 --within 5000\n"
+                                                                   "wait 1000   # the listen reports it too\n"
+                                                                   "expect DI0 1\n"
+                                                                   "set DO2 1\n");
+        m_io1.setInput(2, false);
+        m_io1.setInput(0, false);
+        const int connections = m_connections;
+        QTimer::singleShot(500, this, [this] { m_io1.setInput(2, true); });
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--json"), QStringLiteral("script"), file});
+        QCOMPARE(run.exitCode, 1);
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect DI0: read 0, expected 1\n").arg(file));
+        QStringList seen;
+        for (const QString &text : run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+            const QJsonObject line = QJsonDocument::fromJson(text.toUtf8()).object();
+            seen << QStringLiteral("%1 %2 %3 %4").arg(line.value(QStringLiteral("line")).toInt())
+                        .arg(line.value(QStringLiteral("event")).toString(), line.value(QStringLiteral("channel")).toString(),
+                             QString::fromUtf8(QJsonDocument(QJsonArray{line.value(QStringLiteral("value")), line.value(QStringLiteral("ok")),
+                                                                        line.value(QStringLiteral("code"))}).toJson(QJsonDocument::Compact)));
+        }
+        QVERIFY2(seen.contains(QStringLiteral("1 value DI2 [1,null,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
+        QVERIFY2(seen.contains(QStringLiteral("3  DO1 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
+        QCOMPARE(seen.last(), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
+        QVERIFY(m_io1.pulseStatus(1));
+        QVERIFY(!m_io1.pulseStatus(2));
+        QCOMPARE(m_connections - connections, 1);
+    }
+
+    // One host serves every device of the file: --ref, NAME:CH and use reach each one.
+    void severalDevices()
+    {
+        const QString file = write(QStringLiteral("two.txt"), "set io2:DO3 1\nuse io2\nset DO4 1\nset io1:DO5 1\n");
+        QCOMPARE(runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file}).exitCode, 0);
+        QCOMPARE(runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--ref"), QStringLiteral("Moxa E1212 io2"),
+                         QStringLiteral("set"), QStringLiteral("DO6"), QStringLiteral("1")}).exitCode, 0);
+        for (int channel = 3; channel <= 6; ++channel) {
+            QCOMPARE(m_io2.pulseStatus(channel), channel != 5);
+            QCOMPARE(m_io1.pulseStatus(channel), channel == 5);
+        }
+        const Run devices = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("devices")});
+        QCOMPARE(devices.exitCode, 0);
+        QCOMPARE(devices.out, QStringLiteral("Moxa E1212 io1  127.0.0.1:%1  Device Moxa IoLogic E1212\n"
+                                             "Moxa E1212 io2  127.0.0.1:%2  Device Moxa IoLogic E1212\n")
+                                  .arg(m_io1.port()).arg(m_io2.port()));
+    }
+
+    // --raw passes what the type checks refuse, so protocol-level cases still reach the module.
+    void rawReachesTheDevice_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("65536 on the pulse path") << QStringList{"value=65536"};
+        QTest::newRow("0x12345 masked") << QStringList{"value=0x12345", "bitMask=0xFFFE"};
+    }
+
+    void rawReachesTheDevice()
+    {
+        QFETCH(QStringList, arguments);
+        const int requests = m_io1.requestCount();
+        const Run run = runCtl(QStringList{QStringLiteral("--config"), m_bench, QStringLiteral("run"), QStringLiteral("--raw"),
+                                           QStringLiteral("setValue"), QStringLiteral("channel=DO1")} + arguments);
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY(m_io1.requestCount() > requests);
+    }
+
+    // A failure after sending is exit 1, and its JSON line carries the error's code.
+    void deviceTimeOut()
+    {
+        m_io1.setResponseDelay(1000);
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--json"), QStringLiteral("--timeout"),
+                                QStringLiteral("200"), QStringLiteral("get"), QStringLiteral("DI5")});
+        m_io1.setResponseDelay(0);
+        QCOMPARE(run.exitCode, 1);
+        const QJsonObject line = QJsonDocument::fromJson(run.out.toUtf8()).object();
+        QCOMPARE(line.value(QStringLiteral("ok")), QJsonValue(false));
+        QCOMPARE(line.value(QStringLiteral("code")).toString(), QStringLiteral("timeout"));
+        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
+    }
+
+    // Help never needs a display.
+    void help_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("--help") << QStringList{"--help"} << "Exit status: 0 success; 1 the device";
+        QTest::newRow("help") << QStringList{"help"} << "  script FILE|-";
+        QTest::newRow("help SUB") << QStringList{"help", "set"} << "Usage: e1212ctl [OPTIONS] set CH VALUE [set OPTIONS]";
+        QTest::newRow("SUB --help") << QStringList{"listen", "--help"} << "  --for SECONDS";
+        QTest::newRow("panel --help") << QStringList{"panel", "-h"} << "  --screenshot FILE";
+        QTest::newRow("time-out default") << QStringList{"--help"} << "command's own 3000, unless the device's \"timeoutMs\" is set";
+        QTest::newRow("--version") << QStringList{"--version"} << "e1212ctl 1.0\n";
+    }
+
     void help()
     {
-        const Run run = runCtl({QStringLiteral("--help")});
-        QCOMPARE(run.exitCode, 0);
-        for (const char *word : {"set CH VALUE [--mask M]", "listen CH [--count N] [--for SECONDS]", "run NAME",
-                                 "--device HOST[:PORT]", "Log file (without --verbose): /"})
-            QVERIFY2(run.out.contains(QLatin1String(word)), word);
-    }
-
-    void usageErrors_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("message");
-        QTest::newRow("nothing") << QStringList() << "e1212ctl: no command given (see e1212ctl --help)";
-        QTest::newRow("unknown command") << QStringList{"frobnicate"} << "e1212ctl: unknown command \"frobnicate\"";
-        QTest::newRow("unknown option") << QStringList{"--bogus", "info"} << "e1212ctl: unknown option --bogus";
-        QTest::newRow("bad time-out") << QStringList{"--timeout", "abc", "info"} << "e1212ctl: --timeout \"abc\" is not a positive number of milliseconds";
-        QTest::newRow("value too big") << QStringList{"set", "DO0", "70000"} << "e1212ctl: VALUE \"70000\" is not a whole number from 0 to 65535";
-        QTest::newRow("pulse without widths") << QStringList{"pulse", "DO0", "1"} << "e1212ctl: pulse needs --on MS and --off MS";
-        QTest::newRow("subcommand option") << QStringList{"get", "DI0", "--mask", "1"} << "e1212ctl: unknown option --mask";
-        QTest::newRow("bad port") << QStringList{"--device", "127.0.0.1:99999", "get", "DI0"} << "e1212ctl: --device 127.0.0.1:99999: the port must be a number from 1 to 65535";
-    }
-
-    void usageErrors()
-    {
         QFETCH(QStringList, arguments);
-        QFETCH(QString, message);
-        const Run run = runCtl(arguments);
-        QCOMPARE(run.exitCode, 2);
-        QVERIFY2(run.err.startsWith(message), qPrintable(run.err));
-        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
-        QVERIFY(run.out.isEmpty());
+        QFETCH(QString, text);
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.remove(QStringLiteral("DISPLAY"));
+        environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
+        const Run run = runCtl(arguments, QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), environment);
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.out.contains(text), qPrintable(run.out));
+        QCOMPARE(run.err, QString());
     }
 
-    void badConfiguration_data()
+    // The installed tree runs on its own: plug-ins from the prefix, the embedded simulator.
+    void installed()
     {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<QString>("message");
-        QTest::newRow("syntax") << "syntax.json" << "syntax.json: line 3, column 36: JSON syntax error: ";
-        QTest::newRow("wrong type") << "wrongtype.json" << "wrongtype.json: connection.port: expected a whole number, found a text";
-        QTest::newRow("unknown plug-in") << "unknownplugin.json" << "unknownplugin.json: devices[0].plugin: no plug-in with UUID {11111111-2222-3333-4444-555555555555} is loaded";
-        QTest::newRow("no devices") << "nodevices.json" << "nodevices.json: devices: the list is empty";
-        QTest::newRow("missing file") << "missing.json" << "missing.json: cannot read the configuration: ";
-    }
-
-    void badConfiguration()
-    {
-        QFETCH(QString, file);
-        QFETCH(QString, message);
-        const QString path = QStringLiteral(E1212_FIXTURE_DIR "/") + file;
-        const Run run = runCtl({QStringLiteral("--config"), path, QStringLiteral("info")});
-        QCOMPARE(run.exitCode, 2);
-        QVERIFY2(run.err.startsWith(QStringLiteral("e1212ctl: %1/%2").arg(QStringLiteral(E1212_FIXTURE_DIR), message)), qPrintable(run.err));
-        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
-        QVERIFY(run.out.isEmpty());
-    }
-
-    void unknownChannelSendsNothing()
-    {
-        const Run run = runCtl({QStringLiteral("--verbose"), QStringLiteral("get"), QStringLiteral("DX9")});
-        QCOMPARE(run.exitCode, 2);
-        QVERIFY2(run.err.contains(QStringLiteral("e1212ctl: unknown channel \"DX9\" for device \"Moxa E1212 io1\" (known: DI0, DI1, DI2, DI3, DI4, DI5, DI6, DI7, DO0, DO1, DO2, DO3, DO4, DO5, DO6, DO7)\n")),
+        QProcess install;
+        install.start(QStringLiteral(E1212_CMAKE), {QStringLiteral("--install"), QStringLiteral(E1212_BUILD_DIR),
+                                                    QStringLiteral("--prefix"), m_dir.filePath(QStringLiteral("prefix"))});
+        QVERIFY(install.waitForFinished(60000));
+        QCOMPARE(install.exitCode(), 0);
+        QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/e1212/e1212.json"))));
+        // A prefix can be moved: nothing points into the build tree or at the install path.
+        QVERIFY(QDir(m_dir.path()).rename(QStringLiteral("prefix"), QStringLiteral("moved")));
+        const Run run = runCtl({QStringLiteral("--verbose"), QStringLiteral("info")}, m_dir.filePath(QStringLiteral("moved/bin/e1212ctl")));
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.out.contains(QStringLiteral("modelName:       E1212\n")), qPrintable(run.out));
+        QVERIFY2(run.err.contains(QStringLiteral("from %1/libp_device_moxa_iologic.so")
+                                      .arg(QFileInfo(m_dir.filePath(QStringLiteral("moved/lib/e1212/plugins"))).canonicalFilePath())),
                  qPrintable(run.err));
-        QVERIFY2(!run.err.contains(QStringLiteral("instruction ")), qPrintable(run.err));
-        QVERIFY(run.out.isEmpty());
-    }
-
-    void jsonOutputParses_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("script");
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QString>("command");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("identity") << QStringList{"run", "getPluginIdentity"} << QString() << 0 << "getPluginIdentity" << QString();
-        QTest::newRow("value") << testDevice({"run", "probe", "channel=DI0"}) << R"([{"instruction": "read", "replies": [{"values": [5]}]}])"
-                               << 0 << "probe" << QString();
-        QTest::newRow("rejected reply") << testDevice({"run", "probe"}) << R"([{"instruction": "read", "replies": [{"status": 1}]}])"
-                                        << 1 << "probe" << "probe: the command rejected the reply to instruction";
-        QTest::newRow("driver error") << testDevice({"run", "probe"}) << R"([{"instruction": "read", "replies": [{"error": "no route to 127.0.0.1:1502"}]}])"
-                                      << 1 << "probe" << "probe: the driver of \"bench io1\" failed instruction";
-        QTest::newRow("time-out") << testDevice({"--timeout", "200", "run", "probe"}) << R"([{"instruction": "read", "replies": []}])"
-                                  << 1 << "probe" << "probe: no reply to instruction";
-    }
-
-    void jsonOutputParses()
-    {
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, script);
-        QFETCH(int, exitCode);
-        QFETCH(QString, command);
-        QFETCH(QString, error);
-        const Run run = runCtl(QStringList{QStringLiteral("--json")} + arguments, script);
-        QCOMPARE(run.exitCode, exitCode);
-        QString parseError;
-        const QJsonObject last = lastJsonLine(run.out, &parseError);
-        QVERIFY2(parseError.isEmpty(), qPrintable(parseError));
-        QCOMPARE(run.out.count(QLatin1Char('\n')), 1);
-        QCOMPARE(last.value(QStringLiteral("command")).toString(), command);
-        QCOMPARE(last.value(QStringLiteral("ok")).toBool(), exitCode == 0);
-        QVERIFY(last.value(QStringLiteral("results")).isObject());
-        QVERIFY2(last.value(QStringLiteral("error")).toString().startsWith(error), qPrintable(run.out));
-        if (exitCode == 0) {
-            QVERIFY(run.err.isEmpty());
-        } else {
-            QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
-            QVERIFY(run.err.startsWith(QStringLiteral("e1212ctl: %1 failed: %2").arg(command, error)));
-        }
-        if (command == QLatin1String("probe") && exitCode == 0)
-            QCOMPARE(last.value(QStringLiteral("results")).toObject().value(QStringLiteral("value")).toInt(), 5);
-    }
-
-    void listenStopsOnSigterm_data()
-    {
-        QTest::addColumn<QString>("script");
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QString>("firstEvent");
-        QTest::addColumn<QJsonValue>("lastValues");
-        QTest::newRow("reports") << R"([{"instruction": "listen", "open": true, "intervalMs": 20, "replies": [{"values": [1]}, {"values": [0]}]}])"
-                                 << 0 << "values" << QJsonValue(QJsonArray{0});
-        // Stopped while the device does not answer: the listen has failed.
-        QTest::newRow("outage") << R"([{"instruction": "listen", "open": true, "intervalMs": 20, "replies": [{"values": [1]}, {"error": "device gone"}]}])"
-                                << 1 << "values" << QJsonValue(QJsonArray{1});
-    }
-
-    void listenStopsOnSigterm()
-    {
-        QFETCH(QString, script);
-        QFETCH(int, exitCode);
-        QFETCH(QString, firstEvent);
-        QFETCH(QJsonValue, lastValues);
-        QProcess process;
-        process.setProcessEnvironment(environment(script));
-        process.start(QStringLiteral(E1212_BIN_DIR "/e1212ctl"), testDevice({QStringLiteral("--json"), QStringLiteral("run"),
-                                                                               QStringLiteral("watch"), QStringLiteral("channel=DI0")}));
-        QVERIFY(process.waitForStarted(5000));
-        QByteArray out;
-        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).count('\n') >= 2, 10000);
-        process.terminate();
-        QVERIFY(process.waitForFinished(10000));
-        out += process.readAllStandardOutput();
-        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(process.exitCode(), exitCode);
-        const QList<QByteArray> lines = out.trimmed().split('\n');
-        QCOMPARE(lines.size(), 3);
-        const QJsonObject first = QJsonDocument::fromJson(lines.at(0)).object();
-        QCOMPARE(first.value(QStringLiteral("event")).toString(), firstEvent);
-        QCOMPARE(first.value(QStringLiteral("value")).toArray(), QJsonArray{1});
-        const QJsonObject last = QJsonDocument::fromJson(lines.at(2)).object();
-        QCOMPARE(last.value(QStringLiteral("command")).toString(), QStringLiteral("watch"));
-        QCOMPARE(last.value(QStringLiteral("ok")).toBool(), exitCode == 0);
-        QCOMPARE(last.value(QStringLiteral("results")).toObject().value(QStringLiteral("values")), lastValues);
-        if (exitCode != 0)
-            QVERIFY(last.value(QStringLiteral("error")).toString().endsWith(QStringLiteral("(\"listen\"): device gone")));
-    }
-
-    void namedCommandsUseTheConfiguredTable()
-    {
-        const Run run = runCtl(testDevice({QStringLiteral("listen"), QStringLiteral("DI0"), QStringLiteral("--count"), QStringLiteral("2")}),
-                               QStringLiteral(R"([{"instruction": "listen", "open": true, "intervalMs": 10, "replies": [{"values": [1]}, {"values": [0]}, {"values": [1]}]}])"));
-        // The test device has no listenEvents: the channel passes the check, the command is refused.
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.err.startsWith(QStringLiteral("e1212ctl: listenEvents failed: device \"bench io1\" has no command \"listenEvents\"")), qPrintable(run.err));
-    }
-
-    void realDeviceOnTheEmbeddedSimulator()
-    {
-        const Run run = runCtl({QStringLiteral("get"), QStringLiteral("DI0")});
-        if (run.err.contains(QStringLiteral("has no command \"getValue\"")))
-            QSKIP("the device plug-in of this build declares no getValue");
-        QCOMPARE(run.exitCode, 0);
-        QCOMPARE(run.out, QStringLiteral("DI0 = 0\n"));
-
-        const Run listen = runCtl({QStringLiteral("listen"), QStringLiteral("DI0"), QStringLiteral("--count"), QStringLiteral("1")});
-        QCOMPARE(listen.exitCode, 0);
-        QVERIFY2(QRegularExpression(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}  DI0 = 0\n$")).match(listen.out).hasMatch(),
-                 qPrintable(listen.out));
+        QVERIFY(!run.err.contains(QStringLiteral(E1212_BUILD_DIR "/plugins")));
     }
 };
 

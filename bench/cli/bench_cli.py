@@ -1,0 +1,69 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+# Prints: the same 1,000-step sequence as one `e1212ctl script` and as 1,000 processes (both
+# times and their ratio), and the wall time and peak memory of a one-shot `get` against an
+# empty Qt Core program. Usage: bench_cli.py BUILD_DIR
+import json, os, socket, subprocess, sys, tempfile, time
+
+build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else "build")
+ctl = os.path.join(build, "bin", "e1212ctl")
+env = dict(os.environ, QT_QPA_PLATFORM="offscreen")
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+def run(args, **kw):
+    result = subprocess.run(args, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, **kw)
+    if result.returncode != 0:
+        sys.exit("failed: %s: %s" % (" ".join(args), result.stderr.decode()))
+
+def median_ms(args, repeat=20):
+    """Median wall time (ms) of `args`."""
+    times = []
+    for _ in range(repeat):
+        start = time.perf_counter()
+        run(args)
+        times.append((time.perf_counter() - start) * 1000)
+    times.sort()
+    return times[len(times) // 2]
+
+port = free_port()
+simulator = subprocess.Popen([ctl, "simulate", "--listen", "127.0.0.1:%d" % port], env=env,
+                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+simulator.stdout.readline()  # listening
+try:
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "config", "e1212.json")) as f:
+        device = json.load(f)
+    device["connection"] = {"host": "127.0.0.1", "port": port}
+    work = tempfile.mkdtemp(prefix="bench-cli-")
+    config = os.path.join(work, "bench.json")
+    with open(config, "w") as f:
+        json.dump(device, f)
+    steps = ["set DO1 1", "get DI0", "set DO1 0", "get DO1"] * 250
+    with open(os.path.join(work, "steps.txt"), "w") as f:
+        f.write("\n".join(steps) + "\n")
+
+    start = time.perf_counter()
+    run([ctl, "--config", config, "script", os.path.join(work, "steps.txt")])
+    script_s = time.perf_counter() - start
+    start = time.perf_counter()
+    for step in steps:
+        run([ctl, "--config", config] + step.split())
+    processes_s = time.perf_counter() - start
+    print("1,000 steps as one script:     %8.2f s" % script_s)
+    print("1,000 steps as 1,000 processes: %8.2f s" % processes_s)
+    print("ratio:                          %8.1f x" % (processes_s / script_s))
+
+    empty = os.path.join(build, "bin", "bench_emptycore")
+    for name, args in (("empty Qt Core program", [empty]), ("e1212ctl get DI0", [ctl, "--config", config, "get", "DI0"])):
+        # Peak memory of the program alone: measured by a fresh interpreter, its only child.
+        probe = subprocess.run([sys.executable, "-c",
+                                "import resource,subprocess,sys;subprocess.run(sys.argv[1:],stdout=subprocess.DEVNULL);"
+                                "print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)"] + args,
+                               env=env, capture_output=True, text=True)
+        print("%-22s wall %6.1f ms (median of 20), peak memory %6.1f MiB" % (name, median_ms(args), int(probe.stdout) / 1024))
+finally:
+    simulator.terminate()
+    simulator.wait()
