@@ -435,6 +435,9 @@ void Host::onDeadline(quint64 key)
     const QString error = QStringLiteral("%1: no reply to instruction %2 (\"%3\" to the driver of \"%4\") within %5 ms")
                               .arg(it->commandName).arg(key).arg(it->instruction, it->device->config.reference).arg(it->guardMs);
     dropPending(key, true);
+    // The driver was told to stop, so a late reply is rare: keep the set small.
+    if (m_timedOut.size() >= 1024)
+        m_timedOut.clear();
     m_timedOut.insert(key);
     if (execution)
         finish(execution, Execution::Failed, CeTimeout, error);
