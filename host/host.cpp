@@ -236,13 +236,10 @@ void Host::failLater(Execution *execution, EnErrorCode code, const QString &erro
 void Host::startNext(DAbstractCommand *declared)
 {
     CommandState &state = wire(declared);
-    while (state.running.isEmpty() && !state.queue.isEmpty()) {
-        Execution *next = state.queue.takeFirst();
-        if (next && next->state() == Execution::Queued) {
-            start(next);
-            return;
-        }
-    }
+    while (!state.queue.isEmpty() && (!state.queue.constFirst() || state.queue.constFirst()->state() != Execution::Queued))
+        state.queue.removeFirst();
+    if (state.running.isEmpty() && !state.queue.isEmpty())
+        start(state.queue.constFirst());
 }
 
 void Host::start(Execution *execution)
