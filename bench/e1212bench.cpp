@@ -186,6 +186,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     // Logging as e1212ctl ships it (not --verbose); --verbose turns our debug lines on.
+    // --sequential runs only the one-device comparison.
     installCtlMessageHandler(app.arguments().contains(QStringLiteral("--verbose")));
     const int sequential = qMax(100, qEnvironmentVariableIntValue("E1212_BENCH_REQUESTS") ? qEnvironmentVariableIntValue("E1212_BENCH_REQUESTS") : 5000);
 
@@ -229,7 +230,8 @@ int main(int argc, char **argv)
     }
     double fullCpuOne = 0;
     double bareCpuOne = 0;
-    for (int devices : {1, 16, 64, 256}) {
+    const QList<int> deviceCounts = app.arguments().contains(QStringLiteral("--sequential")) ? QList<int>() : QList<int>{1, 16, 64, 256};
+    for (int devices : deviceCounts) {
         const int total = qMax(sequential, devices * 20);
         Figures fullFigures;
         Figures bareFigures;
