@@ -32,22 +32,26 @@ class RecordingBackend : public DAbstractPluginBackend
 {
 public:
     QStringList events;
+    QSet<unsigned long long> runIds;
+    QList<IMessenger::EnErrorCode> failCodes;
     QVariantMap finishedResults;
-    IMessenger::EnErrorCode failCode = IMessenger::CeNoError;
 
-    void commandResultChanged(unsigned long long, const QString &command, const QString &name, const QVariant &) override
+    void commandResultChanged(unsigned long long runId, const QString &command, const QString &name, const QVariant &) override
     {
+        runIds << runId;
         events << command + QStringLiteral(" result ") + name;
     }
-    void commandFinished(unsigned long long, const QString &command, const QMap<QString, QVariant> &results) override
+    void commandFinished(unsigned long long runId, const QString &command, const QMap<QString, QVariant> &results) override
     {
+        runIds << runId;
         events << command + QStringLiteral(" finished");
         finishedResults = results;
     }
-    void commandFailed(unsigned long long, const QString &command, const DError &error) override
+    void commandFailed(unsigned long long runId, const QString &command, const DError &error) override
     {
+        runIds << runId;
         events << command + QStringLiteral(" failed");
-        failCode = error.code;
+        failCodes << error.code;
     }
 };
 
@@ -121,19 +125,24 @@ private slots:
         QTest::addColumn<int>("code");
         QTest::addColumn<QString>("error");
         QTest::addColumn<QVariantMap>("results");
+        QTest::addColumn<int>("exception");
         QTest::newRow("accepted") << QVariantList{reply(QVariantList{7, 1})} << int(Execution::Succeeded)
-                                  << int(IMessenger::CeNoError) << QString() << QVariantMap{{QStringLiteral("value"), 7u}};
+                                  << int(IMessenger::CeNoError) << QString() << QVariantMap{{QStringLiteral("value"), 7u}} << 0;
         QTest::newRow("callback returns false") << QVariantList{QVariantMap{{QStringLiteral("status"), 1}}} << int(Execution::Failed)
                                                 << int(IMessenger::CeReplyRejected)
                                                 << QStringLiteral("probe: the command rejected the reply to instruction %1 (\"read\"): {\"status\":1}")
-                                                << QVariantMap();
+                                                << QVariantMap() << 0;
         QTest::newRow("driver error") << QVariantList{QVariantMap{{QStringLiteral("error"), QStringLiteral("connection to 127.0.0.1:1502 refused")}}}
                                       << int(Execution::Failed) << int(IMessenger::CeDriverError)
                                       << QStringLiteral("probe: the driver of \"bench io1\" failed instruction %1 (\"read\"): connection to 127.0.0.1:1502 refused")
-                                      << QVariantMap();
+                                      << QVariantMap() << 0;
+        QTest::newRow("driver's code") << QVariantList{DError{IMessenger::CeModbusException, 2, QStringLiteral("illegal data address")}.toReply()}
+                                       << int(Execution::Failed) << int(IMessenger::CeModbusException)
+                                       << QStringLiteral("probe: the driver of \"bench io1\" failed instruction %1 (\"read\"): illegal data address")
+                                       << QVariantMap() << 2;
         QTest::newRow("no reply") << QVariantList() << int(Execution::Failed) << int(IMessenger::CeTimeout)
-                                  << QStringLiteral("probe: no reply to instruction %1 (\"read\" to the driver of \"bench io1\") within 150 ms")
-                                  << QVariantMap();
+                                  << QStringLiteral("probe: no reply to instruction %1 (\"read\" to the driver of \"bench io1\") within 1150 ms")
+                                  << QVariantMap() << 0;
     }
 
     void replyOutcomes()
@@ -143,6 +152,7 @@ private slots:
         QFETCH(int, code);
         QFETCH(QString, error);
         QFETCH(QVariantMap, results);
+        QFETCH(int, exception);
         setScript({rule(QStringLiteral("read"), replies)});
         m_host->setTimeoutOverride(150);
         LogCapture log;
@@ -153,6 +163,7 @@ private slots:
         QVERIFY(finished.wait(5000));
         QCOMPARE(int(execution->state()), state);
         QCOMPARE(int(execution->errorCode()), code);
+        QCOMPARE(execution->exceptionCode(), exception);
         const QVariantList sent = started();
         QCOMPARE(sent.size(), 1);
         const unsigned long long id = sent.first().toMap().value(QStringLiteral("id")).toULongLong();
@@ -163,31 +174,6 @@ private slots:
         QVERIFY(!QTest::qWaitFor([&] { return finished.size() > 1; }, 50));
         if (code != IMessenger::CeNoError)
             QVERIFY(log.messages().size() >= 1 && log.messages().last().text == execution->errorString());
-    }
-
-    void lateReplyIsDroppedAndSaidOnce()
-    {
-        const QVariantMap late{{QStringLiteral("delayMs"), 300}, {QStringLiteral("intervalMs"), 20},
-                               {QStringLiteral("ignoreStop"), true}};
-        setScript({rule(QStringLiteral("read"), {reply(QVariantList{1}), reply(QVariantList{2})}, late)});
-        m_host->setTimeoutOverride(100);
-        LogCapture log;
-        Execution *execution = m_host->execute(m_device, QStringLiteral("probe"));
-        QSignalSpy results(execution, &Execution::resultChanged);
-        QVERIFY(waitFinished(execution));
-        QCOMPARE(execution->errorCode(), IMessenger::CeTimeout);
-        const unsigned long long id = started().first().toMap().value(QStringLiteral("id")).toULongLong();
-        QCOMPARE(stopped(), QVariantList{id});
-        auto lateLines = [&] {
-            int count = 0;
-            for (const LogCapture::Message &message : log.messages())
-                count += message.text.contains(QStringLiteral("the reply to instruction %1 came after its time-out and is dropped").arg(id));
-            return count;
-        };
-        QTRY_COMPARE_WITH_TIMEOUT(lateLines(), 1, 3000);
-        // The second late reply is dropped without a word.
-        QVERIFY(!QTest::qWaitFor([&] { return lateLines() > 1; }, 200));
-        QCOMPARE(results.size(), 0);
     }
 
     void replyWithoutCallbackFillsDeclaredResults()
@@ -201,29 +187,6 @@ private slots:
         QCOMPARE(results.size(), 1);
         QCOMPARE(results.first().at(0).toString(), QStringLiteral("values"));
         QCOMPARE(execution->results(), (QVariantMap{{QStringLiteral("values"), QVariantList{1, 0, 1}}}));
-    }
-
-    void listenStreamsUntilStopped()
-    {
-        QVariantList reports;
-        for (int i = 0; i < 3; ++i)
-            reports << reply(QVariantList{i % 2});
-        setScript({rule(QStringLiteral("listen"), reports, {{QStringLiteral("open"), true}, {QStringLiteral("intervalMs"), 10}})});
-        Execution *execution = m_host->execute(m_device, QStringLiteral("watch"), {{QStringLiteral("channel"), QStringLiteral("DI2")}});
-        QSignalSpy results(execution, &Execution::resultChanged);
-        QSignalSpy finished(execution, &Execution::finished);
-        QVERIFY(execution->isListening());
-        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 3, 3000);
-        QCOMPARE(results.at(2).at(1).toList(), QVariantList{0});
-        // Still running after its last report: a listening execution ends only when stopped.
-        QVERIFY(!finished.wait(100));
-        QCOMPARE(execution->state(), Execution::Running);
-        QVERIFY(m_host->stop(execution));
-        QCOMPARE(finished.size(), 1);
-        QCOMPARE(execution->state(), Execution::Stopped);
-        QVERIFY(execution->isOk());
-        QCOMPARE(stopped(), QVariantList{started().first().toMap().value(QStringLiteral("id"))});
-        QVERIFY(!m_host->stop(execution));
     }
 
     void listenOutlivesADriverOutage()
@@ -242,39 +205,119 @@ private slots:
         QVERIFY(execution->isOk());
     }
 
+    void timeOuts_data()
+    {
+        QTest::addColumn<int>("override");
+        QTest::addColumn<int>("configured");
+        QTest::addColumn<int>("sent");
+        QTest::newRow("the command's own") << 0 << 0 << 3000;
+        QTest::newRow("the device's timeoutMs") << 0 << 700 << 700;
+        QTest::newRow("--timeout wins") << 100 << 700 << 100;
+    }
+
+    // The driver gets the effective time-out; the host's guard allows it for each request
+    // ahead on the device, plus one second.
+    void timeOuts()
+    {
+        QFETCH(int, override);
+        QFETCH(int, configured);
+        QFETCH(int, sent);
+        DeviceConfig device = config(QStringLiteral("bench io2"));
+        if (configured)
+            device.connection.insert(QStringLiteral("timeoutMs"), configured);
+        QString error;
+        QVERIFY2(m_host->addDevice(device, &error), qPrintable(error));
+        m_device = m_host->device(QStringLiteral("bench io2"));
+        setScript({rule(QStringLiteral("read"), {})});
+        m_host->setTimeoutOverride(override);
+        Execution *first = m_host->execute(m_device, QStringLiteral("probe"));
+        Execution *second = m_host->execute(m_device, QStringLiteral("collect"));
+        QTRY_COMPARE_WITH_TIMEOUT(started().size(), 2, 2000);
+        for (const QVariant &instruction : started())
+            QCOMPARE(instruction.toMap().value(QStringLiteral("timeoutMs")).toInt(), sent);
+        if (sent > 100)
+            return;
+        QVERIFY(waitFinished(second));
+        QVERIFY(first->isFinished());
+        QCOMPARE(second->errorCode(), IMessenger::CeTimeout);
+        QVERIFY(first->errorString().endsWith(QStringLiteral(" within %1 ms").arg(sent + 1000)));
+        QVERIFY(second->errorString().endsWith(QStringLiteral(" within %1 ms").arg(2 * sent + 1000)));
+    }
+
+    void concurrentListens_data()
+    {
+        QTest::addColumn<int>("count");
+        QTest::addColumn<int>("stopAt");
+        QTest::newRow("one") << 1 << 0;
+        QTest::newRow("sixteen, stop the first") << 16 << 0;
+        QTest::newRow("sixteen, stop one in the middle") << 16 << 9;
+    }
+
+    // Several listens run at once on the declared object; each report goes to the execution
+    // whose instruction it answers, and a stop ends exactly one.
+    void concurrentListens()
+    {
+        QFETCH(int, count);
+        QFETCH(int, stopAt);
+        QVariantList rules;
+        for (int i = 0; i < count; ++i)
+            rules << rule(QStringLiteral("listen"), {reply(QVariantList{i}), reply(QVariantList{i})},
+                          {{QStringLiteral("match"), QVariantMap{{QStringLiteral("channel"), QStringLiteral("C%1").arg(i)}}},
+                           {QStringLiteral("open"), true}, {QStringLiteral("intervalMs"), 20}});
+        setScript(rules);
+        QList<Execution *> executions;
+        QList<QVariantList> reports;
+        for (int i = 0; i < count; ++i) {
+            executions << m_host->execute(m_device, QStringLiteral("watch"), {{QStringLiteral("channel"), QStringLiteral("C%1").arg(i)}});
+            reports << QVariantList();
+            connect(executions.last(), &Execution::resultChanged, this,
+                    [&reports, i](const QString &, const QVariant &value) { reports[i] << value; });
+        }
+        auto reported = [&](int atLeast) {
+            for (int i = 0; i < count; ++i)
+                if (i != stopAt && reports.at(i).size() < atLeast)
+                    return false;
+            return true;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(reports.at(stopAt).size() == 1 && reported(1), 3000);
+        QVERIFY(m_host->stop(executions.at(stopAt)));
+        QVERIFY(executions.at(stopAt)->isOk());
+        QVERIFY(!m_host->stop(executions.at(stopAt)));
+        const QVariantList sent = started();
+        QCOMPARE(sent.size(), count);
+        QCOMPARE(stopped(), QVariantList{sent.at(stopAt).toMap().value(QStringLiteral("id"))});
+        QTRY_VERIFY_WITH_TIMEOUT(reported(2), 3000);
+        QCOMPARE(reports.at(stopAt).size(), 1);
+        for (int i = 0; i < count; ++i) {
+            for (const QVariant &report : reports.at(i))
+                QCOMPARE(report.toList(), QVariantList{i});
+            QCOMPARE(executions.at(i)->state(), i == stopAt ? Execution::Stopped : Execution::Running);
+        }
+    }
+
+    // Executions of a declared command without a factory run one at a time, in order; a
+    // queued one that is stopped never runs.
     void declaredObjectRunsOneExecutionAtATime()
     {
         setScript({rule(QStringLiteral("read"), {reply(QVariantList{1})}, {{QStringLiteral("delayMs"), 100}, {QStringLiteral("times"), 1}}),
                    rule(QStringLiteral("read"), {reply(QVariantList{2})})});
         Execution *first = m_host->execute(m_device, QStringLiteral("probe"), {{QStringLiteral("channel"), QStringLiteral("DI0")}});
+        Execution *stopped = m_host->execute(m_device, QStringLiteral("probe"), {{QStringLiteral("channel"), QStringLiteral("DI9")}});
         Execution *second = m_host->execute(m_device, QStringLiteral("probe"), {{QStringLiteral("channel"), QStringLiteral("DI1")}});
+        Execution *third = m_host->execute(m_device, QStringLiteral("probe"), {{QStringLiteral("channel"), QStringLiteral("DI2")}});
+        QVERIFY(m_host->stop(stopped));
+        QCOMPARE(stopped->errorCode(), IMessenger::CeStopped);
+        QVERIFY(!stopped->isOk());
         Execution::State secondWhenFirstEnded = Execution::Running;
-        int sentWhenFirstEnded = -1;
-        connect(first, &Execution::finished, this, [&] {
-            secondWhenFirstEnded = second->state();
-            sentWhenFirstEnded = started().size();
-        });
-        QVERIFY(waitFinished(second));
-        QVERIFY(first->isFinished());
+        connect(first, &Execution::finished, this, [&] { secondWhenFirstEnded = second->state(); });
+        QVERIFY(waitFinished(third));
         QCOMPARE(secondWhenFirstEnded, Execution::Queued);
-        QCOMPARE(sentWhenFirstEnded, 1);
         QCOMPARE(first->results().value(QStringLiteral("value")).toUInt(), 1u);
         QCOMPARE(second->results().value(QStringLiteral("value")).toUInt(), 2u);
-        QCOMPARE(started().at(1).toMap().value(QStringLiteral("parameters")).toMap().value(QStringLiteral("channel")).toString(),
-                 QStringLiteral("DI1"));
-    }
-
-    void stoppingAQueuedExecution()
-    {
-        Execution *first = m_host->execute(m_device, QStringLiteral("probe"));
-        Execution *second = m_host->execute(m_device, QStringLiteral("probe"));
-        QVERIFY(m_host->stop(second));
-        QCOMPARE(second->state(), Execution::Stopped);
-        QCOMPARE(second->errorCode(), IMessenger::CeStopped);
-        QVERIFY(!second->isOk());
-        QVERIFY(waitFinished(first));
-        QCOMPARE(first->state(), Execution::Succeeded);
-        QCOMPARE(started().size(), 1);
+        QStringList channels;
+        for (const QVariant &instruction : started())
+            channels << instruction.toMap().value(QStringLiteral("parameters")).toMap().value(QStringLiteral("channel")).toString();
+        QCOMPARE(channels, (QStringList{QStringLiteral("DI0"), QStringLiteral("DI1"), QStringLiteral("DI2")}));
     }
 
     void factoryCommandsRunOnFreshObjects()
@@ -405,37 +448,59 @@ private slots:
         QCOMPARE(message, QStringLiteral("bench.json: reference: a device \"bench io1\" exists already"));
     }
 
-    void backendRunsThroughTheHost()
+    void periodicRuns_data()
+    {
+        QTest::addColumn<QVariantList>("replies");
+        QTest::addColumn<QString>("event");
+        QTest::addColumn<int>("repeatMs");
+        QTest::addColumn<int>("code");
+        QTest::newRow("one run (runCommand)") << QVariantList{reply(QVariantList{4})} << QStringLiteral("probe finished") << 0 << 0;
+        QTest::newRow("every run succeeds") << QVariantList{reply(QVariantList{4})} << QStringLiteral("probe finished") << 40 << 0;
+        QTest::newRow("failed runs go on") << QVariantList{QVariantMap{{QStringLiteral("error"), QStringLiteral("refused")},
+                                                                     {QStringLiteral("errorCode"), int(IMessenger::CeNoConnection)}}}
+                                           << QStringLiteral("probe failed") << 40 << int(IMessenger::CeNoConnection);
+        QTest::newRow("unknown command") << QVariantList() << QStringLiteral("nope failed") << 40 << int(IMessenger::CeRefused);
+    }
+
+    // A schedule runs again a period after each run ends, reports every run under one id,
+    // and ends with stopCommand.
+    void periodicRuns()
+    {
+        QFETCH(QVariantList, replies);
+        QFETCH(QString, event);
+        QFETCH(int, repeatMs);
+        QFETCH(int, code);
+        setScript({rule(QStringLiteral("read"), replies)});
+        RecordingBackend backend;
+        backend.setPlugin(m_device);
+        const QString command = event.section(QLatin1Char(' '), 0, 0);
+        QElapsedTimer clock;
+        clock.start();
+        const unsigned long long runId = repeatMs ? backend.runCommandEvery(command, {}, repeatMs) : backend.runCommand(command);
+        QVERIFY(runId);
+        QVERIFY(backend.events.isEmpty());
+        const int runs = repeatMs ? 3 : 1;
+        QTRY_VERIFY_WITH_TIMEOUT(backend.events.count(event) >= runs, 3000);
+        QVERIFY(clock.elapsed() >= (runs - 1) * repeatMs);
+        QCOMPARE(backend.events.count(), backend.events.count(event) + backend.events.count(QStringLiteral("probe result value")));
+        QCOMPARE(backend.runIds, QSet<unsigned long long>{runId});
+        QCOMPARE(int(backend.failCodes.value(0, IMessenger::CeNoError)), code);
+        QCOMPARE(backend.stopCommand(runId), repeatMs > 0);
+        const int sent = started().size();
+        QVERIFY(!QTest::qWaitFor([&] { return started().size() > sent || backend.events.count(event) > runs + 1; }, 150));
+        QVERIFY(!backend.stopCommand(runId));
+    }
+
+    void listenRunStoppedByTheBackend()
     {
         setScript({rule(QStringLiteral("listen"), {reply(QVariantList{1})}, {{QStringLiteral("open"), true}})});
         RecordingBackend backend;
         backend.setPlugin(m_device);
-        const unsigned long long probe = backend.runCommand(QStringLiteral("probe"));
-        const unsigned long long unknown = backend.runCommand(QStringLiteral("nope"));
         const unsigned long long watch = backend.runCommand(QStringLiteral("watch"));
-        QVERIFY(probe && unknown && watch && probe != unknown && unknown != watch);
-        QVERIFY(backend.events.isEmpty());
-        QTRY_COMPARE_WITH_TIMEOUT(backend.events.size(), 4, 3000);
-        QVERIFY(backend.events.contains(QStringLiteral("probe finished")));
-        QVERIFY(backend.events.contains(QStringLiteral("nope failed")));
-        QVERIFY(backend.events.contains(QStringLiteral("watch result values")));
-        QCOMPARE(backend.failCode, IMessenger::CeRefused);
+        QTRY_COMPARE_WITH_TIMEOUT(backend.events, QStringList{QStringLiteral("watch result values")}, 3000);
         QVERIFY(backend.stopCommand(watch));
         QCOMPARE(backend.events.last(), QStringLiteral("watch finished"));
         QCOMPARE(backend.finishedResults.value(QStringLiteral("values")).toList(), QVariantList{1});
-        QVERIFY(!backend.stopCommand(watch));
-    }
-
-    void deletedBackendHearsNothing()
-    {
-        setScript({rule(QStringLiteral("read"), {reply(QVariantList{1})}, {{QStringLiteral("delayMs"), 50}})});
-        auto backend = new RecordingBackend;
-        backend->setPlugin(m_device);
-        backend->runCommand(QStringLiteral("probe"));
-        delete backend;
-        Execution *after = m_host->execute(m_device, QStringLiteral("probe"));
-        QVERIFY(waitFinished(after));
-        QCOMPARE(after->state(), Execution::Succeeded);
     }
 };
 

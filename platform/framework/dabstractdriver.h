@@ -24,10 +24,14 @@ public:
     // Modbus exception, the "exceptionCode") and carries no "values".
     virtual void startInstruction(unsigned long long id, const QString &instruction,
                                   const QMap<QString, QVariant> &parameters, int timeoutMs) = 0;
-    // Cancels an instruction (ends a "listen"); nothing more is replied for it.
+    // Cancels an instruction (ends a "listen"); nothing more is replied for it. The host
+    // never calls it from inside the driver's own sigInstructionReply emission.
     virtual void stopInstruction(unsigned long long id) = 0;
 
 signals:
-    // `last` is false while more replies will follow (the reports of a "listen").
+    // `last` is false while more replies will follow (the reports of a "listen"). The host
+    // handles a reply while it is emitted (no re-posting), and a command's callback may
+    // start its next instruction from there: emit only where startInstruction may be
+    // called again.
     void sigInstructionReply(unsigned long long id, const QMap<QString, QVariant> &reply, bool last);
 };

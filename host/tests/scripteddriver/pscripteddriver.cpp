@@ -37,10 +37,10 @@ void PScriptedDriver::setScript(const QVariantList &rules)
 }
 
 void PScriptedDriver::startInstruction(unsigned long long id, const QString &instruction,
-                                       const QMap<QString, QVariant> &parameters, int)
+                                       const QMap<QString, QVariant> &parameters, int timeoutMs)
 {
     m_started << QVariantMap{{QStringLiteral("id"), id}, {QStringLiteral("instruction"), instruction},
-                             {QStringLiteral("parameters"), parameters}};
+                             {QStringLiteral("parameters"), parameters}, {QStringLiteral("timeoutMs"), timeoutMs}};
     m_active.insert(id);
     for (QVariant &ruleValue : m_rules) {
         QVariantMap rule = ruleValue.toMap();
@@ -64,9 +64,8 @@ void PScriptedDriver::startInstruction(unsigned long long id, const QString &ins
             return;
         const int interval = rule.value(QStringLiteral("intervalMs")).toInt();
         const bool open = rule.value(QStringLiteral("open")).toBool();
-        const bool ignoreStop = rule.value(QStringLiteral("ignoreStop")).toBool();
         QTimer::singleShot(rule.value(QStringLiteral("delayMs")).toInt(), this,
-                           [=] { sendReply(id, replies, 0, interval, open, ignoreStop); });
+                           [=] { sendReply(id, replies, 0, interval, open); });
         return;
     }
     QVariantList values;
@@ -76,20 +75,19 @@ void PScriptedDriver::startInstruction(unsigned long long id, const QString &ins
         for (int i = 0; i < qMax(1, parameters.value(QStringLiteral("dataSize"), 1).toInt()); ++i)
             values << 0;
     const bool open = instruction == QLatin1String("listen");
-    QTimer::singleShot(0, this, [=] { sendReply(id, {QVariantMap{{QStringLiteral("values"), values}}}, 0, 0, open, false); });
+    QTimer::singleShot(0, this, [=] { sendReply(id, {QVariantMap{{QStringLiteral("values"), values}}}, 0, 0, open); });
 }
 
-void PScriptedDriver::sendReply(unsigned long long id, const QVariantList &replies, int index, int intervalMs,
-                                bool open, bool ignoreStop)
+void PScriptedDriver::sendReply(unsigned long long id, const QVariantList &replies, int index, int intervalMs, bool open)
 {
-    if (!m_active.contains(id) && !ignoreStop)
+    if (!m_active.contains(id))
         return;
     const bool last = index == replies.size() - 1 && !open;
     if (last)
         m_active.remove(id);
     emit sigInstructionReply(id, replies.at(index).toMap(), last);
     if (index + 1 < replies.size())
-        QTimer::singleShot(intervalMs, this, [=] { sendReply(id, replies, index + 1, intervalMs, open, ignoreStop); });
+        QTimer::singleShot(intervalMs, this, [=] { sendReply(id, replies, index + 1, intervalMs, open); });
 }
 
 void PScriptedDriver::stopInstruction(unsigned long long id)

@@ -14,7 +14,6 @@
 //   "replies"      list of reply maps, sent one after the other; an empty list never answers
 //   "delayMs"      wait before the first reply; "intervalMs" between replies
 //   "open"         the last reply is not the last: more may follow (a listen)
-//   "ignoreStop"   keep replying after stopInstruction (a misbehaving driver)
 // Without a matching rule: "write" answers {"values": [1]}, "read" and "listen" answer
 // {"values": [0, ...]} with "dataSize" zeros (default 1); a listen stays open.
 // The script comes from setScript(), or from the environment variable
@@ -34,13 +33,13 @@ public:
     void stopInstruction(unsigned long long id) override;
 
     Q_INVOKABLE void setScript(const QVariantList &rules);
-    // Every started instruction as {"id", "instruction", "parameters"}, in order.
+    // Every started instruction as {"id", "instruction", "parameters", "timeoutMs"}, in order.
     Q_INVOKABLE QVariantList started() const { return m_started; }
     // The ids given to stopInstruction, in order.
     Q_INVOKABLE QVariantList stopped() const { return m_stopped; }
 
 private:
-    void sendReply(unsigned long long id, const QVariantList &replies, int index, int intervalMs, bool open, bool ignoreStop);
+    void sendReply(unsigned long long id, const QVariantList &replies, int index, int intervalMs, bool open);
 
     QVariantList m_rules;
     QVariantList m_started;

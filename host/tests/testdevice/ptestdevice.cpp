@@ -6,126 +6,61 @@
 namespace {
 
 const char c_uuid[] = "{a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d}";
-const QString c_driver = QStringLiteral("driver");
 
-class Probe : public DAbstractCommand
+// The test device's commands (see ptestdevice.h), one class for all.
+class TestCommand : public DAbstractCommand
 {
 public:
-    explicit Probe(QObject *parent) : DAbstractCommand(QStringLiteral("probe"), {}, parent)
+    enum Kind { Probe, Collect, Watch, Stamp, Route };
+
+    TestCommand(Kind kind, const QMap<QString, QVariant> &parameters, QObject *parent)
+        : DAbstractCommand(QString::fromLatin1(c_names[kind]), kind == Watch ? QStringLiteral("stopWatch") : QString(), parameters, parent)
+        , m_kind(kind)
+        , m_argument(kind == Stamp ? QStringLiteral("tag") : QStringLiteral("channel"))
     {
-        setDescription(QStringLiteral("Read one value"));
-        declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel"), QVariant());
-        declareAResult(QStringLiteral("value"), QStringLiteral("ui16"), QStringLiteral("The value"), QVariant());
+        setDescription(QStringLiteral("Test command %1").arg(commandName()));
+        if (kind == Route)
+            return;
+        declareAParameter(m_argument, QStringLiteral("strg"), m_argument, kind == Stamp ? QVariant(QString()) : QVariant());
+        const QString result = kind == Probe ? QStringLiteral("value") : kind == Stamp ? QStringLiteral("tag") : QStringLiteral("values");
+        const QString type = kind == Probe ? QStringLiteral("ui16") : kind == Stamp ? QStringLiteral("strg") : QStringLiteral("vart");
+        declareAResult(result, type, result, QVariant());
     }
     bool commandExecute() override
     {
         if (!DAbstractCommand::commandExecute())
             return false;
-        addInstruction(c_driver, QStringLiteral("read"),
-                       {{QStringLiteral("channel"), getParameterValue(QStringLiteral("channel"))}}, 3000,
-                       fastdelegate::MakeDelegate(this, &Probe::rplProbe));
-        return true;
-    }
-    bool rplProbe(unsigned long long, const QMap<QString, QVariant> &reply)
-    {
-        const QVariantList values = reply.value(QStringLiteral("values")).toList();
-        if (values.isEmpty())
-            return false;
-        return commandUpdateResult(QStringLiteral("value"), values.first().toUInt());
-    }
-};
-
-class Collect : public DAbstractCommand
-{
-public:
-    explicit Collect(QObject *parent) : DAbstractCommand(QStringLiteral("collect"), {}, parent)
-    {
-        setDescription(QStringLiteral("Read three values, leaving the reply to the host"));
-        declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel"), QVariant());
-        declareAResult(QStringLiteral("values"), QStringLiteral("vart"), QStringLiteral("The values"), QVariant());
-    }
-    bool commandExecute() override
-    {
-        if (!DAbstractCommand::commandExecute())
-            return false;
-        addInstruction(c_driver, QStringLiteral("read"),
-                       {{QStringLiteral("channel"), getParameterValue(QStringLiteral("channel"))},
-                        {QStringLiteral("dataSize"), 3}}, 3000, ReplyCallback());
-        return true;
-    }
-};
-
-class Watch : public DAbstractCommand
-{
-public:
-    explicit Watch(QObject *parent) : DAbstractCommand(QStringLiteral("watch"), QStringLiteral("stopWatch"), {}, parent)
-    {
-        setDescription(QStringLiteral("Report a channel until stopped"));
-        declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel"), QVariant());
-        declareAResult(QStringLiteral("values"), QStringLiteral("vart"), QStringLiteral("Each report"), QVariant());
-    }
-    bool commandExecute() override
-    {
-        if (!DAbstractCommand::commandExecute())
-            return false;
-        addInstruction(c_driver, QStringLiteral("listen"),
-                       {{QStringLiteral("channel"), getParameterValue(QStringLiteral("channel"))}}, 3000,
-                       fastdelegate::MakeDelegate(this, &Watch::rplReport));
-        return true;
-    }
-    bool rplReport(unsigned long long, const QMap<QString, QVariant> &reply)
-    {
-        return reply.contains(QStringLiteral("values"))
-            && commandUpdateResult(QStringLiteral("values"), reply.value(QStringLiteral("values")));
-    }
-};
-
-class Stamp : public DAbstractCommand
-{
-public:
-    Stamp(const QMap<QString, QVariant> &parameters, QObject *parent)
-        : DAbstractCommand(QStringLiteral("stamp"), parameters, parent)
-    {
-        setDescription(QStringLiteral("Write a tag and report it from the object's own field"));
-        declareAParameter(QStringLiteral("tag"), QStringLiteral("strg"), QStringLiteral("Tag"), QString());
-        declareAResult(QStringLiteral("tag"), QStringLiteral("strg"), QStringLiteral("The tag this object wrote"), QVariant());
-    }
-    bool commandExecute() override
-    {
-        if (!DAbstractCommand::commandExecute())
-            return false;
-        m_tag = getParameterValue(QStringLiteral("tag")).toString();
-        addInstruction(c_driver, QStringLiteral("write"), {{QStringLiteral("tag"), m_tag}}, 3000,
-                       fastdelegate::MakeDelegate(this, &Stamp::rplWritten));
+        m_value = getParameterValue(m_argument);
+        QVariantMap parameters{{m_argument, m_value}};
+        if (m_kind == Collect)
+            parameters.insert(QStringLiteral("dataSize"), 3);
+        if (m_kind == Route)
+            parameters.clear();
+        const bool callback = m_kind == Probe || m_kind == Watch || m_kind == Stamp;
+        addInstruction(m_kind == Route ? QStringLiteral("plc") : QStringLiteral("driver"), QString::fromLatin1(c_instructions[m_kind]),
+                       parameters, 3000, callback ? ReplyCallback(this, &TestCommand::rplReply) : ReplyCallback());
         return true;
     }
     QSharedPointer<ICommand> createCommand(const QMap<QString, QVariant> &parameters) const override
     {
-        return QSharedPointer<ICommand>(new Stamp(parameters, parent()));
+        return m_kind == Stamp ? QSharedPointer<ICommand>(new TestCommand(Stamp, parameters, parent())) : nullptr;
     }
-    bool rplWritten(unsigned long long, const QMap<QString, QVariant> &)
+    bool rplReply(unsigned long long, const QMap<QString, QVariant> &reply)
     {
-        return commandUpdateResult(QStringLiteral("tag"), m_tag);
+        const QVariant values = reply.value(QStringLiteral("values"));
+        if (m_kind == Probe)
+            return !values.toList().isEmpty() && commandUpdateResult(QStringLiteral("value"), values.toList().first().toUInt());
+        if (m_kind == Watch)
+            return reply.contains(QStringLiteral("values")) && commandUpdateResult(QStringLiteral("values"), values);
+        return commandUpdateResult(QStringLiteral("tag"), m_value);
     }
 
 private:
-    QString m_tag;
-};
-
-class Route : public DAbstractCommand
-{
-public:
-    explicit Route(QObject *parent) : DAbstractCommand(QStringLiteral("route"), {}, parent)
-    {
-        setDescription(QStringLiteral("Send to a target no device has"));
-    }
-    bool commandExecute() override
-    {
-        if (!DAbstractCommand::commandExecute())
-            return false;
-        addInstruction(QStringLiteral("plc"), QStringLiteral("read"), {}, 3000, ReplyCallback());
-        return true;
-    }
+    static constexpr const char *c_names[] = {"probe", "collect", "watch", "stamp", "route"};
+    static constexpr const char *c_instructions[] = {"read", "read", "listen", "write", "read"};
+    const Kind m_kind;
+    const QString m_argument;
+    QVariant m_value;
 };
 
 } // namespace
@@ -138,11 +73,8 @@ PTestDevice::PTestDevice(const QUuid &instanceUuid, QObject *parent)
 void PTestDevice::initPluginCommands()
 {
     initAbstractCommands();
-    declareInstructionCommand(new Probe(this));
-    declareInstructionCommand(new Collect(this));
-    declareInstructionCommand(new Watch(this));
-    declareInstructionCommand(new Stamp({}, this));
-    declareInstructionCommand(new Route(this));
+    for (TestCommand::Kind kind : {TestCommand::Probe, TestCommand::Collect, TestCommand::Watch, TestCommand::Stamp, TestCommand::Route})
+        declareInstructionCommand(new TestCommand(kind, {}, this));
     emit sigCommandsInitDone(objectUuid(), commandNames());
 }
 

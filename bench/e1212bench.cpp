@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: MIT
+// e1212bench: the whole stack (Host, device plug-in, Modbus TCP driver) against a bare
+// QModbusTcpClient read loop, both on one loopback simulator served from its own thread.
+#include "ctllog.h"
+#include "deviceconfig.h"
+#include "e1212simulator.h"
+#include "host.h"
+#include "pluginmanager.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QModbusTcpClient>
+#include <QThread>
+#include <QVariant>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace {
+
+struct Figures
+{
+    double medianUs = 0;
+    double requestsPerSecond = 0;
+    double cpuUsPerRequest = 0;
+    double rssMiB = 0;
+    int failures = 0;
+};
+
+// CPU time of the calling (client) thread; the server's thread is not counted.
+double threadCpuUs()
+{
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e6 + usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
+}
+
+double rssMiB()
+{
+    long pages = 0;
+    if (FILE *statm = std::fopen("/proc/self/statm", "r")) {
+        long size = 0;
+        if (std::fscanf(statm, "%ld %ld", &size, &pages) != 2)
+            pages = 0;
+        std::fclose(statm);
+    }
+    return double(pages) * double(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
+}
+
+// Sends one request for client `index` and calls `done(ok)` once it is answered.
+using Issue = std::function<void(int index, std::function<void(bool)> done)>;
+
+// `clients` loops, each sending its next request as soon as the last one is answered,
+// until `total` requests were answered.
+Figures runLoops(int clients, int total, const Issue &issue)
+{
+    Figures figures;
+    std::vector<qint64> latencies;
+    latencies.reserve(size_t(total));
+    std::vector<QElapsedTimer> sent(static_cast<size_t>(clients));
+    QEventLoop loop;
+    int issued = 0;
+    QElapsedTimer wall;
+    const double cpuBefore = threadCpuUs();
+    wall.start();
+    std::function<void(int)> next = [&](int index) {
+        if (issued >= total)
+            return;
+        ++issued;
+        sent[size_t(index)].start();
+        issue(index, [&, index](bool ok) {
+            latencies.push_back(sent[size_t(index)].nsecsElapsed());
+            figures.failures += ok ? 0 : 1;
+            if (int(latencies.size()) == total)
+                loop.quit();
+            else
+                next(index);
+        });
+    };
+    for (int index = 0; index < clients; ++index)
+        next(index);
+    loop.exec();
+    const double seconds = double(wall.nsecsElapsed()) / 1e9;
+    figures.cpuUsPerRequest = (threadCpuUs() - cpuBefore) / total;
+    std::nth_element(latencies.begin(), latencies.begin() + total / 2, latencies.end());
+    figures.medianUs = double(latencies[size_t(total / 2)]) / 1000.0;
+    figures.requestsPerSecond = total / seconds;
+    figures.rssMiB = rssMiB();
+    return figures;
+}
+
+class FullStack
+{
+public:
+    FullStack(PluginManager *plugins, const DeviceConfig &base, quint16 port, int devices)
+        : m_host(plugins)
+    {
+        for (int i = 0; i < devices; ++i) {
+            DeviceConfig config = base;
+            // The last word picks the channel table: keep it.
+            config.reference = QStringLiteral("bench%1 io1").arg(i);
+            config.connection = {{QStringLiteral("host"), QStringLiteral("127.0.0.1")}, {QStringLiteral("port"), int(port)},
+                                 {QStringLiteral("timeoutMs"), 3000}};
+            QString error;
+            if (!m_host.addDevice(config, &error))
+                qFatal("%s", qPrintable(error));
+            m_devices << m_host.device(config.reference);
+        }
+    }
+    Issue issue(const QString &command)
+    {
+        return [this, command](int index, std::function<void(bool)> done) {
+            Execution *execution = m_host.execute(m_devices.at(index), command, {{QStringLiteral("channel"), QStringLiteral("DI0")}});
+            QObject::connect(execution, &Execution::finished, execution, [execution, done] {
+                execution->deleteLater();
+                done(execution->isOk());
+            });
+        };
+    }
+
+private:
+    Host m_host;
+    QList<DAbstractPlugin *> m_devices;
+};
+
+class BareQt
+{
+public:
+    BareQt(quint16 port, int clients)
+    {
+        for (int i = 0; i < clients; ++i) {
+            auto client = std::make_unique<QModbusTcpClient>();
+            client->setConnectionParameter(QModbusDevice::NetworkAddressParameter, QStringLiteral("127.0.0.1"));
+            client->setConnectionParameter(QModbusDevice::NetworkPortParameter, int(port));
+            client->setTimeout(3000);
+            client->setNumberOfRetries(0);
+            QEventLoop loop;
+            QObject::connect(client.get(), &QModbusDevice::stateChanged, &loop, [&loop](QModbusDevice::State state) {
+                if (state == QModbusDevice::ConnectedState || state == QModbusDevice::UnconnectedState)
+                    loop.quit();
+            });
+            if (client->connectDevice() && client->state() != QModbusDevice::ConnectedState)
+                loop.exec();
+            m_clients.push_back(std::move(client));
+        }
+    }
+    Issue issue(int bits)
+    {
+        return [this, bits](int index, std::function<void(bool)> done) {
+            QModbusReply *reply = m_clients[size_t(index)]->sendReadRequest(QModbusDataUnit(QModbusDataUnit::DiscreteInputs, 0, quint16(bits)), 1);
+            if (!reply) {
+                done(false);
+                return;
+            }
+            // The next request goes out on a later turn: QModbusTcpClient must not be called
+            // from inside its own reply handling (the host's execute() posts as well).
+            QObject::connect(reply, &QModbusReply::finished, reply, [reply, done] {
+                reply->deleteLater();
+                const bool ok = reply->error() == QModbusDevice::NoError;
+                QMetaObject::invokeMethod(QCoreApplication::instance(), [done, ok] { done(ok); }, Qt::QueuedConnection);
+            });
+        };
+    }
+
+private:
+    std::vector<std::unique_ptr<QModbusTcpClient>> m_clients;
+};
+
+void printRow(const char *what, int devices, const Figures &figures)
+{
+    std::printf("%-22s %8d %12.0f %14.1f %10.1f %10.1f %8d\n", what, devices, figures.requestsPerSecond,
+                figures.cpuUsPerRequest, figures.medianUs, figures.rssMiB, figures.failures);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    // Logging as e1212ctl ships it (not --verbose); --verbose turns our debug lines on.
+    // --sequential runs only the one-device comparison.
+    installCtlMessageHandler(app.arguments().contains(QStringLiteral("--verbose")));
+    const int sequential = qMax(100, qEnvironmentVariableIntValue("E1212_BENCH_REQUESTS") ? qEnvironmentVariableIntValue("E1212_BENCH_REQUESTS") : 5000);
+
+    QThread serverThread;
+    serverThread.start();
+    auto simulator = new E1212Simulator;
+    simulator->moveToThread(&serverThread);
+    quint16 port = 0;
+    QString error;
+    QMetaObject::invokeMethod(simulator, [&] {
+        if (simulator->start(QHostAddress::LocalHost, 0, &error))
+            port = simulator->port();
+    }, Qt::BlockingQueuedConnection);
+    if (!port)
+        qFatal("cannot start the simulator: %s", qPrintable(error));
+
+    PluginManager plugins;
+    plugins.scan(PluginManager::searchPath());
+    const QList<DeviceConfig> configs = DeviceConfig::loadFile(QStringLiteral(E1212_CONFIG_FILE), &error);
+    if (configs.isEmpty())
+        qFatal("%s", qPrintable(error));
+
+    std::printf("e1212bench: %d sequential requests per command; loopback simulator on its own thread\n", sequential);
+    std::printf("%-22s %8s %12s %14s %10s %10s %8s\n", "client", "devices", "requests/s", "CPU us/request", "median us", "RSS MiB", "failed");
+    {
+        FullStack full(&plugins, configs.first(), port, 1);
+        BareQt bare(port, 1);
+        // Connections up and caches warm before anything is counted.
+        runLoops(1, 200, full.issue(QStringLiteral("getValue")));
+        runLoops(1, 200, bare.issue(1));
+        const Figures fullValue = runLoops(1, sequential, full.issue(QStringLiteral("getValue")));
+        const Figures bareValue = runLoops(1, sequential, bare.issue(1));
+        const Figures fullValues = runLoops(1, sequential, full.issue(QStringLiteral("getValues")));
+        const Figures bareValues = runLoops(1, sequential, bare.issue(8));
+        printRow("getValue full stack", 1, fullValue);
+        printRow("read 1 bit bare Qt", 1, bareValue);
+        printRow("getValues full stack", 1, fullValues);
+        printRow("read 8 bits bare Qt", 1, bareValues);
+        std::printf("ratio full/bare (medians): getValue %.2f, getValues %.2f\n\n", fullValue.medianUs / bareValue.medianUs,
+                    fullValues.medianUs / bareValues.medianUs);
+    }
+    double fullCpuOne = 0;
+    double bareCpuOne = 0;
+    const QList<int> deviceCounts = app.arguments().contains(QStringLiteral("--sequential")) ? QList<int>() : QList<int>{1, 16, 64, 256};
+    for (int devices : deviceCounts) {
+        const int total = qMax(sequential, devices * 20);
+        Figures fullFigures;
+        Figures bareFigures;
+        {
+            FullStack full(&plugins, configs.first(), port, devices);
+            runLoops(devices, devices * 2, full.issue(QStringLiteral("getValue")));
+            fullFigures = runLoops(devices, total, full.issue(QStringLiteral("getValue")));
+        }
+        {
+            BareQt bare(port, devices);
+            runLoops(devices, devices * 2, bare.issue(1));
+            bareFigures = runLoops(devices, total, bare.issue(1));
+        }
+        if (devices == 1) {
+            fullCpuOne = fullFigures.cpuUsPerRequest;
+            bareCpuOne = bareFigures.cpuUsPerRequest;
+        }
+        printRow("getValue full stack", devices, fullFigures);
+        printRow("read 1 bit bare Qt", devices, bareFigures);
+        std::printf("%d devices: throughput full/bare %.2f; CPU/request vs 1 device: full %.2f, bare %.2f\n\n", devices,
+                    fullFigures.requestsPerSecond / bareFigures.requestsPerSecond, fullFigures.cpuUsPerRequest / fullCpuOne,
+                    bareFigures.cpuUsPerRequest / bareCpuOne);
+    }
+
+    QMetaObject::invokeMethod(simulator, [simulator] { delete simulator; }, Qt::BlockingQueuedConnection);
+    serverThread.quit();
+    serverThread.wait();
+    return 0;
+}
