@@ -11,6 +11,7 @@
 #include <QPointer>
 #include <QSharedPointer>
 #include <QVariantMap>
+#include <QVector>
 
 class Host;
 
@@ -72,9 +73,9 @@ private:
     QString m_errorString;
     int m_exceptionCode = 0;
 
-    // Kept by the host while running: the object the execution runs on (a fresh one from
-    // the command's factory, held here, or the declared one) and the signal connections.
+    // Kept by the host: the object the execution runs on (a fresh one from the command's
+    // factory, held here, or the declared one) and its instructions still pending.
     QPointer<DAbstractCommand> m_command;
     QSharedPointer<ICommand> m_fresh;
-    QList<QMetaObject::Connection> m_connections;
+    QVector<unsigned long long> m_instructions;
 };

@@ -10,13 +10,15 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTimer>
 
 namespace {
 
 const QString c_driverTarget = QStringLiteral("driver");
+const QString c_listen = QStringLiteral("listen");
 // Used when a command gives no positive time-out of its own.
 const int c_defaultTimeoutMs = 3000;
+// What the host's guard allows a driver beyond the device's time-outs.
+const int c_guardSlackMs = 1000;
 
 QString where(const DeviceConfig &config, const QString &key)
 {
@@ -52,18 +54,22 @@ T *asPlugin(IPlugin *instance)
 Host::Host(PluginManager *plugins, QObject *parent)
     : QObject(parent)
     , m_plugins(plugins)
-{}
+{
+    connect(&m_deadlines, &DeadlineQueue::expired, this, &Host::onDeadline);
+}
 
 Host::~Host()
 {
     const QList<Execution *> executions = findChildren<Execution *>(QString(), Qt::FindDirectChildrenOnly);
     for (Execution *execution : executions)
         finish(execution, Execution::Stopped, CeStopped, QStringLiteral("the host is shutting down"));
+    m_runs.clear();
     m_released.clear();
-    for (const Device &device : qAsConst(m_devices)) {
-        device.instance->setMessenger(nullptr);
-        delete device.instance;
-        delete device.driver;
+    for (Device *device : qAsConst(m_devices)) {
+        device->instance->setMessenger(nullptr);
+        delete device->instance;
+        delete device->driver;
+        delete device;
     }
 }
 
@@ -118,43 +124,37 @@ bool Host::addDevice(const DeviceConfig &config, QString *error)
         return fail(where(config, QStringLiteral("connection")) + QStringLiteral(": ") + connectionError);
     }
     driver->setProperty(QStringLiteral("reference"), config.reference, false);
-    // Replies are handled on a later event-loop turn, whatever thread or call they come from.
-    connect(driver, &DAbstractDriver::sigInstructionReply, this,
-            [this](unsigned long long id, const QMap<QString, QVariant> &reply, bool last) {
-                QMetaObject::invokeMethod(this, [this, id, reply, last] { onDriverReply(id, reply, last); }, Qt::QueuedConnection);
-            });
+    // Drivers reply on a later event-loop turn than startInstruction, so replies are
+    // handled as they come.
+    connect(driver, &DAbstractDriver::sigInstructionReply, this, &Host::onDriverReply);
 
     instance->setProperty(QStringLiteral("reference"), config.reference, false);
     instance->addToParameters(QStringLiteral("parameters"), config.parameters);
     instance->setMessenger(this);
+    auto entry = new Device{config, instance, driver};
+    entry->timeoutMs = qMax(0, config.connection.value(QStringLiteral("timeoutMs")).toInt());
+    m_devices << entry;
+    m_byInstance.insert(instance, entry);
     instance->initPluginCommands();
-    m_devices << Device{config, instance, driver};
-    qCInfo(lcHost).noquote() << "device" << config.reference << "uses" << root->pluginName()
-                             << "with driver" << driverRoot->pluginName() << compact(config.connection);
+    if (lcHost().isInfoEnabled())
+        qCInfo(lcHost).noquote() << "device" << config.reference << "uses" << root->pluginName()
+                                 << "with driver" << driverRoot->pluginName() << compact(config.connection);
     return true;
 }
 
 QList<DAbstractPlugin *> Host::devices() const
 {
     QList<DAbstractPlugin *> result;
-    for (const Device &device : m_devices)
-        result << device.instance;
+    for (const Device *device : m_devices)
+        result << device->instance;
     return result;
 }
 
 DAbstractPlugin *Host::device(const QString &reference) const
 {
-    for (const Device &device : m_devices)
-        if (device.config.reference == reference)
-            return device.instance;
-    return nullptr;
-}
-
-const Host::Device *Host::deviceEntry(const DAbstractPlugin *device) const
-{
-    for (const Device &entry : m_devices)
-        if (entry.instance == device)
-            return &entry;
+    for (const Device *device : m_devices)
+        if (device->config.reference == reference)
+            return device->instance;
     return nullptr;
 }
 
@@ -168,6 +168,38 @@ const DeviceConfig *Host::configOf(const DAbstractPlugin *device) const
 {
     const Device *entry = deviceEntry(device);
     return entry ? &entry->config : nullptr;
+}
+
+Host::CommandState &Host::wire(DAbstractCommand *command)
+{
+    auto it = m_commands.find(command);
+    if (it != m_commands.end())
+        return *it;
+    // What a command posts goes to the execution it runs for now; outside a call from the
+    // host, to its only running execution.
+    connect(command, &DAbstractCommand::sigResultChanged, this, [this, command](const QString &name, const QVariant &value) {
+        if (Execution *execution = executionOf(command))
+            execution->postResult(name, value);
+    });
+    connect(command, &DAbstractCommand::sigFinished, this, [this, command](bool ok, const QString &error) {
+        Execution *execution = executionOf(command);
+        if (!execution)
+            return;
+        if (ok)
+            finish(execution, Execution::Succeeded, CeNoError, QString());
+        else
+            finish(execution, Execution::Failed, CeRefused, QStringLiteral("%1 failed: %2").arg(execution->commandName(), error));
+    });
+    connect(command, &QObject::destroyed, this, [this, command] { m_commands.remove(command); });
+    return *m_commands.insert(command, CommandState());
+}
+
+Execution *Host::executionOf(DAbstractCommand *command) const
+{
+    if (m_current && m_current->m_command == command)
+        return m_current;
+    const auto it = m_commands.constFind(command);
+    return it != m_commands.constEnd() && it->running.size() == 1 ? it->running.constFirst() : nullptr;
 }
 
 Execution *Host::execute(DAbstractPlugin *device, const QString &command, const QVariantMap &arguments)
@@ -189,33 +221,23 @@ Execution *Host::execute(DAbstractPlugin *device, const QString &command, const 
         return execution;
     }
     execution->m_listening = !declared->stopCommandName().isEmpty();
-    const QSharedPointer<ICommand> fresh = declared->createCommand(arguments);
-    if (fresh) {
-        execution->m_fresh = fresh;
-        QTimer::singleShot(0, execution, [this, execution] { start(execution); });
-    } else {
-        m_queues[declared] << execution;
-        QPointer<DAbstractCommand> guard(declared);
-        QTimer::singleShot(0, this, [this, guard] {
-            if (guard)
-                startNext(guard);
-        });
-    }
+    execution->m_fresh = declared->createCommand(arguments);
+    execution->m_command = execution->m_fresh ? qobject_cast<DAbstractCommand *>(execution->m_fresh->commandObject()) : declared;
+    QMetaObject::invokeMethod(execution, [this, execution] { start(execution); }, Qt::QueuedConnection);
     return execution;
 }
 
 void Host::failLater(Execution *execution, EnErrorCode code, const QString &error)
 {
-    QTimer::singleShot(0, execution, [this, execution, code, error] { finish(execution, Execution::Failed, code, error); });
+    QMetaObject::invokeMethod(execution, [this, execution, code, error] { finish(execution, Execution::Failed, code, error); },
+                              Qt::QueuedConnection);
 }
 
 void Host::startNext(DAbstractCommand *declared)
 {
-    if (m_active.contains(declared))
-        return;
-    QList<QPointer<Execution>> &queue = m_queues[declared];
-    while (!queue.isEmpty()) {
-        Execution *next = queue.takeFirst();
+    CommandState &state = wire(declared);
+    while (state.running.isEmpty() && !state.queue.isEmpty()) {
+        Execution *next = state.queue.takeFirst();
         if (next && next->state() == Execution::Queued) {
             start(next);
             return;
@@ -227,56 +249,50 @@ void Host::start(Execution *execution)
 {
     if (execution->state() != Execution::Queued)
         return;
-    DAbstractPlugin *device = execution->device();
-    DAbstractCommand *command = nullptr;
-    if (execution->m_fresh)
-        command = qobject_cast<DAbstractCommand *>(execution->m_fresh->commandObject());
-    else if (device)
-        command = device->command(execution->commandName());
+    DAbstractCommand *command = execution->m_command;
     if (!command) {
         finish(execution, Execution::Failed, CeRefused,
                QStringLiteral("command \"%1\" is no longer available").arg(execution->commandName()));
         return;
     }
-    execution->m_command = command;
-    m_active.insert(command, execution);
-    execution->m_connections << connect(command, &DAbstractCommand::sigResultChanged, execution, &Execution::postResult);
-    execution->m_connections << connect(command, &DAbstractCommand::sigFinished, execution,
-                                        [this, execution](bool ok, const QString &error) {
-                                            if (ok)
-                                                finish(execution, Execution::Succeeded, CeNoError, QString());
-                                            else
-                                                finish(execution, Execution::Failed, CeRefused,
-                                                       QStringLiteral("%1 failed: %2").arg(execution->commandName(), error));
-                                        });
+    CommandState &state = wire(command);
+    if (!execution->m_fresh && !execution->isListening()) {
+        // One at a time on a declared object, in the order of execute().
+        if (!state.running.isEmpty() || (!state.queue.isEmpty() && state.queue.constFirst() != execution)) {
+            if (!state.queue.contains(execution))
+                state.queue << execution;
+            return;
+        }
+        state.queue.removeOne(execution);
+    }
+    state.running << execution;
     execution->setState(Execution::Running);
-    qCDebug(lcHost).noquote() << "running" << execution->commandName() << compact(execution->arguments())
-                              << "on" << (device ? device->getName() : QString());
+    if (lcHost().isDebugEnabled())
+        qCDebug(lcHost).noquote() << "running" << execution->commandName() << compact(execution->arguments())
+                                  << "on" << (execution->device() ? execution->device()->getName() : QString());
 
     command->setParameters(execution->arguments());
-    if (!command->commandExecute()) {
+    Execution *outer = m_current;
+    m_current = execution;
+    const bool started = command->commandExecute();
+    m_current = outer;
+    if (execution->isFinished())
+        return;
+    if (!started) {
         const QString reason = command->errorString();
         finish(execution, Execution::Failed, CeRefused,
                QStringLiteral("%1 refused to run: %2")
                    .arg(execution->commandName(), reason.isEmpty() ? QStringLiteral("the command gave no reason") : reason));
         return;
     }
-    // A command without instructions ends once it had its chance to finish on its own.
-    QPointer<Execution> guard(execution);
-    QTimer::singleShot(0, this, [this, guard] {
-        if (guard)
-            checkSettled(guard);
-    });
+    // A command that sent no instruction has ended.
+    checkSettled(execution);
 }
 
 void Host::checkSettled(Execution *execution)
 {
-    if (execution->state() != Execution::Running || execution->isListening())
-        return;
-    for (const Pending &pending : qAsConst(m_pending))
-        if (pending.execution == execution)
-            return;
-    finish(execution, Execution::Succeeded, CeNoError, QString());
+    if (execution->state() == Execution::Running && !execution->isListening() && execution->m_instructions.isEmpty())
+        finish(execution, Execution::Succeeded, CeNoError, QString());
 }
 
 void Host::finish(Execution *execution, Execution::State state, EnErrorCode code, const QString &error,
@@ -284,29 +300,30 @@ void Host::finish(Execution *execution, Execution::State state, EnErrorCode code
 {
     if (execution->isFinished())
         return;
-    QList<unsigned long long> ids;
-    for (auto it = m_pending.cbegin(); it != m_pending.cend(); ++it)
-        if (it->execution == execution)
-            ids << it.key();
-    for (unsigned long long id : qAsConst(ids))
+    const QVector<unsigned long long> ids = execution->m_instructions;
+    for (unsigned long long id : ids)
         dropPending(id, true);
-    for (const QMetaObject::Connection &connection : qAsConst(execution->m_connections))
-        disconnect(connection);
-    execution->m_connections.clear();
 
     DAbstractCommand *command = execution->m_command;
-    if (command && m_active.value(command) == execution)
-        m_active.remove(command);
+    const auto it = command ? m_commands.find(command) : m_commands.end();
+    if (it != m_commands.end()) {
+        it->running.removeOne(execution);
+        it->queue.removeAll(execution);
+        if (execution->m_fresh) {
+            m_commands.erase(it);
+        } else if (it->running.isEmpty() && !it->queue.isEmpty()) {
+            QPointer<DAbstractCommand> guard(command);
+            QMetaObject::invokeMethod(this, [this, guard] {
+                if (guard)
+                    startNext(guard);
+            }, Qt::QueuedConnection);
+        }
+    }
     if (execution->m_fresh) {
+        if (m_released.isEmpty())
+            QMetaObject::invokeMethod(this, [this] { m_released.clear(); }, Qt::QueuedConnection);
         m_released << execution->m_fresh;
         execution->m_fresh.reset();
-        QTimer::singleShot(0, this, [this] { m_released.clear(); });
-    } else if (command) {
-        QPointer<DAbstractCommand> guard(command);
-        QTimer::singleShot(0, this, [this, guard] {
-            if (guard)
-                startNext(guard);
-        });
     }
     if (state == Execution::Failed)
         qCWarning(lcHost).noquote() << error;
@@ -317,8 +334,8 @@ void Host::finish(Execution *execution, Execution::State state, EnErrorCode code
 
 void Host::forget(Execution *execution)
 {
-    for (auto &queue : m_queues)
-        queue.removeAll(execution);
+    if (m_current == execution)
+        m_current = nullptr;
     finish(execution, Execution::Stopped, CeStopped, QStringLiteral("the execution was deleted"));
 }
 
@@ -327,8 +344,6 @@ bool Host::stop(Execution *execution)
     if (!execution || execution->isFinished())
         return false;
     if (execution->state() == Execution::Queued) {
-        for (auto &queue : m_queues)
-            queue.removeAll(execution);
         finish(execution, Execution::Stopped, CeStopped, QStringLiteral("%1 was stopped before it started").arg(execution->commandName()));
         return true;
     }
@@ -346,16 +361,14 @@ unsigned long long Host::sendInstruction(DAbstractCommand *command, const QStrin
                                          const QMap<QString, QVariant> &parameters, int timeoutMs,
                                          const ReplyCallback &callback)
 {
-    Execution *execution = command ? m_active.value(command) : nullptr;
-    const Device *device = command ? deviceEntry(command->plugin()) : nullptr;
-    const QString commandName = command ? command->commandName() : QStringLiteral("(no command)");
-    QString refusal;
-    if (!device)
-        refusal = QStringLiteral("%1: instruction \"%2\" comes from a command of no device of this host").arg(commandName, instruction);
-    else if (target != c_driverTarget)
-        refusal = QStringLiteral("%1: device \"%2\" has no target \"%3\" for instruction \"%4\" (known targets: %5)")
-                      .arg(commandName, device->config.reference, target, instruction, c_driverTarget);
-    if (!refusal.isEmpty()) {
+    Execution *execution = command ? executionOf(command) : nullptr;
+    Device *device = command ? deviceEntry(command->plugin()) : nullptr;
+    if (!device || target != c_driverTarget) {
+        const QString commandName = command ? command->commandName() : QStringLiteral("(no command)");
+        const QString refusal = !device
+            ? QStringLiteral("%1: instruction \"%2\" comes from a command of no device of this host").arg(commandName, instruction)
+            : QStringLiteral("%1: device \"%2\" has no target \"%3\" for instruction \"%4\" (known targets: %5)")
+                  .arg(commandName, device->config.reference, target, instruction, c_driverTarget);
         if (execution)
             finish(execution, Execution::Failed, CeNoRoute, refusal);
         else
@@ -364,44 +377,65 @@ unsigned long long Host::sendInstruction(DAbstractCommand *command, const QStrin
     }
 
     const unsigned long long id = ++m_lastId;
-    Pending pending;
+    const int effectiveMs = m_timeoutOverride > 0 ? m_timeoutOverride
+        : device->timeoutMs > 0                   ? device->timeoutMs
+        : timeoutMs > 0                           ? timeoutMs
+                                                  : c_defaultTimeoutMs;
+    Pending &pending = m_pending[id];
     pending.command = command;
     pending.execution = execution;
-    pending.driver = device->driver;
-    pending.commandName = commandName;
+    pending.device = device;
+    pending.commandName = command->commandName();
     pending.instruction = instruction;
-    pending.deviceReference = device->config.reference;
     pending.callback = callback;
-    pending.timeoutMs = m_timeoutOverride > 0 ? m_timeoutOverride : (timeoutMs > 0 ? timeoutMs : c_defaultTimeoutMs);
-    pending.timer = new QTimer(this);
-    pending.timer->setSingleShot(true);
-    connect(pending.timer, &QTimer::timeout, this, [this, id] { onTimeout(id); });
-    pending.timer->start(pending.timeoutMs);
-    m_pending.insert(id, pending);
-    qCDebug(lcHost).noquote() << "instruction" << id << instruction << compact(parameters) << "of" << commandName
-                              << "to the driver of" << device->config.reference;
-    device->driver->startInstruction(id, instruction, parameters, pending.timeoutMs);
+    pending.listen = instruction == c_listen;
+    // The driver answers the requests ahead of this one first, each within the time-out.
+    const int ahead = device->oneShots + (device->listens > 0 ? 1 : 0);
+    pending.guardMs = effectiveMs * (ahead + 1) + c_guardSlackMs;
+    pending.guard = m_deadlines.add(id, pending.guardMs);
+    ++(pending.listen ? device->listens : device->oneShots);
+    if (execution)
+        execution->m_instructions << id;
+    if (lcHost().isDebugEnabled())
+        qCDebug(lcHost).noquote() << "instruction" << id << instruction << compact(parameters) << "of" << pending.commandName
+                                  << "to the driver of" << device->config.reference << "time-out" << effectiveMs << "ms";
+    device->driver->startInstruction(id, instruction, parameters, effectiveMs);
     return id;
 }
 
 void Host::dropPending(unsigned long long id, bool stopDriver)
 {
-    const Pending pending = m_pending.take(id);
-    delete pending.timer;
-    if (stopDriver && pending.driver)
-        pending.driver->stopInstruction(id);
+    const auto it = m_pending.find(id);
+    if (it == m_pending.end())
+        return;
+    m_deadlines.remove(it->guard);
+    --(it->listen ? it->device->listens : it->device->oneShots);
+    if (it->execution)
+        it->execution->m_instructions.removeOne(id);
+    DAbstractDriver *driver = it->device->driver;
+    m_pending.erase(it);
+    if (!stopDriver)
+        return;
+    if (m_delivering > 0)
+        m_stopsLater << qMakePair(QPointer<DAbstractDriver>(driver), id);
+    else
+        driver->stopInstruction(id);
 }
 
-void Host::onTimeout(unsigned long long id)
+void Host::onDeadline(quint64 key)
 {
-    const auto it = m_pending.constFind(id);
-    if (it == m_pending.constEnd())
+    const auto it = m_pending.find(key);
+    if (it == m_pending.end()) {
+        if (m_runs.contains(key))
+            startRun(key);
         return;
-    const QPointer<Execution> execution = it->execution;
+    }
+    it->guard = m_deadlines.none();
+    Execution *execution = it->execution;
     const QString error = QStringLiteral("%1: no reply to instruction %2 (\"%3\" to the driver of \"%4\") within %5 ms")
-                              .arg(it->commandName).arg(id).arg(it->instruction, it->deviceReference).arg(it->timeoutMs);
-    dropPending(id, true);
-    m_timedOut.insert(id);
+                              .arg(it->commandName).arg(key).arg(it->instruction, it->device->config.reference).arg(it->guardMs);
+    dropPending(key, true);
+    m_timedOut.insert(key);
     if (execution)
         finish(execution, Execution::Failed, CeTimeout, error);
     else
@@ -417,84 +451,137 @@ void Host::onDriverReply(unsigned long long id, const QVariantMap &reply, bool l
                                                .arg(id).arg(compact(reply));
         return;
     }
-    it->timer->stop();
-    const Pending pending = *it;
+    // The guard covers the first reply; a listen then reports only changes.
+    m_deadlines.remove(it->guard);
+    it->guard = m_deadlines.none();
+    const QPointer<DAbstractCommand> command = it->command;
+    const QPointer<Execution> execution = it->execution;
+    const ReplyCallback callback = it->callback;
+    const QString instruction = it->instruction;
+    const Device *device = it->device;
     if (last)
         dropPending(id, false);
-    if (!pending.command)
+    if (!command)
         return;
 
+    Execution *outer = m_current;
+    m_current = execution;
+    ++m_delivering;
     const DError driverError = DError::fromReply(reply);
-    if (driverError.isError()) {
-        // The command still sees the reply and makes its own checks (and log line); the
-        // caller is told the driver's text.
-        if (!pending.callback.empty())
-            pending.callback(id, reply);
-        const QString error = QStringLiteral("%1: the driver of \"%2\" failed instruction %3 (\"%4\"): %5")
-                                  .arg(pending.commandName, pending.deviceReference).arg(id)
-                                  .arg(pending.instruction, driverError.text);
-        // A listen outlives an outage: the driver goes on and reports again once it can.
-        if (!last && pending.execution && pending.execution->isListening()) {
-            qCWarning(lcHost).noquote() << error;
-            emit pending.execution->errorReported(error);
-            return;
-        }
-        if (!last)
-            dropPending(id, true);
-        if (pending.execution)
-            finish(pending.execution, Execution::Failed, driverError.code, error, driverError.exceptionCode);
-        else
-            qCWarning(lcHost).noquote() << error;
-        return;
-    }
-
     bool accepted = true;
-    if (!pending.callback.empty()) {
-        accepted = pending.callback(id, reply);
-    } else {
+    if (!callback.empty()) {
+        // On a driver error the command still sees the reply and makes its own checks (and
+        // log line); the caller is told the driver's code and text.
+        accepted = callback(id, reply);
+    } else if (!driverError.isError()) {
         // Nobody waits for this reply: what it carries under a declared result name becomes that result.
         for (auto value = reply.cbegin(); value != reply.cend(); ++value)
-            if (pending.command->declaresResult(value.key()))
-                pending.command->commandUpdateResult(value.key(), value.value());
+            if (command->declaresResult(value.key()))
+                command->commandUpdateResult(value.key(), value.value());
     }
-    if (!pending.execution)
-        return;
-    if (!accepted) {
-        finish(pending.execution, Execution::Failed, CeReplyRejected,
-               QStringLiteral("%1: the command rejected the reply to instruction %2 (\"%3\"): %4")
-                   .arg(pending.commandName).arg(id).arg(pending.instruction, compact(reply)));
-        return;
+    m_current = outer;
+
+    if (driverError.isError()) {
+        const QString error = QStringLiteral("%1: the driver of \"%2\" failed instruction %3 (\"%4\"): %5")
+                                  .arg(command->commandName(), device->config.reference)
+                                  .arg(id)
+                                  .arg(instruction, driverError.text);
+        if (!execution || execution->isFinished()) {
+            qCWarning(lcHost).noquote() << error;
+        } else if (!last && execution->isListening()) {
+            // A listen outlives an outage: the driver goes on and reports again once it can.
+            qCWarning(lcHost).noquote() << error;
+            emit execution->errorReported(error);
+        } else {
+            finish(execution, Execution::Failed, driverError.code, error, driverError.exceptionCode);
+        }
+    } else if (execution && !execution->isFinished()) {
+        if (!accepted)
+            finish(execution, Execution::Failed, CeReplyRejected,
+                   QStringLiteral("%1: the command rejected the reply to instruction %2 (\"%3\"): %4")
+                       .arg(command->commandName()).arg(id).arg(instruction, compact(reply)));
+        else if (last)
+            checkSettled(execution);
     }
-    if (last)
-        checkSettled(pending.execution);
+    if (--m_delivering == 0 && !m_stopsLater.isEmpty()) {
+        const auto stops = m_stopsLater;
+        m_stopsLater.clear();
+        for (const auto &stop : stops)
+            if (stop.first)
+                stop.first->stopInstruction(stop.second);
+    }
 }
 
 unsigned long long Host::runCommand(DAbstractPluginBackend *backend, const QString &command,
                                     const QMap<QString, QVariant> &arguments)
 {
+    return runCommandEvery(backend, command, arguments, 0);
+}
+
+unsigned long long Host::runCommandEvery(DAbstractPluginBackend *backend, const QString &command,
+                                         const QMap<QString, QVariant> &arguments, int repeatMs)
+{
     const unsigned long long runId = ++m_lastId;
-    QPointer<DAbstractPluginBackend> target(backend);
-    Execution *execution = execute(backend ? backend->plugin() : nullptr, command, arguments);
-    m_runs.insert(runId, execution);
-    connect(execution, &Execution::resultChanged, this, [target, runId, command](const QString &name, const QVariant &value) {
-        if (target)
-            target->commandResultChanged(runId, command, name, value);
-    });
-    connect(execution, &Execution::finished, this, [this, target, runId, command, execution] {
-        m_runs.remove(runId);
-        if (target) {
-            if (execution->isOk())
-                target->commandFinished(runId, command, execution->results());
-            else
-                target->commandFailed(runId, command, execution->error());
-        }
-        execution->deleteLater();
-    });
+    Run &run = m_runs[runId];
+    run.backend = backend;
+    run.command = command;
+    run.arguments = arguments;
+    run.repeatMs = qMax(0, repeatMs);
+    run.next = m_deadlines.none();
+    startRun(runId);
     return runId;
+}
+
+void Host::startRun(unsigned long long runId)
+{
+    const auto it = m_runs.find(runId);
+    it->next = m_deadlines.none();
+    if (!it->backend) {
+        m_runs.erase(it);
+        return;
+    }
+    Execution *execution = execute(it->backend->plugin(), it->command, it->arguments);
+    it->current = execution;
+    connect(execution, &Execution::resultChanged, this, [this, runId](const QString &name, const QVariant &value) {
+        const auto run = m_runs.constFind(runId);
+        if (run != m_runs.constEnd() && run->backend)
+            run->backend->commandResultChanged(runId, run->command, name, value);
+    });
+    connect(execution, &Execution::finished, this, [this, runId, execution] { runEnded(runId, execution); });
+}
+
+void Host::runEnded(unsigned long long runId, Execution *execution)
+{
+    execution->deleteLater();
+    const auto it = m_runs.find(runId);
+    if (it == m_runs.end())
+        return;
+    const QPointer<DAbstractPluginBackend> backend = it->backend;
+    const QString command = it->command;
+    it->current = nullptr;
+    // The next run is due `repeatMs` after this one's end, whatever its outcome.
+    if (it->repeatMs > 0 && !it->stopped && backend)
+        it->next = m_deadlines.add(runId, it->repeatMs);
+    else
+        m_runs.erase(it);
+    if (!backend)
+        return;
+    if (execution->isOk())
+        backend->commandFinished(runId, command, execution->results());
+    else
+        backend->commandFailed(runId, command, execution->error());
 }
 
 bool Host::stopCommand(unsigned long long runId)
 {
-    const QPointer<Execution> execution = m_runs.value(runId);
-    return execution && stop(execution);
+    const auto it = m_runs.find(runId);
+    if (it == m_runs.end() || it->stopped)
+        return false;
+    if (it->current) {
+        it->stopped = true;
+        return stop(it->current);
+    }
+    m_deadlines.remove(it->next);
+    m_runs.erase(it);
+    return true;
 }

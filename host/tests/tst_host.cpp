@@ -132,7 +132,7 @@ private slots:
                                       << QStringLiteral("probe: the driver of \"bench io1\" failed instruction %1 (\"read\"): connection to 127.0.0.1:1502 refused")
                                       << QVariantMap();
         QTest::newRow("no reply") << QVariantList() << int(Execution::Failed) << int(IMessenger::CeTimeout)
-                                  << QStringLiteral("probe: no reply to instruction %1 (\"read\" to the driver of \"bench io1\") within 150 ms")
+                                  << QStringLiteral("probe: no reply to instruction %1 (\"read\" to the driver of \"bench io1\") within 1150 ms")
                                   << QVariantMap();
     }
 
@@ -167,7 +167,7 @@ private slots:
 
     void lateReplyIsDroppedAndSaidOnce()
     {
-        const QVariantMap late{{QStringLiteral("delayMs"), 300}, {QStringLiteral("intervalMs"), 20},
+        const QVariantMap late{{QStringLiteral("delayMs"), 1300}, {QStringLiteral("intervalMs"), 20},
                                {QStringLiteral("ignoreStop"), true}};
         setScript({rule(QStringLiteral("read"), {reply(QVariantList{1}), reply(QVariantList{2})}, late)});
         m_host->setTimeoutOverride(100);
@@ -240,6 +240,55 @@ private slots:
         QCOMPARE(execution->state(), Execution::Running);
         QVERIFY(m_host->stop(execution));
         QVERIFY(execution->isOk());
+    }
+
+    void concurrentListens_data()
+    {
+        QTest::addColumn<int>("count");
+        QTest::addColumn<int>("stopAt");
+        QTest::newRow("one") << 1 << 0;
+        QTest::newRow("sixteen, stop the first") << 16 << 0;
+        QTest::newRow("sixteen, stop one in the middle") << 16 << 9;
+    }
+
+    // Several listens run at once on the declared object; each report goes to the execution
+    // whose instruction it answers, and a stop ends exactly one.
+    void concurrentListens()
+    {
+        QFETCH(int, count);
+        QFETCH(int, stopAt);
+        QVariantList rules;
+        for (int i = 0; i < count; ++i)
+            rules << rule(QStringLiteral("listen"), {reply(QVariantList{i}), reply(QVariantList{i})},
+                          {{QStringLiteral("match"), QVariantMap{{QStringLiteral("channel"), QStringLiteral("C%1").arg(i)}}},
+                           {QStringLiteral("open"), true}, {QStringLiteral("intervalMs"), 20}});
+        setScript(rules);
+        QList<Execution *> executions;
+        QList<QVariantList> reports;
+        for (int i = 0; i < count; ++i) {
+            executions << m_host->execute(m_device, QStringLiteral("watch"), {{QStringLiteral("channel"), QStringLiteral("C%1").arg(i)}});
+            reports << QVariantList();
+            connect(executions.last(), &Execution::resultChanged, this,
+                    [&reports, i](const QString &, const QVariant &value) { reports[i] << value; });
+        }
+        auto reported = [&](int atLeast) {
+            for (int i = 0; i < count; ++i)
+                if (i != stopAt && reports.at(i).size() < atLeast)
+                    return false;
+            return true;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(reports.at(stopAt).size() == 1 && reported(1), 3000);
+        QVERIFY(m_host->stop(executions.at(stopAt)));
+        const QVariantList sent = started();
+        QCOMPARE(sent.size(), count);
+        QCOMPARE(stopped(), QVariantList{sent.at(stopAt).toMap().value(QStringLiteral("id"))});
+        QTRY_VERIFY_WITH_TIMEOUT(reported(2), 3000);
+        QCOMPARE(reports.at(stopAt).size(), 1);
+        for (int i = 0; i < count; ++i) {
+            for (const QVariant &report : reports.at(i))
+                QCOMPARE(report.toList(), QVariantList{i});
+            QCOMPARE(executions.at(i)->state(), i == stopAt ? Execution::Stopped : Execution::Running);
+        }
     }
 
     void declaredObjectRunsOneExecutionAtATime()
