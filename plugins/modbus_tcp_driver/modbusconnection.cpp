@@ -1,75 +1,41 @@
 // SPDX-License-Identifier: MIT
 // One device's Modbus TCP connection: opened on first use and kept, reopened after a loss
-// with bounded back-off, requests sent one at a time in order.
+// or a broken exchange with bounded back-off, one request on the wire at a time.
 #include "modbusconnection.h"
 
+#include "modbusframe.h"
+#include "modbusinstruction.h"
 #include "modbuslog.h"
 
-#include <QModbusReply>
-#include <QModbusTcpClient>
-#include <QTimer>
-
-namespace {
-QString exceptionName(QModbusPdu::ExceptionCode code)
-{
-    switch (code) {
-    case QModbusPdu::IllegalFunction: return QStringLiteral("illegal function");
-    case QModbusPdu::IllegalDataAddress: return QStringLiteral("illegal data address");
-    case QModbusPdu::IllegalDataValue: return QStringLiteral("illegal data value");
-    case QModbusPdu::ServerDeviceFailure: return QStringLiteral("server device failure");
-    case QModbusPdu::Acknowledge: return QStringLiteral("acknowledge");
-    case QModbusPdu::ServerDeviceBusy: return QStringLiteral("server device busy");
-    case QModbusPdu::NegativeAcknowledge: return QStringLiteral("negative acknowledge");
-    case QModbusPdu::MemoryParityError: return QStringLiteral("memory parity error");
-    case QModbusPdu::GatewayPathUnavailable: return QStringLiteral("gateway path unavailable");
-    case QModbusPdu::GatewayTargetDeviceFailedToRespond:
-        return QStringLiteral("gateway target device failed to respond");
-    default: return QStringLiteral("unknown exception");
-    }
-}
-} // namespace
+#include <QTcpSocket>
+#include <QTimerEvent>
 
 ModbusConnection::ModbusConnection(const ModbusConnectionSettings &settings, QObject *parent)
     : QObject(parent)
     , m_settings(settings)
-    , m_client(new QModbusTcpClient(this))
-    , m_connectTimer(new QTimer(this))
-    , m_retryTimer(new QTimer(this))
+    , m_socket(new QTcpSocket(this))
 {
-    m_client->setConnectionParameter(QModbusDevice::NetworkAddressParameter, m_settings.host);
-    m_client->setConnectionParameter(QModbusDevice::NetworkPortParameter, m_settings.port);
-    m_client->setTimeout(m_settings.timeoutMs);
-    // A retry would stretch the time-out and resend a write behind the caller's back.
-    m_client->setNumberOfRetries(0);
-
-    m_connectTimer->setSingleShot(true);
-    m_retryTimer->setSingleShot(true);
-    connect(m_connectTimer, &QTimer::timeout, this, [this] {
-        onConnectFailed(QStringLiteral("no connection within %1 ms").arg(m_settings.timeoutMs));
-    });
-    connect(m_retryTimer, &QTimer::timeout, this, &ModbusConnection::pump);
-    connect(m_client, &QModbusDevice::stateChanged, this, &ModbusConnection::onClientStateChanged);
-    connect(m_client, &QModbusDevice::errorOccurred, this, [this](QModbusDevice::Error error) {
-        if (m_state == Connecting && error == QModbusDevice::ConnectionError)
-            onConnectFailed(m_client->errorString());
+    connect(m_socket, &QTcpSocket::connected, this, &ModbusConnection::onConnected);
+    connect(m_socket, &QTcpSocket::readyRead, this, &ModbusConnection::onReadyRead);
+    connect(m_socket, &QTcpSocket::errorOccurred, this, &ModbusConnection::onSocketError);
+    connect(m_socket, &QTcpSocket::disconnected, this, [this] {
+        if (m_state == Connected)
+            lost(QStringLiteral("connection to %1 lost").arg(m_settings.endpoint()));
     });
 }
 
 ModbusConnection::~ModbusConnection()
 {
-    // Nothing may call back into a half-destroyed connection.
-    m_client->disconnect(this);
-    if (m_reply)
-        m_reply->disconnect(this);
-    m_client->disconnectDevice();
+    shutdown();
 }
 
-void ModbusConnection::submit(quint64 tag, bool write, const QModbusDataUnit &unit, const QString &registerText,
+void ModbusConnection::submit(quint64 tag, const QModbusDataUnit &unit, bool write, int timeoutMs,
                               Priority priority, Completion done)
 {
-    Request request{tag, write, unit, registerText, std::move(done)};
-    (priority == Command ? m_commands : m_polls).enqueue(std::move(request));
-    schedulePump();
+    if (m_shutdown)
+        return;
+    (priority == Command ? m_commands : m_polls).enqueue(Request{tag, unit, write, timeoutMs, std::move(done)});
+    pump();
 }
 
 void ModbusConnection::cancel(quint64 tag)
@@ -77,183 +43,196 @@ void ModbusConnection::cancel(quint64 tag)
     const auto matches = [tag](const Request &request) { return request.tag == tag; };
     m_commands.erase(std::remove_if(m_commands.begin(), m_commands.end(), matches), m_commands.end());
     m_polls.erase(std::remove_if(m_polls.begin(), m_polls.end(), matches), m_polls.end());
-    // The request on the wire still gets its answer (or time-out) before the next one goes,
-    // so no answer can be mistaken for another's; only its completion is dropped.
-    if (m_reply && m_current.tag == tag)
+    if (m_busy && m_current.tag == tag)
         m_current.done = nullptr;
 }
 
-void ModbusConnection::schedulePump()
+void ModbusConnection::shutdown()
 {
-    if (m_pumpScheduled)
-        return;
-    m_pumpScheduled = true;
-    QMetaObject::invokeMethod(this, [this] {
-        m_pumpScheduled = false;
-        pump();
-    }, Qt::QueuedConnection);
+    m_shutdown = true;
+    m_timer.stop();
+    m_commands.clear();
+    m_polls.clear();
+    m_current = Request();
+    m_busy = false;
+    m_socket->disconnect(this);
+    m_socket->abort();
+    m_state = Unconnected;
 }
 
+QString ModbusConnection::errorText(const QModbusDataUnit &unit, const QString &cause) const
+{
+    return QStringLiteral("%1, %2: %3").arg(m_settings.deviceText(), ModbusInstruction::registerText(unit), cause);
+}
+
+// Sends the next request if the line is free. Opening is always left to the timer, so no
+// socket error (and no completion) can come from inside submit().
 void ModbusConnection::pump()
 {
-    if (m_reply || (m_commands.isEmpty() && m_polls.isEmpty()))
+    if (m_shutdown || m_busy || (m_commands.isEmpty() && m_polls.isEmpty()))
         return;
-    switch (m_state) {
-    case Connected:
-        send(!m_commands.isEmpty() ? m_commands.dequeue() : m_polls.dequeue());
-        return;
-    case Connecting:
-        return;
-    case Unconnected:
+    if (m_state == Connected) {
+        m_current = !m_commands.isEmpty() ? m_commands.dequeue() : m_polls.dequeue();
+        m_busy = true;
+        m_received.clear();
+        ++m_transactionId;
+        m_socket->write(ModbusFrame::request(m_transactionId, quint8(m_settings.unitId), m_current.unit,
+                                             m_current.write));
+        m_timer.start(m_current.timeoutMs, this);
+    } else if (m_state == Unconnected) {
         // A command reopens at once; polls alone wait for the back-off.
-        if (m_commands.isEmpty() && m_sinceFailure.isValid()) {
-            const qint64 remaining = m_backoffMs - m_sinceFailure.elapsed();
-            if (remaining > 0) {
-                if (!m_retryTimer->isActive())
-                    m_retryTimer->start(int(remaining));
-                return;
-            }
-        }
-        open();
-        return;
+        qint64 delay = 0;
+        if (m_commands.isEmpty() && m_sinceFailure.isValid())
+            delay = qMax<qint64>(0, m_backoffMs - m_sinceFailure.elapsed());
+        m_timer.start(int(delay), this);
     }
 }
 
 void ModbusConnection::open()
 {
-    m_retryTimer->stop();
-    ++m_attempt;
-    setState(Connecting);
+    m_connectTimeoutMs = (!m_commands.isEmpty() ? m_commands : m_polls).head().timeoutMs;
+    m_state = Connecting;
     qCDebug(lcModbus) << "opening" << m_settings.endpoint();
-    m_connectTimer->start(m_settings.timeoutMs);
-    if (!m_client->connectDevice())
-        onConnectFailed(m_client->errorString());
+    m_timer.start(m_connectTimeoutMs, this);
+    m_socket->connectToHost(m_settings.host, quint16(m_settings.port));
 }
 
-void ModbusConnection::onClientStateChanged()
+void ModbusConnection::timerEvent(QTimerEvent *event)
 {
-    const QModbusDevice::State clientState = m_client->state();
-    if (clientState == QModbusDevice::ConnectedState && m_state == Connecting) {
-        m_connectTimer->stop();
-        m_backoffMs = 0;
-        m_sinceFailure.invalidate();
-        qCInfo(lcModbus).noquote() << "connected to" << m_settings.endpoint();
-        setState(Connected);
-        schedulePump();
-    } else if (clientState == QModbusDevice::UnconnectedState && m_state == Connecting) {
-        // The error, if any, comes right after; give it the chance to name the cause.
-        QMetaObject::invokeMethod(this, [this, attempt = m_attempt] {
-            if (attempt != m_attempt)
-                return;
-            const QString reason = m_client->errorString();
-            onConnectFailed(reason.isEmpty() ? QStringLiteral("connection closed") : reason);
-        }, Qt::QueuedConnection);
-    } else if (clientState == QModbusDevice::UnconnectedState && m_state == Connected) {
-        // The request on the wire, if any, is finished by the client as aborted.
-        qCWarning(lcModbus).noquote() << "connection to" << m_settings.endpoint() << "lost";
-        m_backoffMs = InitialBackoffMs;
-        m_sinceFailure.restart();
-        setState(Unconnected);
-        schedulePump();
+    if (event->timerId() != m_timer.timerId()) {
+        QObject::timerEvent(event);
+        return;
+    }
+    m_timer.stop();
+    if (m_state == Unconnected) {
+        if (!m_commands.isEmpty() || !m_polls.isEmpty())
+            open();
+    } else if (m_state == Connecting) {
+        connectFailed(IMessenger::CeTimeout, QStringLiteral("no connection within %1 ms").arg(m_connectTimeoutMs));
+    } else if (m_busy) {
+        // A partial answer is a broken one; no answer at all is a time-out.
+        DError error;
+        if (m_received.isEmpty()) {
+            error.code = IMessenger::CeTimeout;
+            error.text = QStringLiteral("no answer within %1 ms").arg(m_current.timeoutMs);
+        } else {
+            error.code = IMessenger::CeMalformedReply;
+            error.text = QStringLiteral("malformed reply: only %1 bytes within %2 ms")
+                             .arg(m_received.size()).arg(m_current.timeoutMs);
+        }
+        resynchronise(error.text);
+        complete(error);
+        pump();
     }
 }
 
-void ModbusConnection::onConnectFailed(const QString &reason)
+void ModbusConnection::onConnected()
 {
     if (m_state != Connecting)
         return;
-    m_connectTimer->stop();
-    setState(Unconnected);
-    m_client->disconnectDevice();
+    m_timer.stop();
+    m_state = Connected;
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    qCInfo(lcModbus).noquote() << "connected to" << m_settings.endpoint();
+    pump();
+}
+
+void ModbusConnection::onSocketError()
+{
+    if (m_state == Connecting)
+        connectFailed(IMessenger::CeNoConnection, m_socket->errorString());
+    else if (m_state == Connected)
+        lost(QStringLiteral("connection to %1 lost").arg(m_settings.endpoint()));
+}
+
+void ModbusConnection::onReadyRead()
+{
+    if (m_received.isEmpty())
+        m_received = m_socket->readAll();
+    else
+        m_received += m_socket->readAll();
+    if (!m_busy) {
+        resynchronise(QStringLiteral("%1 bytes came while no request was out").arg(m_received.size()));
+        pump();
+        return;
+    }
+    DError error;
+    QVector<quint16> values;
+    if (ModbusFrame::checkReply(m_received, m_transactionId, quint8(m_settings.unitId), m_current.unit,
+                                m_current.write, &error, &values) == ModbusFrame::Incomplete)
+        return;
+    m_received.clear();
+    if (error.code == IMessenger::CeMalformedReply) {
+        resynchronise(error.text);
+    } else {
+        m_timer.stop();
+        m_backoffMs = 0;
+        m_sinceFailure.invalidate();
+    }
+    complete(error, values);
+    pump();
+}
+
+void ModbusConnection::complete(const DError &error, const QVector<quint16> &values)
+{
+    m_busy = false;
+    const Completion done = std::move(m_current.done);
+    m_current.done = nullptr;
+    if (done)
+        done(error, values);
+}
+
+void ModbusConnection::connectFailed(IMessenger::EnErrorCode code, const QString &reason)
+{
     // Said once per outage; the retries that follow are only traced.
     if (m_sinceFailure.isValid())
         qCDebug(lcModbus).noquote() << "still cannot connect to" << m_settings.endpoint() << ":" << reason;
     else
         qCWarning(lcModbus).noquote() << "cannot connect to" << m_settings.endpoint() << ":" << reason;
-    m_backoffMs = m_backoffMs == 0 ? InitialBackoffMs : qMin(m_backoffMs * 2, int(MaxBackoffMs));
-    m_sinceFailure.restart();
-    failQueued(QStringLiteral("cannot connect to %1: %2").arg(m_settings.endpoint(), reason));
-    schedulePump();
-}
-
-void ModbusConnection::send(Request request)
-{
-    QModbusReply *reply = request.write ? m_client->sendWriteRequest(request.unit, m_settings.unitId)
-                                        : m_client->sendReadRequest(request.unit, m_settings.unitId);
-    if (!reply) {
-        finish(std::move(request), {}, m_client->errorString());
-        schedulePump();
-        return;
-    }
-    m_current = std::move(request);
-    m_reply = reply;
-    if (reply->isFinished())
-        onReplyFinished(reply);
-    else
-        connect(reply, &QModbusReply::finished, this, [this, reply] { onReplyFinished(reply); });
-}
-
-void ModbusConnection::onReplyFinished(QModbusReply *reply)
-{
-    reply->deleteLater();
-    if (reply != m_reply)
-        return;
-    m_reply = nullptr;
-    Request request = std::move(m_current);
-    m_current = Request();
-
-    QString cause;
-    switch (reply->error()) {
-    case QModbusDevice::NoError:
-        break;
-    case QModbusDevice::ProtocolError: {
-        const QModbusPdu::ExceptionCode code = reply->rawResult().exceptionCode();
-        cause = QStringLiteral("Modbus exception %1 (%2)").arg(int(code)).arg(exceptionName(code));
-        break;
-    }
-    case QModbusDevice::TimeoutError:
-        cause = QStringLiteral("no answer within %1 ms").arg(m_settings.timeoutMs);
-        break;
-    case QModbusDevice::ReplyAbortedError:
-    case QModbusDevice::ConnectionError:
-        cause = QStringLiteral("connection to %1 lost").arg(m_settings.endpoint());
-        break;
-    default:
-        cause = reply->errorString();
-        break;
-    }
-    if (cause.isEmpty())
-        finish(std::move(request), reply->result(), QString());
-    else
-        finish(std::move(request), {}, cause);
-    schedulePump();
-}
-
-void ModbusConnection::finish(Request request, const QModbusDataUnit &result, const QString &cause)
-{
-    if (request.done)
-        request.done(result, cause.isEmpty() ? QString() : errorText(request, cause));
-}
-
-void ModbusConnection::failQueued(const QString &cause)
-{
+    closeSocket();
+    noteFailure();
+    DError error{code, 0, QStringLiteral("cannot connect to %1: %2").arg(m_settings.endpoint(), reason)};
     QQueue<Request> failed;
     failed.swap(m_commands);
     failed.append(m_polls);
     m_polls.clear();
-    for (Request &request : failed)
-        finish(std::move(request), {}, cause);
+    for (const Request &request : qAsConst(failed)) {
+        if (m_shutdown)
+            return;
+        if (request.done)
+            request.done(error, {});
+    }
+    pump();
 }
 
-void ModbusConnection::setState(State state)
+void ModbusConnection::lost(const QString &cause)
 {
-    if (m_state == state)
-        return;
-    m_state = state;
-    emit stateChanged(state);
+    qCWarning(lcModbus).noquote() << cause;
+    closeSocket();
+    noteFailure();
+    if (m_busy)
+        complete(DError{IMessenger::CeNoConnection, 0, cause});
+    pump();
 }
 
-QString ModbusConnection::errorText(const Request &request, const QString &cause) const
+void ModbusConnection::resynchronise(const QString &why)
 {
-    return QStringLiteral("%1, %2: %3").arg(m_settings.deviceText(), request.registerText, cause);
+    qCWarning(lcModbus).noquote() << m_settings.deviceText() << ": reopening the connection after" << why;
+    closeSocket();
+    noteFailure();
+}
+
+void ModbusConnection::closeSocket()
+{
+    // Unconnected first: the socket's own notices of this close are then ignored.
+    m_state = Unconnected;
+    m_timer.stop();
+    m_received.clear();
+    m_socket->abort();
+}
+
+void ModbusConnection::noteFailure()
+{
+    m_backoffMs = m_backoffMs == 0 ? InitialBackoffMs : qMin(m_backoffMs * 2, int(MaxBackoffMs));
+    m_sinceFailure.restart();
 }

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 // One device's Modbus TCP connection: opened on first use and kept, reopened after a loss
-// with bounded back-off, requests sent one at a time in order.
+// or a broken exchange with bounded back-off, one request on the wire at a time.
 #pragma once
 
+#include "derror.h"
 #include "modbusconnectionsettings.h"
 
+#include <QBasicTimer>
 #include <QElapsedTimer>
 #include <QModbusDataUnit>
 #include <QObject>
@@ -12,25 +14,22 @@
 
 #include <functional>
 
-class QModbusReply;
-class QModbusTcpClient;
-class QTimer;
+class QTcpSocket;
 
 class ModbusConnection : public QObject
 {
     Q_OBJECT
 public:
     enum State { Unconnected, Connecting, Connected };
-    Q_ENUM(State)
 
-    // Commands (one-shot reads and writes) go before polls; polls keep their own order,
-    // so several listens on one device take turns.
+    // Commands (one-shot reads and writes) go before polls; each queue keeps its order.
     enum Priority { Command, Poll };
 
-    // Runs once per request, always from the event loop: on success with the unit read
-    // (or written) and an empty error, on failure with an error text that names the
-    // device, the registers and the cause.
-    using Completion = std::function<void(const QModbusDataUnit &result, const QString &error)>;
+    // Runs once per request, from a socket or timer event, never from inside submit(). On
+    // success `error` is CeNoError and `values` holds the values read (nothing for a write);
+    // on failure error.text is the cause alone: errorText() puts the device and the
+    // registers in front of it.
+    using Completion = std::function<void(const DError &error, const QVector<quint16> &values)>;
 
     explicit ModbusConnection(const ModbusConnectionSettings &settings, QObject *parent = nullptr);
     ~ModbusConnection() override;
@@ -38,53 +37,69 @@ public:
     const ModbusConnectionSettings &settings() const { return m_settings; }
     State state() const { return m_state; }
 
-    // Queues a read (`write` false: the unit gives table, start and count) or a write.
-    // `tag` lets cancel() withdraw it; `registerText` names the registers in errors.
-    void submit(quint64 tag, bool write, const QModbusDataUnit &unit, const QString &registerText,
-                Priority priority, Completion done);
-    // Withdraws every request under `tag`; their completions never run.
+    // Queues a read (`write` false: the unit gives table, start and count) or a write of the
+    // unit's values. The device gets `timeoutMs` to answer, counted from when the request is
+    // written to the socket; opening the connection for it is bounded by the same figure.
+    // `tag` lets cancel() withdraw it.
+    void submit(quint64 tag, const QModbusDataUnit &unit, bool write, int timeoutMs, Priority priority,
+                Completion done);
+    // Withdraws every request under `tag`; their completions never run. A request already on
+    // the wire keeps the line until it is answered or times out, so no answer can be taken
+    // for another request's.
     void cancel(quint64 tag);
+    // Closes the socket and drops every request without running its completion; the object
+    // does nothing more afterwards (it may be deleted later, from inside a completion too).
+    void shutdown();
+
+    // "device host:port (unit N), <table> register <address>: <cause>"
+    QString errorText(const QModbusDataUnit &unit, const QString &cause) const;
 
     // Time before the next automatic reopening after a failure: doubles from
-    // InitialBackoffMs up to MaxBackoffMs, back to the start once connected.
+    // InitialBackoffMs up to MaxBackoffMs, back to the start after a good answer.
     static constexpr int InitialBackoffMs = 100;
     static constexpr int MaxBackoffMs = 2000;
 
-signals:
-    void stateChanged(ModbusConnection::State state);
+protected:
+    // The connection's one timer: the opening deadline while connecting, the answer
+    // deadline while a request is out, the next opening while unconnected.
+    void timerEvent(QTimerEvent *event) override;
 
 private:
     struct Request {
         quint64 tag = 0;
-        bool write = false;
         QModbusDataUnit unit;
-        QString registerText;
+        bool write = false;
+        int timeoutMs = 0;
         Completion done;
     };
 
-    void schedulePump();
     void pump();
     void open();
-    void onClientStateChanged();
-    void onConnectFailed(const QString &reason);
-    void send(Request request);
-    void onReplyFinished(QModbusReply *reply);
-    void finish(Request request, const QModbusDataUnit &result, const QString &error);
-    void failQueued(const QString &cause);
-    void setState(State state);
-    QString errorText(const Request &request, const QString &cause) const;
+    void onConnected();
+    void onSocketError();
+    void onReadyRead();
+    void connectFailed(IMessenger::EnErrorCode code, const QString &reason);
+    void lost(const QString &cause);
+    // Ends the request on the wire with `error` (or its values) and runs its completion.
+    void complete(const DError &error, const QVector<quint16> &values = {});
+    // After a broken exchange: the socket is closed so no stale byte is read later, and
+    // reopened (with back-off) before the next request.
+    void resynchronise(const QString &why);
+    void closeSocket();
+    void noteFailure();
 
     const ModbusConnectionSettings m_settings;
-    QModbusTcpClient *m_client = nullptr;
-    QTimer *m_connectTimer = nullptr;
-    QTimer *m_retryTimer = nullptr;
+    QTcpSocket *m_socket = nullptr;
+    QBasicTimer m_timer;
     QQueue<Request> m_commands;
     QQueue<Request> m_polls;
     Request m_current;
-    QModbusReply *m_reply = nullptr;
+    bool m_busy = false; // m_current is on the wire
+    QByteArray m_received;
+    quint16 m_transactionId = 0;
+    int m_connectTimeoutMs = 0;
     State m_state = Unconnected;
     QElapsedTimer m_sinceFailure;
     int m_backoffMs = 0;
-    int m_attempt = 0; // opening attempts, so a stale notice of an earlier one is ignored
-    bool m_pumpScheduled = false;
+    bool m_shutdown = false;
 };

@@ -46,9 +46,14 @@ bool toInteger(const QVariant &value, qlonglong *out)
 bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &parameters, ModbusInstruction *out,
                               QString *error)
 {
-    const auto fail = [error](const QString &text) {
+    const QString typeName = parameters.value(QStringLiteral("registerType")).toString();
+    const QVariant registerValue = parameters.value(QStringLiteral("register"));
+    // Texts are built only on failure.
+    const auto fail = [&](const QString &problem) {
         if (error)
-            *error = text;
+            *error = QStringLiteral("%1 register %2: %3")
+                         .arg(typeName.isEmpty() ? QStringLiteral("(no register type)") : typeName,
+                              registerValue.isValid() ? registerValue.toString() : QStringLiteral("(none)"), problem);
         return false;
     };
 
@@ -59,33 +64,28 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
         result.m_operation = Write;
     else if (instruction == QLatin1String("listen"))
         result.m_operation = Listen;
-    else
-        return fail(QStringLiteral("unknown instruction \"%1\" (expected read, write or listen)").arg(instruction));
+    else {
+        if (error)
+            *error = QStringLiteral("unknown instruction \"%1\" (expected read, write or listen)").arg(instruction);
+        return false;
+    }
 
-    result.m_typeName = parameters.value(QStringLiteral("registerType")).toString();
-    const QVariant registerValue = parameters.value(QStringLiteral("register"));
-    const QString where = QStringLiteral("%1 register %2")
-                              .arg(result.m_typeName.isEmpty() ? QStringLiteral("(no register type)")
-                                                               : result.m_typeName,
-                                   registerValue.isValid() ? registerValue.toString() : QStringLiteral("(none)"));
-    const TableInfo *table = findTable(result.m_typeName);
+    const TableInfo *table = findTable(typeName);
     if (!table)
-        return fail(QStringLiteral("%1: unknown register type \"%2\" (expected coilsRegister, discreteInputs, "
-                                   "inputRegisters or holdingRegisters)")
-                        .arg(where, result.m_typeName));
+        return fail(QStringLiteral("unknown register type \"%1\" (expected coilsRegister, discreteInputs, "
+                                   "inputRegisters or holdingRegisters)").arg(typeName));
 
     qlonglong start = 0;
     if (!registerValue.isValid())
-        return fail(QStringLiteral("%1: no \"register\" given").arg(where));
+        return fail(QStringLiteral("no \"register\" given"));
     if (!toInteger(registerValue, &start) || start < 0 || start > 0xFFFF)
-        return fail(QStringLiteral("%1: address %2 is outside 0-65535").arg(where, registerValue.toString()));
+        return fail(QStringLiteral("address %1 is outside 0-65535").arg(registerValue.toString()));
 
     QVector<quint16> values;
     qlonglong count = 1;
     if (result.m_operation == Write) {
         if (!table->writable)
-            return fail(QStringLiteral("%1: %2 is read-only, it cannot be written")
-                            .arg(where, result.m_typeName));
+            return fail(QStringLiteral("%1 is read-only, it cannot be written").arg(typeName));
         const QVariant data = parameters.value(QStringLiteral("data"));
         QVariantList items;
         if (data.type() == QVariant::List || data.type() == QVariant::StringList)
@@ -93,36 +93,35 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
         else if (data.isValid())
             items = {data};
         if (items.isEmpty())
-            return fail(QStringLiteral("%1: no \"data\" to write").arg(where));
+            return fail(QStringLiteral("no \"data\" to write"));
+        values.reserve(items.size());
         for (int i = 0; i < items.size(); ++i) {
             qlonglong v = 0;
             const bool numeric = toInteger(items.at(i), &v);
-            if (table->table == QModbusDataUnit::Coils && numeric) {
+            if (table->table == QModbusDataUnit::Coils && numeric)
                 values.append(v != 0 ? 1 : 0);
-            } else if (numeric && v >= 0 && v <= 0xFFFF) {
+            else if (numeric && v >= 0 && v <= 0xFFFF)
                 values.append(quint16(v));
-            } else {
-                return fail(QStringLiteral("%1: data value \"%2\" for address %3 is not a number from 0 to 65535")
-                                .arg(where, items.at(i).toString())
-                                .arg(start + i));
-            }
+            else
+                return fail(QStringLiteral("data value \"%1\" for address %2 is not a number from 0 to 65535")
+                                .arg(items.at(i).toString()).arg(start + i));
         }
         count = values.size();
     } else {
         const QVariant size = parameters.value(QStringLiteral("dataSize"));
         if (size.isValid() && (!toInteger(size, &count) || count < 0 || count > 0xFFFF))
-            return fail(QStringLiteral("%1: dataSize %2 is outside 0-65535").arg(where, size.toString()));
+            return fail(QStringLiteral("dataSize %1 is outside 0-65535").arg(size.toString()));
         if (count == 0)
-            return fail(QStringLiteral("%1: dataSize 0, nothing to read").arg(where));
+            return fail(QStringLiteral("dataSize 0, nothing to read"));
     }
 
     const int limit = result.m_operation == Write ? table->maxWrite : table->maxRead;
     if (start + count - 1 > 0xFFFF)
-        return fail(QStringLiteral("%1: %2 addresses from %3 run past the end of the table (last address 65535)")
-                        .arg(where).arg(count).arg(start));
+        return fail(QStringLiteral("%1 addresses from %2 run past the end of the table (last address 65535)")
+                        .arg(count).arg(start));
     if (count > limit)
-        return fail(QStringLiteral("%1: %2 %3 in one request, at most %4 allowed")
-                        .arg(where).arg(count)
+        return fail(QStringLiteral("%1 %2 in one request, at most %3 allowed")
+                        .arg(count)
                         .arg(result.m_operation == Write ? QStringLiteral("values to write")
                                                          : QStringLiteral("values to read"))
                         .arg(limit));
@@ -134,20 +133,25 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
     return true;
 }
 
-QString ModbusInstruction::registerText() const
+QString ModbusInstruction::registerText(const QModbusDataUnit &unit)
 {
-    const int start = m_unit.startAddress();
-    const int count = int(m_unit.valueCount());
+    QString typeName;
+    for (const TableInfo &info : c_tables) {
+        if (info.table == unit.registerType())
+            typeName = QLatin1String(info.name);
+    }
+    const int start = unit.startAddress();
+    const int count = int(unit.valueCount());
     if (count <= 1)
-        return QStringLiteral("%1 register %2").arg(m_typeName).arg(start);
-    return QStringLiteral("%1 registers %2-%3").arg(m_typeName).arg(start).arg(start + count - 1);
+        return QStringLiteral("%1 register %2").arg(typeName).arg(start);
+    return QStringLiteral("%1 registers %2-%3").arg(typeName).arg(start).arg(start + count - 1);
 }
 
-QVariantList ModbusInstruction::replyValues(const QModbusDataUnit &unit)
+QVariantList ModbusInstruction::replyValues(const quint16 *values, int count)
 {
     QVariantList list;
-    list.reserve(int(unit.valueCount()));
-    for (quint16 value : unit.values())
-        list.append(uint(value));
+    list.reserve(count);
+    for (int i = 0; i < count; ++i)
+        list.append(uint(values[i]));
     return list;
 }

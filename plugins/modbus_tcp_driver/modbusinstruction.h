@@ -24,14 +24,13 @@ public:
     Operation operation() const { return m_operation; }
     // For a read or listen: table, start and count; for a write: table, start and values.
     const QModbusDataUnit &unit() const { return m_unit; }
-    // "holdingRegisters register 256", or "... registers 256-263" for a run.
-    QString registerText() const;
+    // "holdingRegisters register 256", or "... registers 256-263" for a run of the unit.
+    static QString registerText(const QModbusDataUnit &unit);
 
-    // The values of a reply unit as the driver's reply carries them (unsigned numbers).
-    static QVariantList replyValues(const QModbusDataUnit &unit);
+    // Values as the driver's reply carries them (unsigned numbers).
+    static QVariantList replyValues(const quint16 *values, int count);
 
 private:
     Operation m_operation = Read;
-    QString m_typeName;
     QModbusDataUnit m_unit;
 };

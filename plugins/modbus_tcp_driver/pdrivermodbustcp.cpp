@@ -6,17 +6,12 @@
 #include "hostutils.h"
 #include "modbusconnection.h"
 #include "modbusinstruction.h"
-#include "modbuslisten.h"
 #include "modbuslog.h"
+#include "modbuspoller.h"
 
 namespace {
 const char c_pluginUuid[] = "{7d3f2a10-5b9e-4c61-8f0a-2e4b6c8d9a13}";
 const char c_pluginName[] = "Driver Modbus TCP";
-
-QVariantMap errorReply(const QString &text)
-{
-    return {{QStringLiteral("error"), text}};
-}
 } // namespace
 
 PDriverModbusTcp::PDriverModbusTcp(const QUuid &instanceUuid, QObject *parent)
@@ -28,8 +23,7 @@ PDriverModbusTcp::PDriverModbusTcp(const QUuid &instanceUuid, QObject *parent)
 
 PDriverModbusTcp::~PDriverModbusTcp()
 {
-    qDeleteAll(m_listens);
-    m_listens.clear();
+    delete m_poller;
     delete m_connection;
 }
 
@@ -63,78 +57,85 @@ void PDriverModbusTcp::closeConnection(const QString &reason)
 {
     if (!m_connection)
         return;
-    const QString text = QStringLiteral("%1: %2").arg(m_settings.deviceText(), reason);
-    const auto listens = m_listens;
-    m_listens.clear();
-    for (ModbusListen *listen : listens) {
-        replyLater(listen->id(), errorReply(text));
-        delete listen;
-    }
-    const auto pending = m_pending;
-    m_pending.clear();
-    for (unsigned long long id : pending)
-        replyLater(id, errorReply(text));
-    delete m_connection;
+    const QVariantMap reply =
+        DError{IMessenger::CeNoConnection, 0, QStringLiteral("%1: %2").arg(m_settings.deviceText(), reason)}.toReply();
+    const QList<quint64> listening = m_poller->takeAll();
+    m_connection->shutdown();
+    // This may run inside a reply of theirs: they go when the event loop is back.
+    m_poller->deleteLater();
+    m_connection->deleteLater();
+    m_poller = nullptr;
     m_connection = nullptr;
+    QSet<unsigned long long> ids = m_pending;
+    for (quint64 id : listening)
+        ids.insert(id);
+    m_pending.clear();
+    for (unsigned long long id : qAsConst(ids))
+        replyLater(id, reply);
 }
 
 void PDriverModbusTcp::startInstruction(unsigned long long id, const QString &instruction,
-                                        const QMap<QString, QVariant> &parameters, int)
+                                        const QMap<QString, QVariant> &parameters, int timeoutMs)
 {
+    if (!m_configured) {
+        replyLater(id, DError{IMessenger::CeNoConnection, 0,
+                              QStringLiteral("no connection configured for this driver instance")}.toReply());
+        return;
+    }
     ModbusInstruction parsed;
     QString error;
-    if (!m_configured) {
-        replyLater(id, errorReply(QStringLiteral("no connection configured for this driver instance")));
-        return;
-    }
     if (!ModbusInstruction::parse(instruction, parameters, &parsed, &error)) {
-        qCWarning(lcModbus).noquote() << m_settings.deviceText() << error;
-        replyLater(id, errorReply(QStringLiteral("%1, %2").arg(m_settings.deviceText(), error)));
+        const DError refused{IMessenger::CeBadInstruction, 0, QStringLiteral("%1, %2").arg(m_settings.deviceText(), error)};
+        qCWarning(lcModbus).noquote() << refused.text;
+        replyLater(id, refused.toReply());
         return;
     }
-    if (!m_connection)
+    if (timeoutMs <= 0)
+        timeoutMs = m_settings.timeoutMs;
+    if (!m_connection) {
         m_connection = new ModbusConnection(m_settings, this);
-
-    if (parsed.operation() == ModbusInstruction::Listen) {
-        auto *listen = new ModbusListen(id, m_connection, parsed.unit(), parsed.registerText(),
-                                        m_settings.pollIntervalMs, this);
-        connect(listen, &ModbusListen::valuesReported, this, [this](quint64 listenId, const QVariantList &values) {
+        m_poller = new ModbusPoller(m_connection, m_settings.pollIntervalMs, this);
+        connect(m_poller, &ModbusPoller::valuesReported, this, [this](quint64 listenId, const QVariantList &values) {
             emit sigInstructionReply(listenId, {{QStringLiteral("values"), values}}, false);
         });
-        connect(listen, &ModbusListen::errorReported, this, [this](quint64 listenId, const QString &text) {
-            qCWarning(lcModbus).noquote() << text;
-            emit sigInstructionReply(listenId, errorReply(text), false);
+        connect(m_poller, &ModbusPoller::errorReported, this, [this](quint64 listenId, const DError &failure) {
+            qCWarning(lcModbus).noquote() << failure.text;
+            emit sigInstructionReply(listenId, failure.toReply(), false);
         });
-        delete m_listens.value(id);
-        m_listens.insert(id, listen);
-        return;
     }
 
+    if (parsed.operation() == ModbusInstruction::Listen) {
+        m_poller->add(id, parsed.unit(), timeoutMs);
+        return;
+    }
     const bool write = parsed.operation() == ModbusInstruction::Write;
+    const QModbusDataUnit unit = parsed.unit();
+    ModbusConnection *connection = m_connection;
     m_pending.insert(id);
-    m_connection->submit(id, write, parsed.unit(), parsed.registerText(), ModbusConnection::Command,
-                         [this, id, write](const QModbusDataUnit &result, const QString &text) {
-                             m_pending.remove(id);
-                             if (!text.isEmpty()) {
-                                 qCWarning(lcModbus).noquote() << text;
-                                 emit sigInstructionReply(id, errorReply(text), true);
-                             } else {
-                                 const QVariantList values = write ? QVariantList{1u}
-                                                                   : ModbusInstruction::replyValues(result);
-                                 emit sigInstructionReply(id, {{QStringLiteral("values"), values}}, true);
-                             }
-                         });
+    connection->submit(id, unit, write, timeoutMs, ModbusConnection::Command,
+                       [this, id, write, unit, connection](const DError &failure, const QVector<quint16> &values) {
+                           m_pending.remove(id);
+                           if (failure.isError()) {
+                               const DError error{failure.code, failure.exceptionCode,
+                                                  connection->errorText(unit, failure.text)};
+                               qCWarning(lcModbus).noquote() << error.text;
+                               emit sigInstructionReply(id, error.toReply(), true);
+                               return;
+                           }
+                           const QVariantList reply = write ? QVariantList{1u}
+                                                            : ModbusInstruction::replyValues(values.constData(),
+                                                                                             values.size());
+                           emit sigInstructionReply(id, {{QStringLiteral("values"), reply}}, true);
+                       });
 }
 
 void PDriverModbusTcp::stopInstruction(unsigned long long id)
 {
     m_pending.remove(id);
-    if (ModbusListen *listen = m_listens.take(id)) {
-        listen->disconnect(this);
-        listen->deleteLater();
-    }
-    if (m_connection)
+    if (m_connection) {
+        m_poller->remove(id);
         m_connection->cancel(id);
+    }
 }
 
 void PDriverModbusTcp::replyLater(unsigned long long id, const QVariantMap &reply)

@@ -6,16 +6,16 @@
 #include "dabstractdriver.h"
 #include "modbusconnectionsettings.h"
 
-#include <QHash>
 #include <QSet>
 
 class ModbusConnection;
-class ModbusListen;
+class ModbusPoller;
 
 // Replies: {"values": [unsigned numbers in register order]} for a read or a listen report,
-// {"values": [1]} for a write; on failure {"error": text naming the device, the registers
-// and the cause}. A read or write gets exactly one reply (last = true); a listen reports
-// with last = false until stopInstruction().
+// {"values": [1]} for a write whose echo matched; on failure DError::toReply() with a text
+// naming the device, the registers and the cause. A read or write gets exactly one reply
+// (last = true); a listen reports with last = false until stopInstruction(), an outage
+// once as an error reply, then values again once the device answers.
 class PDriverModbusTcp : public DAbstractDriver
 {
     Q_OBJECT
@@ -29,8 +29,9 @@ public:
     IPlugin *createInstance(const QUuid &instanceUuid) const override;
     const char *pluginSubTypeName() const override;
 
-    // Keys "host" (default 127.0.0.1), "port" (502), "unitId" (1), "timeoutMs" (1000) and
-    // "pollIntervalMs" (100). Nothing is opened here: the connection opens on first use.
+    // Keys "host" (default 127.0.0.1), "port" (502), "unitId" (1), "timeoutMs" (1000, used
+    // when an instruction comes with no time-out of its own) and "pollIntervalMs" (100).
+    // Nothing is opened here: the connection opens on first use.
     // Reconfiguring drops the old connection; instructions under way get an error reply.
     bool configureConnection(const QMap<QString, QVariant> &settings, QString *error) override;
     void startInstruction(unsigned long long id, const QString &instruction,
@@ -46,6 +47,6 @@ private:
     ModbusConnectionSettings m_settings;
     bool m_configured = false;
     ModbusConnection *m_connection = nullptr;
-    QHash<unsigned long long, ModbusListen *> m_listens;
+    ModbusPoller *m_poller = nullptr;
     QSet<unsigned long long> m_pending; // one-shot instructions not yet replied to
 };

@@ -1,22 +1,17 @@
 // SPDX-License-Identifier: MIT
-// The E1212 simulator as a Modbus client meets it: register map, pulse generator, faults,
-// and mbpoll reading it.
+// The E1212 simulator as a Modbus client meets it: register map, pulse generator, faults.
 #include "e1212simulator.h"
 
 #include <QElapsedTimer>
 #include <QModbusReply>
 #include <QModbusTcpClient>
-#include <QProcess>
 #include <QSignalSpy>
-#include <QStandardPaths>
-#include <QTcpServer>
 #include <QtTest>
 
 class TstE1212Simulator : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase() { qRegisterMetaType<QProcess::ExitStatus>(); }
     void init();
     void cleanup();
 
@@ -25,11 +20,8 @@ private slots:
     void outsideTheMapIsIllegalAddress();
     void pulseGeneratorToggles();
     void injectedException();
-    void responseDelayKeepsOrder();
     void dropOnRequestAndDropConnections();
     void startOnBusyPortFails();
-    void mbpollReadsTheMap_data();
-    void mbpollReadsTheMap();
 
 private:
     // A real client read; on failure the reply's error is returned through *error.
@@ -157,24 +149,6 @@ void TstE1212Simulator::injectedException()
     QCOMPARE(read(QModbusDataUnit::Coils, 19, 1, &error), QVector<quint16>{0});
 }
 
-void TstE1212Simulator::responseDelayKeepsOrder()
-{
-    m_sim->setResponseDelay(150);
-    QElapsedTimer clock;
-    clock.start();
-    QModbusReply *first = m_client->sendReadRequest(QModbusDataUnit(QModbusDataUnit::InputRegisters, 5000, 1), 1);
-    QModbusReply *second = m_client->sendReadRequest(QModbusDataUnit(QModbusDataUnit::InputRegisters, 5024, 1), 1);
-    QVERIFY(first && second);
-    QSignalSpy secondDone(second, &QModbusReply::finished);
-    QVERIFY(secondDone.wait(2000));
-    QVERIFY(clock.elapsed() >= 150);
-    QVERIFY(first->isFinished());
-    QCOMPARE(first->result().value(0), quint16(0x4531));
-    QCOMPARE(second->result().value(0), quint16(0x0090));
-    delete first;
-    delete second;
-}
-
 void TstE1212Simulator::dropOnRequestAndDropConnections()
 {
     QCOMPARE(m_sim->connectionCount(), 1);
@@ -204,45 +178,6 @@ void TstE1212Simulator::startOnBusyPortFails()
     QVERIFY2(error.startsWith(QStringLiteral("cannot listen on 127.0.0.1:%1").arg(m_sim->port())), qPrintable(error));
     QCOMPARE(second.errorString(), error);
     QCOMPARE(second.state(), E1212Simulator::Stopped);
-}
-
-void TstE1212Simulator::mbpollReadsTheMap_data()
-{
-    QTest::addColumn<QString>("type"); // mbpoll -t: 0 coil, 1 discrete input, 3 input register, 4 holding register
-    QTest::addColumn<int>("address");  // 0-based, as the map gives it
-    QTest::addColumn<int>("count");
-    QTest::addColumn<QStringList>("expected");
-    QTest::newRow("DI") << "1" << 0 << 3 << QStringList{"[0]: \t0", "[1]: \t0", "[2]: \t1"};
-    QTest::newRow("pulse status") << "0" << 19 << 1 << QStringList{"[19]: \t1"};
-    QTest::newRow("on-width") << "4" << 259 << 1 << QStringList{"[259]: \t250"};
-    QTest::newRow("model name") << "3" << 5000 << 2 << QStringList{"[5000]: \t17713", "[5001]: \t12849"};
-}
-
-void TstE1212Simulator::mbpollReadsTheMap()
-{
-    QFETCH(QString, type);
-    QFETCH(int, address);
-    QFETCH(int, count);
-    QFETCH(QStringList, expected);
-    const QString mbpoll = QStandardPaths::findExecutable(QStringLiteral("mbpoll"));
-    if (mbpoll.isEmpty())
-        QSKIP("mbpoll is not installed (Debian package mbpoll)");
-    m_sim->setInput(2, true);
-    m_sim->setValue(QModbusDataUnit::HoldingRegisters, 259, 250);
-    m_sim->setValue(QModbusDataUnit::Coils, 19, 1);
-    QProcess process;
-    // -0: addresses as on the wire; -1: one poll.
-    process.start(mbpoll, {QStringLiteral("-m"), QStringLiteral("tcp"), QStringLiteral("-p"), QString::number(m_sim->port()),
-                           QStringLiteral("-a"), QStringLiteral("1"), QStringLiteral("-0"), QStringLiteral("-1"),
-                           QStringLiteral("-t"), type, QStringLiteral("-r"), QString::number(address),
-                           QStringLiteral("-c"), QString::number(count), QStringLiteral("127.0.0.1")});
-    QSignalSpy finished(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
-    // The simulator runs on this thread: wait with the event loop running.
-    QVERIFY(finished.wait(10000));
-    const QString output = QString::fromLocal8Bit(process.readAllStandardOutput());
-    QCOMPARE(process.exitCode(), 0);
-    for (const QString &line : expected)
-        QVERIFY2(output.contains(line), qPrintable(output));
 }
 
 QTEST_GUILESS_MAIN(TstE1212Simulator)
