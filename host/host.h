@@ -71,7 +71,7 @@ public:
     unsigned long long runCommand(DAbstractPluginBackend *backend, const QString &command,
                                   const QMap<QString, QVariant> &arguments) override;
     unsigned long long runCommandEvery(DAbstractPluginBackend *backend, const QString &command,
-                                       const QMap<QString, QVariant> &arguments, int repeatMs);
+                                       const QMap<QString, QVariant> &arguments, int repeatMs) override;
     bool stopCommand(unsigned long long runId) override;
 
 private:

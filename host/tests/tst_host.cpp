@@ -32,20 +32,24 @@ class RecordingBackend : public DAbstractPluginBackend
 {
 public:
     QStringList events;
+    QSet<unsigned long long> runIds;
     QVariantMap finishedResults;
     IMessenger::EnErrorCode failCode = IMessenger::CeNoError;
 
-    void commandResultChanged(unsigned long long, const QString &command, const QString &name, const QVariant &) override
+    void commandResultChanged(unsigned long long runId, const QString &command, const QString &name, const QVariant &) override
     {
+        runIds << runId;
         events << command + QStringLiteral(" result ") + name;
     }
-    void commandFinished(unsigned long long, const QString &command, const QMap<QString, QVariant> &results) override
+    void commandFinished(unsigned long long runId, const QString &command, const QMap<QString, QVariant> &results) override
     {
+        runIds << runId;
         events << command + QStringLiteral(" finished");
         finishedResults = results;
     }
-    void commandFailed(unsigned long long, const QString &command, const DError &error) override
+    void commandFailed(unsigned long long runId, const QString &command, const DError &error) override
     {
+        runIds << runId;
         events << command + QStringLiteral(" failed");
         failCode = error.code;
     }
@@ -427,6 +431,40 @@ private slots:
         QCOMPARE(backend.events.last(), QStringLiteral("watch finished"));
         QCOMPARE(backend.finishedResults.value(QStringLiteral("values")).toList(), QVariantList{1});
         QVERIFY(!backend.stopCommand(watch));
+    }
+
+    void periodicRuns_data()
+    {
+        QTest::addColumn<QVariantList>("replies");
+        QTest::addColumn<QString>("event");
+        QTest::newRow("every run succeeds") << QVariantList{reply(QVariantList{4})} << QStringLiteral("probe finished");
+        QTest::newRow("failed runs go on") << QVariantList{QVariantMap{{QStringLiteral("error"), QStringLiteral("refused")},
+                                                                     {QStringLiteral("errorCode"), int(IMessenger::CeNoConnection)}}}
+                                           << QStringLiteral("probe failed");
+    }
+
+    // A schedule runs again a period after each run ends, reports every run under one id,
+    // and ends with stopCommand.
+    void periodicRuns()
+    {
+        QFETCH(QVariantList, replies);
+        QFETCH(QString, event);
+        setScript({rule(QStringLiteral("read"), replies)});
+        RecordingBackend backend;
+        backend.setPlugin(m_device);
+        QElapsedTimer clock;
+        clock.start();
+        const unsigned long long runId = backend.runCommandEvery(QStringLiteral("probe"), {}, 40);
+        QVERIFY(runId);
+        QTRY_VERIFY_WITH_TIMEOUT(backend.events.count(event) >= 3, 3000);
+        // Three runs, two periods between them at least.
+        QVERIFY(clock.elapsed() >= 80);
+        QCOMPARE(backend.runIds, QSet<unsigned long long>{runId});
+        QCOMPARE(backend.failCode, event.endsWith(QLatin1String("failed")) ? IMessenger::CeNoConnection : IMessenger::CeNoError);
+        QVERIFY(backend.stopCommand(runId));
+        const int runs = started().size();
+        QVERIFY(!QTest::qWaitFor([&] { return started().size() > runs; }, 150));
+        QVERIFY(!backend.stopCommand(runId));
     }
 
     void deletedBackendHearsNothing()

@@ -126,24 +126,10 @@ QVariant DAbstractCommand::getInfoFromChannel(const QString &channel, const QStr
     const DAbstractPlugin *owner = plugin();
     if (!owner)
         return defaultValue;
-    const QVariantList table = owner->getFromParameters(QStringLiteral("channels")).toList();
-    for (const QVariant &record : table) {
-        const QVariantMap recordMap = record.toMap();
-        if (recordMap.value(QStringLiteral("id")).toString() != channel)
-            continue;
-        const QVariantList entries = recordMap.value(QStringLiteral("value")).toList();
-        for (const QVariant &entry : entries) {
-            const QVariantMap entryMap = entry.toMap();
-            if (entryMap.value(QStringLiteral("id")).toString() != key)
-                continue;
-            QVariant value = entryMap.value(QStringLiteral("value"));
-            if (!value.isValid() || !value.convert(type))
-                return defaultValue;
-            return value;
-        }
+    QVariant value = owner->channelInfo(channel, key);
+    if (!value.isValid() || !value.convert(type))
         return defaultValue;
-    }
-    return defaultValue;
+    return value;
 }
 
 unsigned long long DAbstractCommand::addInstruction(const QString &target, const QString &instruction,

@@ -56,8 +56,8 @@ public:
     // value of the declared type (65535 for a "ui16", not "" for a "varL"); otherwise `defaultValue`.
     QVariant getParameterValue(const QString &name, const QVariant &defaultValue = QVariant()) const;
 
-    // Looks in the plug-in's "channels" parameter for the record whose "id" is `channel`,
-    // then in its "value" list for the entry whose "id" is `key`, and returns that entry's
+    // Looks in the plug-in's "channels" parameter (its index) for the first record whose "id" is `channel`,
+    // then in its "value" list for the first entry whose "id" is `key`, and returns that entry's
     // "value" converted to `type`. Returns `defaultValue` when the table, the record or the
     // entry is missing, or when the value does not convert.
     QVariant getInfoFromChannel(const QString &channel, const QString &key, QMetaType::Type type,

@@ -189,6 +189,8 @@ QVariant DAbstractPlugin::getFromParameters(const QString &name) const
 void DAbstractPlugin::addToParameters(const QString &name, const QVariant &value)
 {
     m_parameters.insert(name, value);
+    if (name == QLatin1String("channels"))
+        m_channelIndex.rebuild(value);
 }
 
 void DAbstractPlugin::initAbstractCommands()

@@ -3,6 +3,7 @@
 // the registry of the commands the plug-in declares.
 #pragma once
 
+#include "dchannelindex.h"
 #include "iplugin.h"
 
 #include <QList>
@@ -56,7 +57,10 @@ public:
     // Parameters: values the host (or the plug-in itself) publishes for the commands.
     // An invalid QVariant when the name was never added.
     QVariant getFromParameters(const QString &name) const;
+    // Publishing "channels" also re-indexes the channel table for channelInfo().
     void addToParameters(const QString &name, const QVariant &value);
+    // The raw "value" of entry `key` in the "channels" record `channel` (see DChannelIndex).
+    QVariant channelInfo(const QString &channel, const QString &key) const { return m_channelIndex.value(channel, key); }
 
     // Lets the framework declare its generic commands, before the plug-in's own.
     void initAbstractCommands();
@@ -87,6 +91,7 @@ private:
     const bool m_hidden;
     QMap<QString, QVariant> m_properties;
     QMap<QString, QVariant> m_parameters;
+    DChannelIndex m_channelIndex;
     QSharedPointer<QJsonObject> m_mainConfig;
     QList<DAbstractCommand *> m_commands;
     IMessenger *m_messenger = nullptr;

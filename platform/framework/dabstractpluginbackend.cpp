@@ -21,13 +21,24 @@ void DAbstractPluginBackend::setPlugin(DAbstractPlugin *plugin)
 
 unsigned long long DAbstractPluginBackend::runCommand(const QString &command, const QMap<QString, QVariant> &arguments)
 {
+    IMessenger *messenger = attachedMessenger(command);
+    return messenger ? messenger->runCommand(this, command, arguments) : 0;
+}
+
+unsigned long long DAbstractPluginBackend::runCommandEvery(const QString &command, const QMap<QString, QVariant> &arguments,
+                                                           int repeatMs)
+{
+    IMessenger *messenger = attachedMessenger(command);
+    return messenger ? messenger->runCommandEvery(this, command, arguments, repeatMs) : 0;
+}
+
+IMessenger *DAbstractPluginBackend::attachedMessenger(const QString &command)
+{
     IMessenger *messenger = m_plugin ? m_plugin->messenger() : nullptr;
-    if (!messenger) {
+    if (!messenger)
         commandFailed(0, command, DError{IMessenger::CeNoRoute, 0,
                       QStringLiteral("cannot run \"%1\": the back-end is not attached to a plug-in with a host").arg(command)});
-        return 0;
-    }
-    return messenger->runCommand(this, command, arguments);
+    return messenger;
 }
 
 bool DAbstractPluginBackend::stopCommand(unsigned long long runId)

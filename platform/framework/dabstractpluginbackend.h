@@ -25,6 +25,10 @@ public:
     // Runs one of the plug-in's commands. Returns the run id, or 0 when the back-end has
     // no plug-in or the plug-in no messenger (commandFailed is then called with CeNoRoute).
     unsigned long long runCommand(const QString &command, const QMap<QString, QVariant> &arguments = {});
+    // Runs the command now and again `repeatMs` after each run ends, until stopCommand();
+    // each run reports through the hooks below under the returned run id, a failed one
+    // included, and the schedule goes on. 0 as for runCommand.
+    unsigned long long runCommandEvery(const QString &command, const QMap<QString, QVariant> &arguments, int repeatMs);
     // Stops a running command (a listening one); false when no such run is active.
     bool stopCommand(unsigned long long runId);
 
@@ -39,5 +43,8 @@ signals:
     void pluginChanged();
 
 private:
+    // The plug-in's messenger; nullptr after telling commandFailed (CeNoRoute) why not.
+    IMessenger *attachedMessenger(const QString &command);
+
     QPointer<DAbstractPlugin> m_plugin;
 };

@@ -49,6 +49,12 @@ public:
     // Returns a run id unique within the host.
     virtual unsigned long long runCommand(DAbstractPluginBackend *backend, const QString &command,
                                           const QMap<QString, QVariant> &arguments) = 0;
-    // Stops a run started by runCommand. False when no such run is active.
+    // Runs the command now and again `repeatMs` after each run ends, until stopCommand(runId).
+    // Every run reports through the back-end's hooks under the same run id; a failed run
+    // does not end the schedule. Returns a run id unique within the host.
+    virtual unsigned long long runCommandEvery(DAbstractPluginBackend *backend, const QString &command,
+                                               const QMap<QString, QVariant> &arguments, int repeatMs) = 0;
+    // Stops a run started by runCommand or a schedule started by runCommandEvery (and its
+    // run in progress). False when no such run is active.
     virtual bool stopCommand(unsigned long long runId) = 0;
 };

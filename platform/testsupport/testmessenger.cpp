@@ -24,7 +24,14 @@ unsigned long long TestMessenger::sendInstruction(DAbstractCommand *command, con
 unsigned long long TestMessenger::runCommand(DAbstractPluginBackend *backend, const QString &command,
                                              const QMap<QString, QVariant> &arguments)
 {
+    return runCommandEvery(backend, command, arguments, 0);
+}
+
+unsigned long long TestMessenger::runCommandEvery(DAbstractPluginBackend *backend, const QString &command,
+                                                  const QMap<QString, QVariant> &arguments, int repeatMs)
+{
     Run run;
+    run.repeatMs = repeatMs;
     run.id = m_nextId++;
     run.backend = backend;
     run.command = command;

@@ -29,6 +29,8 @@ public:
         QPointer<DAbstractPluginBackend> backend;
         QString command;
         QMap<QString, QVariant> arguments;
+        // 0 for runCommand, else runCommandEvery's period.
+        int repeatMs = 0;
         bool stopped = false;
     };
 
@@ -37,6 +39,8 @@ public:
                                        int timeoutMs, const ReplyCallback &callback) override;
     unsigned long long runCommand(DAbstractPluginBackend *backend, const QString &command,
                                   const QMap<QString, QVariant> &arguments) override;
+    unsigned long long runCommandEvery(DAbstractPluginBackend *backend, const QString &command,
+                                       const QMap<QString, QVariant> &arguments, int repeatMs) override;
     bool stopCommand(unsigned long long runId) override;
 
     const QList<Instruction> &instructions() const { return m_instructions; }
