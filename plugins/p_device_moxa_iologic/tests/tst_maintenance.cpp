@@ -16,15 +16,12 @@
 
 namespace {
 const QUrl c_panelUrl(QStringLiteral("qrc:/{43ae4651-f855-42c1-81e2-c73130e79008}/maintenance_panel.qml"));
-const QString c_reference = QStringLiteral("Moxa E1212 io1");
 constexpr int c_pollMs = 100;
 constexpr int c_timeoutMs = 400;
 // Enough for a few polls and a time-out, never a hidden sleep: every wait ends on its condition.
 constexpr int c_waitMs = 5000;
-
-// Values of BeMaintenanceDeviceMoxaIoLogic::EnConnectionState and DMoxaChannel::EnChannelType.
-enum { Connected = 2, NotAnswering = 3 };
-enum { BinIn = 3, BinOut = 4 };
+// Values of BeMaintenanceDeviceMoxaIoLogic::EnConnectionState.
+enum { Connected = 2, NotAnswering = 3, Error = 4 };
 
 QQuickItem *findItem(QQuickItem *parent, const QString &name)
 {
@@ -35,6 +32,17 @@ QQuickItem *findItem(QQuickItem *parent, const QString &name)
             return found;
     }
     return nullptr;
+}
+
+// Every visible text item under `item`, in scene coordinates.
+void visibleTexts(QQuickItem *item, QList<QQuickItem *> *texts)
+{
+    if (!item->isVisible() || item->opacity() == 0)
+        return;
+    if (item->metaObject()->indexOfProperty("truncated") >= 0 && !item->property("text").toString().isEmpty())
+        texts->append(item);
+    for (QQuickItem *child : item->childItems())
+        visibleTexts(child, texts);
 }
 } // namespace
 
@@ -47,20 +55,21 @@ private slots:
     void cleanup();
 
     void qmllintPasses();
-    void modelFillsFromTable_data();
-    void modelFillsFromTable();
-    void headerFillsFromGetInfo();
+    void headerNamesTheModule();
+    void layoutFits_data();
+    void layoutFits();
     void clickTogglesOutput();
-    void clickOnInputDoesNothing();
     void inputShowsWithinPoll();
-    void stoppedDeviceShowsNotAnsweringThenRecovers();
+    void blinkingIsReadFromThePulseStatus();
+    void failureShowsThenClears_data();
+    void failureShowsThenClears();
     void screenshot();
 
 private:
     QQuickItem *tile(const QString &channelId) const;
-    QString tileState(const QString &channelId) const;
+    QString tileText(const QString &channelId, const QString &part = QStringLiteral("state")) const;
     QString text(const QString &objectName) const;
-    QVariant channelValue(const QString &channelId) const;
+    int state() const { return m_backend->property("connectionState").toInt(); }
     void click(const QString &channelId);
 
     E1212Simulator m_simulator;
@@ -80,24 +89,24 @@ void TstMaintenance::initTestCase()
     QString error;
     QVERIFY2(m_simulator.start(QHostAddress::LocalHost, 0, &error), qPrintable(error));
     m_port = m_simulator.port();
-
     m_plugins.scan({QStringLiteral(E1212_PLUGIN_DIR)});
     QList<DeviceConfig> configs = DeviceConfig::loadFile(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"), &error);
     QVERIFY2(configs.size() == 1, qPrintable(error));
     DeviceConfig config = configs.constFirst();
-    config.connection = {{QStringLiteral("host"), QStringLiteral("127.0.0.1")},
-                         {QStringLiteral("port"), m_port},
-                         {QStringLiteral("timeoutMs"), c_timeoutMs}};
+    config.connection = {{QStringLiteral("host"), QStringLiteral("127.0.0.1")}, {QStringLiteral("port"), m_port},
+                         {QStringLiteral("timeoutMs"), c_timeoutMs}, {QStringLiteral("pollIntervalMs"), c_pollMs}};
     m_host.reset(new Host(&m_plugins));
     // The commands ask for 3000 ms; a dead device must show sooner in a test.
     m_host->setTimeoutOverride(c_timeoutMs);
     QVERIFY2(m_host->addDevice(config, &error), qPrintable(error));
-    m_device = m_host->device(c_reference);
+    m_device = m_host->device(config.reference);
     QVERIFY(m_device);
 }
 
 void TstMaintenance::init()
 {
+    m_simulator.clearExceptions();
+    m_simulator.setResponseDelay(0);
     for (int channel = 0; channel < E1212Simulator::ChannelCount; ++channel) {
         m_simulator.setInput(channel, false);
         m_simulator.setPulseStatus(channel, false);
@@ -106,8 +115,7 @@ void TstMaintenance::init()
     m_view.reset(new QQuickView);
     connect(m_view->engine(), &QQmlEngine::warnings, this, [this](const QList<QQmlError> &w) { m_qmlWarnings << w; });
     m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceDevice"), m_device);
-    m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceConnectionPath"),
-                                              QStringLiteral("127.0.0.1:%1").arg(m_port));
+    m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceConnectionPath"), QStringLiteral("127.0.0.1:%1").arg(m_port));
     m_view->rootContext()->setContextProperty(QStringLiteral("maintenancePollIntervalMs"), c_pollMs);
     m_view->setResizeMode(QQuickView::SizeRootObjectToView);
     m_view->resize(800, 480);
@@ -117,9 +125,8 @@ void TstMaintenance::init()
     QVERIFY(QTest::qWaitForWindowExposed(m_view.data()));
     m_backend = m_view->rootObject()->findChild<QObject *>(QStringLiteral("backend"));
     QVERIFY(m_backend);
-    QTRY_COMPARE_WITH_TIMEOUT(m_backend->property("connectionState").toInt(), int(Connected), c_waitMs);
-    // Every channel has a value once the first polls are in.
-    QTRY_VERIFY_WITH_TIMEOUT(channelValue(QStringLiteral("DO7")).isValid() && channelValue(QStringLiteral("DI7")).isValid(), c_waitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(state(), int(Connected), c_waitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(tileText(QStringLiteral("DO7")) == QLatin1String("OFF") && tileText(QStringLiteral("DI7")) == QLatin1String("OFF"), c_waitMs);
 }
 
 void TstMaintenance::cleanup()
@@ -132,6 +139,8 @@ void TstMaintenance::cleanup()
     for (const QQmlError &w : qAsConst(m_qmlWarnings))
         warnings += w.toString() + QLatin1Char('\n');
     QVERIFY2(m_qmlWarnings.isEmpty(), qPrintable(warnings));
+    if (m_simulator.state() != E1212Simulator::Running)
+        QVERIFY(m_simulator.start(QHostAddress::LocalHost, m_port));
 }
 
 QQuickItem *TstMaintenance::tile(const QString &channelId) const
@@ -141,11 +150,11 @@ QQuickItem *TstMaintenance::tile(const QString &channelId) const
     return findItem(findItem(m_view->rootObject(), group), QStringLiteral("tile_") + channelId);
 }
 
-QString TstMaintenance::tileState(const QString &channelId) const
+QString TstMaintenance::tileText(const QString &channelId, const QString &part) const
 {
     QQuickItem *t = tile(channelId);
-    QQuickItem *state = t ? findItem(t, QStringLiteral("state")) : nullptr;
-    return state ? state->property("text").toString() : QStringLiteral("(no tile %1)").arg(channelId);
+    QQuickItem *item = t ? findItem(t, part) : nullptr;
+    return item ? item->property("text").toString() : QStringLiteral("(no %1 in tile %2)").arg(part, channelId);
 }
 
 QString TstMaintenance::text(const QString &objectName) const
@@ -156,19 +165,11 @@ QString TstMaintenance::text(const QString &objectName) const
     return item ? item->property("text").toString() : QStringLiteral("(no item %1)").arg(objectName);
 }
 
-QVariant TstMaintenance::channelValue(const QString &channelId) const
-{
-    QQuickItem *t = tile(channelId);
-    return t ? t->property("modelData").value<QObject *>()->property("value") : QVariant();
-}
-
 void TstMaintenance::click(const QString &channelId)
 {
     QQuickItem *t = tile(channelId);
-    QVERIFY(t);
-    QVERIFY(t->isVisible());
-    const QPointF centre = t->mapToScene(QPointF(t->width() / 2, t->height() / 2));
-    QTest::mouseClick(m_view.data(), Qt::LeftButton, Qt::NoModifier, centre.toPoint());
+    QVERIFY(t && t->isVisible());
+    QTest::mouseClick(m_view.data(), Qt::LeftButton, Qt::NoModifier, t->mapToScene(QPointF(t->width() / 2, t->height() / 2)).toPoint());
 }
 
 void TstMaintenance::qmllintPasses()
@@ -182,161 +183,173 @@ void TstMaintenance::qmllintPasses()
              qPrintable(QString::fromLocal8Bit(lint.readAllStandardOutput() + lint.readAllStandardError())));
 }
 
-void TstMaintenance::modelFillsFromTable_data()
+void TstMaintenance::headerNamesTheModule()
 {
-    QTest::addColumn<int>("row");
-    QTest::addColumn<QString>("id");
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<bool>("inInputs");
-
-    QTest::newRow("first input") << 0 << "DI0" << "Digital input 0" << int(BinIn) << true;
-    QTest::newRow("last output") << 15 << "DO7" << "Digital output 7" << int(BinOut) << false;
-}
-
-void TstMaintenance::modelFillsFromTable()
-{
-    QFETCH(int, row);
-    QFETCH(QString, id);
-    QFETCH(QString, label);
-    QFETCH(int, type);
-    QFETCH(bool, inInputs);
-
-    auto *model = m_backend->property("channelsModel").value<QAbstractListModel *>();
-    QVERIFY(model);
-    // 16 channels; the three pulse register records are not channels.
-    QCOMPARE(model->property("length").toInt(), 16);
-    QObject *channel = model->data(model->index(row), Qt::UserRole).value<QObject *>();
-    QVERIFY(channel);
-    QCOMPARE(channel->property("id").toString(), id);
-    QCOMPARE(channel->property("label").toString(), label);
-    QCOMPARE(channel->property("type").toInt(), type);
-
-    // The tile sits in its own group, and once only.
-    QQuickItem *t = tile(id);
-    QVERIFY(t);
-    QVERIFY(t->isVisible());
-    QQuickItem *other = findItem(m_view->rootObject(), inInputs ? QStringLiteral("outputs") : QStringLiteral("inputs"));
-    QVERIFY(!findItem(other, QStringLiteral("tile_") + id)->isVisible());
-}
-
-void TstMaintenance::headerFillsFromGetInfo()
-{
-    // init() loaded the panel and saw it connect; cleanup() fails on any QML warning.
-    QCOMPARE(text(QStringLiteral("connectionState")), QStringLiteral("Connected"));
-    QVERIFY(!findItem(m_view->rootObject(), QStringLiteral("errorText"))->isVisible());
     QTRY_COMPARE_WITH_TIMEOUT(text(QStringLiteral("modelName")), E1212Simulator::modelName(), c_waitMs);
+    QCOMPARE(text(QStringLiteral("reference")), QStringLiteral("Moxa E1212 io1"));
+    QCOMPARE(text(QStringLiteral("connection")), QStringLiteral("127.0.0.1:%1").arg(m_port));
     QCOMPARE(text(QStringLiteral("firmware")), E1212Simulator::firmwareVersion());
     QCOMPARE(text(QStringLiteral("mac")), E1212Simulator::macAddress());
-    QCOMPARE(text(QStringLiteral("connection")), QStringLiteral("127.0.0.1:%1").arg(m_port));
-    QCOMPARE(m_backend->property("serialNumber").toString(), QString());
+    QCOMPARE(text(QStringLiteral("connectionState")), QStringLiteral("Connected"));
+}
+
+void TstMaintenance::layoutFits_data()
+{
+    QTest::addColumn<QSize>("size");
+    QTest::newRow("640x400") << QSize(640, 400);
+    QTest::newRow("800x480") << QSize(800, 480);
+    QTest::newRow("1920x1080") << QSize(1920, 1080);
+    QTest::newRow("3840x2160") << QSize(3840, 2160);
+}
+
+void TstMaintenance::layoutFits()
+{
+    QFETCH(QSize, size);
+    // The widest texts a tile shows: "blinking" and the age of a stale value.
+    m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 2, 200);
+    m_simulator.setPulseStatus(2, true);
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO2")), QStringLiteral("blinking"), c_waitMs);
+    m_simulator.stop();
+    QTRY_VERIFY_WITH_TIMEOUT(m_backend->property("stale").toBool(), c_waitMs);
+    m_view->resize(size);
+    QTRY_COMPARE_WITH_TIMEOUT(m_view->rootObject()->size(), QSizeF(size), c_waitMs);
+    // Layouts settle in the polish pass before a frame: measure after one.
+    QSignalSpy frame(m_view.data(), &QQuickWindow::frameSwapped);
+    m_view->update();
+    QVERIFY(frame.wait(c_waitMs));
+
+    QList<QQuickItem *> texts;
+    visibleTexts(m_view->rootObject(), &texts);
+    QVERIFY(texts.size() > 40);
+    const QRectF window(QPointF(0, 0), QSizeF(size));
+    QList<QRectF> boxes;
+    for (QQuickItem *item : qAsConst(texts)) {
+        const QString what = item->property("text").toString();
+        QVERIFY2(!item->property("truncated").toBool(), qPrintable(QStringLiteral("\"%1\" is elided").arg(what)));
+        const QSizeF drawn(item->property("contentWidth").toReal(), item->property("contentHeight").toReal());
+        QVERIFY2(drawn.width() <= item->width() + 0.5, qPrintable(QStringLiteral("\"%1\" is cut").arg(what)));
+        const QRectF box = item->mapRectToScene(QRectF(QPointF(0, 0), drawn.expandedTo(item->size())));
+        QVERIFY2(window.contains(box), qPrintable(QStringLiteral("\"%1\" leaves the window").arg(what)));
+        for (int other = 0; other < boxes.size(); ++other)
+            QVERIFY2(!boxes.at(other).intersects(box), qPrintable(QStringLiteral("\"%1\" overlaps \"%2\"")
+                                                                      .arg(what, texts.at(other)->property("text").toString())));
+        boxes << box;
+    }
+    // Fonts and tiles grow together: a tile stays three to six lines of its state text high.
+    QQuickItem *t = tile(QStringLiteral("DO2"));
+    const qreal lines = t->height() / findItem(t, QStringLiteral("state"))->property("font").value<QFont>().pixelSize();
+    QVERIFY2(lines >= 3 && lines <= 6, qPrintable(QString::number(lines)));
 }
 
 void TstMaintenance::clickTogglesOutput()
 {
-    const int channel = 5;
     const QString id = QStringLiteral("DO5");
-    QCOMPARE(tileState(id), QStringLiteral("OFF"));
     QSignalSpy outputs(&m_simulator, &E1212Simulator::outputChanged);
-    QSignalSpy pending(m_backend, SIGNAL(pendingChannelsChanged()));
-
     click(id);
-    // Pending until the device's read-back arrives; the display does not follow the click.
-    QCOMPARE(m_backend->property("pendingChannels").toStringList(), QStringList{id});
-    QCOMPARE(channelValue(id), QVariant(false));
-    QCOMPARE(tileState(id), QStringLiteral("…"));
-    QTRY_VERIFY_WITH_TIMEOUT(m_simulator.output(channel), c_waitMs);
-    QCOMPARE(outputs.count(), 1);
-    QCOMPARE(outputs.constFirst(), (QVariantList{channel, true}));
-    QTRY_COMPARE_WITH_TIMEOUT(tileState(id), QStringLiteral("ON"), c_waitMs);
-    QCOMPARE(channelValue(id), QVariant(true));
-    QVERIFY(m_backend->property("pendingChannels").toStringList().isEmpty());
-    QCOMPARE(pending.count(), 2);
-
-    // A second click turns it off again; no other output moved.
+    // "…" until the device shows the new state; the display does not follow the click.
+    QCOMPARE(tileText(id), QStringLiteral("…"));
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(id), QStringLiteral("ON"), c_waitMs);
+    QVERIFY(m_simulator.output(5));
     click(id);
-    QTRY_COMPARE_WITH_TIMEOUT(tileState(id), QStringLiteral("OFF"), c_waitMs);
-    QVERIFY(!m_simulator.output(channel));
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(id), QStringLiteral("OFF"), c_waitMs);
     QCOMPARE(outputs.count(), 2);
-    QCOMPARE(outputs.at(1), (QVariantList{channel, false}));
-}
-
-void TstMaintenance::clickOnInputDoesNothing()
-{
-    QSignalSpy pending(m_backend, SIGNAL(pendingChannelsChanged()));
-    const int requests = m_simulator.requestCount();
-    click(QStringLiteral("DI2"));
-    bool accepted = true;
-    QVERIFY(QMetaObject::invokeMethod(m_backend, "clickedOnChannel", Q_RETURN_ARG(bool, accepted),
-                                      Q_ARG(QString, QStringLiteral("DI2"))));
-    QVERIFY(!accepted);
-    QCOMPARE(pending.count(), 0);
-    // Only polls reach the device: wait for two more reads and check no write came.
-    QTRY_VERIFY_WITH_TIMEOUT(m_simulator.requestCount() >= requests + 4, c_waitMs);
-    QVERIFY(!m_simulator.input(2));
-    QCOMPARE(tileState(QStringLiteral("DI2")), QStringLiteral("OFF"));
-    QCOMPARE(pending.count(), 0);
+    QCOMPARE(outputs.at(1), (QVariantList{5, false}));
 }
 
 void TstMaintenance::inputShowsWithinPoll()
 {
-    const int channel = 3;
-    const QString id = QStringLiteral("DI3");
-    QCOMPARE(tileState(id), QStringLiteral("OFF"));
-    m_simulator.setInput(channel, true);
-    QTRY_COMPARE_WITH_TIMEOUT(tileState(id), QStringLiteral("ON"), c_waitMs);
-    for (int other = 0; other < E1212Simulator::ChannelCount; ++other) {
-        if (other != channel)
-            QCOMPARE(tileState(QStringLiteral("DI%1").arg(other)), QStringLiteral("OFF"));
-    }
-    m_simulator.setInput(channel, false);
-    QTRY_COMPARE_WITH_TIMEOUT(tileState(id), QStringLiteral("OFF"), c_waitMs);
+    m_simulator.setInput(3, true);
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DI3")), QStringLiteral("ON"), c_waitMs);
+    for (int other = 0; other < E1212Simulator::ChannelCount; ++other)
+        QCOMPARE(tileText(QStringLiteral("DI%1").arg(other)), other == 3 ? QStringLiteral("ON") : QStringLiteral("OFF"));
 }
 
-void TstMaintenance::stoppedDeviceShowsNotAnsweringThenRecovers()
+void TstMaintenance::blinkingIsReadFromThePulseStatus()
 {
-    m_simulator.stop();
-    QTRY_COMPARE_WITH_TIMEOUT(m_backend->property("connectionState").toInt(), int(NotAnswering), c_waitMs);
-    QCOMPARE(text(QStringLiteral("connectionState")), QStringLiteral("Not answering"));
-    QQuickItem *error = findItem(m_view->rootObject(), QStringLiteral("errorText"));
-    QVERIFY(error->isVisible());
-    QVERIFY2(error->property("text").toString().contains(QStringLiteral("getValues")), qPrintable(error->property("text").toString()));
+    m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 6, 150);
+    m_simulator.setPulseStatus(6, true);
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO6")), QStringLiteral("blinking"), c_waitMs);
+    // Clicking a blinking output stops it.
+    click(QStringLiteral("DO6"));
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO6")), QStringLiteral("OFF"), c_waitMs);
+    QVERIFY(!m_simulator.pulseStatus(6));
+}
 
-    QString startError;
-    QVERIFY2(m_simulator.start(QHostAddress::LocalHost, m_port, &startError), qPrintable(startError));
-    m_simulator.setInput(4, true);
-    QTRY_COMPARE_WITH_TIMEOUT(m_backend->property("connectionState").toInt(), int(Connected), c_waitMs);
-    QTRY_COMPARE_WITH_TIMEOUT(tileState(QStringLiteral("DI4")), QStringLiteral("ON"), c_waitMs);
-    QCOMPARE(text(QStringLiteral("connectionState")), QStringLiteral("Connected"));
-    QVERIFY(!error->isVisible());
+void TstMaintenance::failureShowsThenClears_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<int>("state");
+    QTest::addColumn<QString>("text");
+
+    QTest::newRow("stopped") << "stop" << int(NotAnswering) << "No answer from 127.0.0.1:%1 for ";
+    QTest::newRow("too slow") << "delay" << int(NotAnswering) << "No answer from 127.0.0.1:%1 for ";
+    QTest::newRow("exception") << "exception" << int(Error) << "Module refused: illegal data address at coil 16";
+}
+
+void TstMaintenance::failureShowsThenClears()
+{
+    QFETCH(QString, fault);
+    QFETCH(int, state);
+    QFETCH(QString, text);
+
+    m_simulator.setInput(1, true);
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DI1")), QStringLiteral("ON"), c_waitMs);
+    if (fault == QLatin1String("stop"))
+        m_simulator.stop();
+    else if (fault == QLatin1String("delay"))
+        m_simulator.setResponseDelay(2 * c_timeoutMs);
+    else
+        m_simulator.setException(QModbusDataUnit::Coils, E1212Simulator::PulseStatusBase, QModbusPdu::IllegalDataAddress);
+    QTRY_COMPARE_WITH_TIMEOUT(this->state(), state, c_waitMs);
+    QVERIFY2(this->text(QStringLiteral("errorText")).startsWith(text.arg(m_port)), qPrintable(this->text(QStringLiteral("errorText"))));
+    QVERIFY(!m_backend->property("errorDetails").toString().isEmpty());
+    // Values older than the last answer are marked while the module does not answer.
+    const bool stale = state == NotAnswering;
+    QCOMPARE(tileText(QStringLiteral("DI1"), QStringLiteral("label")).endsWith(QLatin1String(" s old")), stale);
+    QCOMPARE(tileText(QStringLiteral("DI1")), QStringLiteral("ON"));
+
+    if (fault == QLatin1String("stop"))
+        QVERIFY(m_simulator.start(QHostAddress::LocalHost, m_port));
+    m_simulator.setResponseDelay(0);
+    m_simulator.clearExceptions();
+    m_simulator.setInput(1, false);
+    QTRY_COMPARE_WITH_TIMEOUT(this->state(), int(Connected), c_waitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DI1")), QStringLiteral("OFF"), c_waitMs);
+    QCOMPARE(tileText(QStringLiteral("DI1"), QStringLiteral("label")), QStringLiteral("Digital input 1"));
+    QVERIFY(!findItem(m_view->rootObject(), QStringLiteral("errorText"))->isVisible());
 }
 
 void TstMaintenance::screenshot()
 {
-    // Outputs DO1 and DO4 on, inputs DI0 and DI5 on: the picture in the README.
+    // Outputs DO1 and DO4 on, DO6 blinking, inputs DI0 and DI5 on: the pictures in the README.
     click(QStringLiteral("DO1"));
     click(QStringLiteral("DO4"));
+    m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 6, 500);
+    m_simulator.setPulseStatus(6, true);
     m_simulator.setInput(0, true);
     m_simulator.setInput(5, true);
     for (const QString &id : {QStringLiteral("DO1"), QStringLiteral("DO4"), QStringLiteral("DI0"), QStringLiteral("DI5")})
-        QTRY_COMPARE_WITH_TIMEOUT(tileState(id), QStringLiteral("ON"), c_waitMs);
+        QTRY_COMPARE_WITH_TIMEOUT(tileText(id), QStringLiteral("ON"), c_waitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO6")), QStringLiteral("blinking"), c_waitMs);
     QTRY_COMPARE_WITH_TIMEOUT(text(QStringLiteral("modelName")), E1212Simulator::modelName(), c_waitMs);
-
     QTest::mouseMove(m_view.data(), QPoint(1, 1)); // no hover frame in the picture
-    // grabWindow() gives nothing with the software scene graph on the offscreen platform.
-    const QSharedPointer<QQuickItemGrabResult> grab = m_view->rootObject()->grabToImage();
-    QVERIFY(grab);
-    QSignalSpy ready(grab.data(), &QQuickItemGrabResult::ready);
-    QVERIFY(ready.wait(c_waitMs));
-    const QImage image = grab->image();
-    QCOMPARE(image.size(), QSize(800, 480));
-    // An "on" output tile is drawn in its own colour, not the background's.
-    QQuickItem *on = tile(QStringLiteral("DO1"));
-    const QPointF onTile = on->mapToScene(QPointF(on->width() / 2, 6));
-    QVERIFY(image.pixelColor(onTile.toPoint()) != image.pixelColor(2, 2));
+
     const QString target = qEnvironmentVariable("E1212_PANEL_SCREENSHOT");
-    if (!target.isEmpty())
-        QVERIFY2(image.save(target), qPrintable(target));
+    for (const QSize &size : {QSize(800, 480), QSize(1920, 1080)}) {
+        m_view->resize(size);
+        QTRY_COMPARE_WITH_TIMEOUT(m_view->rootObject()->size(), QSizeF(size), c_waitMs);
+        // grabWindow() gives nothing with the software scene graph on the offscreen platform.
+        const QSharedPointer<QQuickItemGrabResult> grab = m_view->rootObject()->grabToImage();
+        QVERIFY(grab);
+        QSignalSpy ready(grab.data(), &QQuickItemGrabResult::ready);
+        QVERIFY(ready.wait(c_waitMs));
+        QCOMPARE(grab->image().size(), size);
+        // An "on" output tile is drawn in its own colour, not the background's.
+        QQuickItem *on = tile(QStringLiteral("DO1"));
+        QVERIFY(grab->image().pixelColor(on->mapToScene(QPointF(on->width() / 2, 6)).toPoint()) != grab->image().pixelColor(2, 2));
+        if (!target.isEmpty())
+            QVERIFY2(grab->image().save(QString(target).replace(QStringLiteral(".png"), size.width() == 800 ? QStringLiteral(".png") : QStringLiteral("-%1x%2.png").arg(size.width()).arg(size.height()))), qPrintable(target));
+    }
 }
 
 QTEST_MAIN(TstMaintenance)

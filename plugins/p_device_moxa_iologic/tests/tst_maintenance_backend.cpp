@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The maintenance back-end's answers to what the simulator cannot produce: refusals,
-// rejected replies, malformed results, a device the host cannot reach at all.
+// The maintenance back-end on a recording messenger: the runs it starts and what it makes of
+// answers the simulator cannot produce on demand (each error code, a refused write).
 #include "dabstractplugin.h"
 #include "dabstractpluginbackend.h"
+#include "logcapture.h"
 #include "testmessenger.h"
 
 #include <QJsonDocument>
@@ -14,7 +15,9 @@
 namespace {
 const QString c_pluginPath = QStringLiteral(E1212_PLUGIN_DIR "/libp_device_moxa_iologic.so");
 // Values of BeMaintenanceDeviceMoxaIoLogic::EnConnectionState.
-enum { Idle = 0, Connecting = 1, Connected = 2, NotAnswering = 3, Error = 4 };
+enum { Connected = 2, NotAnswering = 3, Error = 4 };
+const QString c_status = QStringLiteral("DO_PulseStatus");
+const QString c_onWidth = QStringLiteral("DO_PulseOnWidth");
 } // namespace
 
 class TstMaintenanceBackend : public QObject
@@ -23,23 +26,23 @@ class TstMaintenanceBackend : public QObject
 private slots:
     void initTestCase();
     void init();
-    void cleanup();
+    void cleanup() { m_backend.reset(); m_device.reset(); }
 
-    void noDevice();
-    void noChannelTable();
-    void oneReadPerBlockNeverQueued();
+    void startsListensAndSchedules();
     void failureShows_data();
     void failureShows();
-    void refusedWriteEndsPending();
-    void malformedReadIsIgnored();
-    void headerNotifiesRealChangesOnly();
+    void blinking_data();
+    void blinking();
+    void clickPendingUntilSeen_data();
+    void clickPendingUntilSeen();
 
 private:
-    DAbstractPlugin *newDevice(const QString &reference);
-    bool init(DAbstractPlugin *device);
     DAbstractPluginBackend *hooks() const { return qobject_cast<DAbstractPluginBackend *>(m_backend.data()); }
-    unsigned long long runId(const QString &command, const QString &channel = QString()) const;
-    QObject *channel(int row) const;
+    unsigned long long runId(const QString &command, const QString &channel) const;
+    void result(const QString &command, const QString &channel, const QString &name, const QVariant &value,
+                bool finish = true);
+    QVariant value(const QString &channelId) const;
+    QStringList property(const char *name) const { return m_backend->property(name).toStringList(); }
 
     QPluginLoader m_loader{c_pluginPath};
     QVariantMap m_parameters;
@@ -56,199 +59,215 @@ void TstMaintenanceBackend::initTestCase()
     QFile file(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"));
     QVERIFY2(file.open(QIODevice::ReadOnly), qPrintable(file.errorString()));
     m_parameters = QJsonDocument::fromJson(file.readAll()).toVariant().toMap().value(QStringLiteral("parameters")).toMap();
-    QVERIFY(!m_parameters.isEmpty());
 }
 
 void TstMaintenanceBackend::init()
 {
     m_messenger.clear();
-    QQmlComponent component(&m_engine);
-    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic {}\n", QUrl());
-    m_backend.reset(component.create());
-    QVERIFY2(m_backend, qPrintable(component.errorString()));
-}
-
-void TstMaintenanceBackend::cleanup()
-{
-    m_backend.reset();
-    m_device.reset();
-}
-
-DAbstractPlugin *TstMaintenanceBackend::newDevice(const QString &reference)
-{
     auto *root = qobject_cast<IPlugin *>(m_loader.instance());
     m_device.reset(dynamic_cast<DAbstractPlugin *>(root->createInstance(QUuid::createUuid())));
-    m_device->setProperty(QStringLiteral("reference"), reference, false);
+    m_device->setProperty(QStringLiteral("reference"), QStringLiteral("Moxa E1212 io1"), false);
     m_device->addToParameters(QStringLiteral("parameters"), m_parameters);
     m_device->setMessenger(&m_messenger);
     m_device->initPluginCommands();
-    return m_device.data();
-}
-
-bool TstMaintenanceBackend::init(DAbstractPlugin *device)
-{
-    m_backend->setProperty("device", QVariant::fromValue<QObject *>(device));
+    QQmlComponent component(&m_engine);
+    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic { connectionPath: \"10.0.0.9:502\" }\n", QUrl());
+    m_backend.reset(component.create());
+    QVERIFY2(m_backend, qPrintable(component.errorString()));
+    m_backend->setProperty("device", QVariant::fromValue<QObject *>(m_device.data()));
     bool ok = false;
     QMetaObject::invokeMethod(m_backend.data(), "initBackend", Q_RETURN_ARG(bool, ok));
-    return ok;
+    QVERIFY(ok);
 }
 
 unsigned long long TstMaintenanceBackend::runId(const QString &command, const QString &channel) const
 {
+    unsigned long long id = 0; // the latest run of it
     for (const TestMessenger::Run &run : m_messenger.runs()) {
-        if (run.command == command && (channel.isEmpty() || run.arguments.value(QStringLiteral("channel")) == channel))
-            return run.id;
+        if (run.command == command && run.arguments.value(QStringLiteral("channel")).toString() == channel && !run.stopped)
+            id = run.id;
     }
-    return 0;
+    return id;
 }
 
-QObject *TstMaintenanceBackend::channel(int row) const
+void TstMaintenanceBackend::result(const QString &command, const QString &channel, const QString &name,
+                                   const QVariant &value, bool finish)
+{
+    const unsigned long long id = runId(command, channel);
+    hooks()->commandResultChanged(id, command, name, value);
+    if (finish)
+        hooks()->commandFinished(id, command, {{name, value}});
+}
+
+QVariant TstMaintenanceBackend::value(const QString &channelId) const
 {
     auto *model = m_backend->property("channelsModel").value<QAbstractListModel *>();
-    return model->data(model->index(row), Qt::UserRole).value<QObject *>();
+    for (int row = 0; row < model->rowCount(); ++row) {
+        QObject *channel = model->data(model->index(row), Qt::UserRole).value<QObject *>();
+        if (channel->property("id").toString() == channelId)
+            return channel->property("value");
+    }
+    return QStringLiteral("(no channel %1)").arg(channelId);
 }
 
-void TstMaintenanceBackend::noDevice()
+void TstMaintenanceBackend::startsListensAndSchedules()
 {
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^No device")));
-    QVERIFY(!init(nullptr));
-    QCOMPARE(m_backend->property("connectionState").toInt(), int(Error));
-    QVERIFY(m_backend->property("errorText").toString().startsWith(QLatin1String("No device")));
-    QVERIFY(m_messenger.runs().isEmpty());
-}
-
-void TstMaintenanceBackend::noChannelTable()
-{
-    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("no channel table")));
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("No channels")));
-    QVERIFY(!init(newDevice(QStringLiteral("Moxa E1212 io9"))));
-    QCOMPARE(m_backend->property("connectionState").toInt(), int(Error));
-    const QString error = m_backend->property("errorText").toString();
-    QCOMPARE(error, QStringLiteral("No channels: the device \"Moxa E1212 io9\" has no channel table (plug-in parameter \"channels\")"));
-    QVERIFY(m_messenger.runs().isEmpty());
-}
-
-void TstMaintenanceBackend::oneReadPerBlockNeverQueued()
-{
-    QVERIFY(init(newDevice(QStringLiteral("Moxa E1212 io1"))));
-    QCOMPARE(m_backend->property("connectionState").toInt(), int(Connecting));
-    QCOMPARE(m_backend->property("connectionPath").toString(), QStringLiteral("Moxa E1212 io1"));
     QStringList runs;
     for (const TestMessenger::Run &run : m_messenger.runs())
-        runs << run.command + QLatin1Char(' ') + run.arguments.value(QStringLiteral("channel")).toString();
-    QCOMPARE(runs, (QStringList{QStringLiteral("getInfo "), QStringLiteral("getValues DI0"), QStringLiteral("getValues DO0")}));
+        runs << QStringLiteral("%1 %2 %3").arg(run.command, run.arguments.value(QStringLiteral("channel")).toString()).arg(run.repeatMs);
+    QStringList expected{QStringLiteral("getInfo  0")};
+    for (const char *kind : {"DI", "DO"})
+        for (int i = 0; i < 8; ++i)
+            expected << QStringLiteral("listenEvents %1%2 0").arg(QLatin1String(kind)).arg(i);
+    expected << QStringLiteral("getValues DO_PulseStatus 500") << QStringLiteral("getValues DO_PulseOnWidth 500");
+    QCOMPARE(runs, expected);
 
-    // While both reads are out, a poll asks nothing more of a slow device.
-    QMetaObject::invokeMethod(m_backend.data(), "updateChannelsValue");
-    QMetaObject::invokeMethod(m_backend.data(), "getDeviceInfo");
-    QCOMPARE(m_messenger.runs().size(), 3);
-
-    // The DI block's read ends: the next poll reads that block only.
-    hooks()->commandResultChanged(runId(QStringLiteral("getValues"), QStringLiteral("DI0")), QStringLiteral("getValues"),
-                                  QStringLiteral("values"), QVariantList{1, 0, 0, 0, 0, 0, 0, 1});
-    hooks()->commandFinished(runId(QStringLiteral("getValues"), QStringLiteral("DI0")), QStringLiteral("getValues"), {});
-    QCOMPARE(channel(0)->property("value"), QVariant(true));
-    QCOMPARE(channel(1)->property("value"), QVariant(false));
-    QCOMPARE(channel(7)->property("value"), QVariant(true));
-    QVERIFY(!channel(8)->property("value").isValid());
-    QMetaObject::invokeMethod(m_backend.data(), "updateChannelsValue");
-    QCOMPARE(m_messenger.runs().size(), 4);
-    QCOMPARE(m_messenger.runs().constLast().arguments.value(QStringLiteral("channel")).toString(), QStringLiteral("DI0"));
+    // A listen that an outage ended starts again once a scheduled read is answered.
+    hooks()->commandFailed(runId(QStringLiteral("listenEvents"), QStringLiteral("DI4")), QStringLiteral("listenEvents"),
+                           DError{IMessenger::CeTimeout, 0, QStringLiteral("no reply")});
+    QCOMPARE(m_messenger.runs().size(), expected.size());
+    result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), QVariantList{0, 0, 0, 0, 0, 0, 0, 0});
+    QCOMPARE(m_messenger.runs().size(), expected.size() + 1);
+    QCOMPARE(m_messenger.runs().constLast().arguments.value(QStringLiteral("channel")).toString(), QStringLiteral("DI4"));
+    // Listen reports show the channel; nothing more is started while everything runs.
+    result(QStringLiteral("listenEvents"), QStringLiteral("DO6"), QStringLiteral("values"),
+           QVariantMap{{QStringLiteral("values"), QVariantList{1}}}, false);
+    QCOMPARE(value(QStringLiteral("DO6")), QVariant(true));
+    QCOMPARE(m_backend->property("connectionState").toInt(), int(Connected));
+    result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), QVariantList{0, 0, 0, 0, 0, 0, 0, 0});
+    QCOMPARE(m_messenger.runs().size(), expected.size() + 1);
 }
 
 void TstMaintenanceBackend::failureShows_data()
 {
+    QTest::addColumn<QString>("channel");
     QTest::addColumn<int>("code");
-    QTest::addColumn<QString>("error");
+    QTest::addColumn<int>("exception");
+    QTest::addColumn<QString>("text");
     QTest::addColumn<int>("state");
 
-    QTest::newRow("time-out") << int(IMessenger::CeTimeout) << "no reply within 3000 ms" << int(NotAnswering);
-    QTest::newRow("no connection") << int(IMessenger::CeNoConnection) << "cannot connect to 10.0.0.9:502" << int(NotAnswering);
-    QTest::newRow("device exception") << int(IMessenger::CeModbusException) << "Modbus exception 2 (illegal data address)" << int(Error);
-    QTest::newRow("rejected reply") << int(IMessenger::CeReplyRejected) << "the command rejected the reply" << int(Error);
+    QTest::newRow("time-out") << c_status << int(IMessenger::CeTimeout) << 0
+                              << "No answer from 10.0.0.9:502 for 1 s" << int(NotAnswering);
+    QTest::newRow("no connection") << QStringLiteral("DI3") << int(IMessenger::CeNoConnection) << 0
+                                   << "No answer from 10.0.0.9:502 for 1 s" << int(NotAnswering);
+    QTest::newRow("exception") << c_status << int(IMessenger::CeModbusException) << 2
+                               << "Module refused: illegal data address at coil 16" << int(Error);
+    QTest::newRow("exception on a listen") << QStringLiteral("DI3") << int(IMessenger::CeModbusException) << 4
+                                           << "Module refused: server device failure at discrete input 3" << int(Error);
+    QTest::newRow("garbled") << c_onWidth << int(IMessenger::CeMalformedReply) << 0
+                             << "Garbled answer from the module at holding register 256" << int(Error);
+    QTest::newRow("rejected") << QStringLiteral("DO2") << int(IMessenger::CeReplyRejected) << 0
+                              << "Unexpected answer from the module at coil 2" << int(Error);
 }
 
 void TstMaintenanceBackend::failureShows()
 {
+    QFETCH(QString, channel);
     QFETCH(int, code);
-    QFETCH(QString, error);
+    QFETCH(int, exception);
+    QFETCH(QString, text);
     QFETCH(int, state);
 
-    QVERIFY(init(newDevice(QStringLiteral("Moxa E1212 io1"))));
-    QSignalSpy stateChanged(m_backend.data(), SIGNAL(connectionStateChanged()));
-    const unsigned long long outputs = runId(QStringLiteral("getValues"), QStringLiteral("DO0"));
-    QTest::ignoreMessage(QtWarningMsg, qPrintable(QStringLiteral("\"getValues\" on DO0: ") + error));
-    hooks()->commandFailed(outputs, QStringLiteral("getValues"), DError{IMessenger::EnErrorCode(code), 0, error});
+    const QString command = channel.startsWith(QLatin1String("DO_")) ? QStringLiteral("getValues") : QStringLiteral("listenEvents");
+    result(QStringLiteral("listenEvents"), QStringLiteral("DI0"), QStringLiteral("values"),
+           QVariantMap{{QStringLiteral("values"), QVariantList{0}}}, false);
+    const DError error{IMessenger::EnErrorCode(code), exception, QStringLiteral("the host's own words")};
+    LogCapture log;
+    hooks()->commandFailed(runId(command, channel), command, error);
+    QCOMPARE(m_backend->property("errorText").toString(), text);
+    QCOMPARE(m_backend->property("errorDetails").toString(), error.text);
     QCOMPARE(m_backend->property("connectionState").toInt(), state);
-    QCOMPARE(m_backend->property("errorText").toString(), QStringLiteral("\"getValues\" on DO0: ") + error);
-    QCOMPARE(stateChanged.count(), 1);
+    // Values on screen are stale exactly when the device does not answer.
+    QCOMPARE(m_backend->property("stale").toBool(), state == NotAnswering);
+    // Said once, as the plug-in's diagnostic line.
+    hooks()->commandFailed(runId(command, channel), command, error);
+    QCOMPARE(log.messages().size(), 1);
+    QCOMPARE(log.messages().constFirst().type, QtCriticalMsg);
+    QCOMPARE(log.messages().constFirst().category, QStringLiteral("default"));
+    QVERIFY2(log.messages().constFirst().text.contains(QStringLiteral("plugins/p_device_moxa_iologic/source/be_maintenance_plugin ;\t"))
+                 && log.messages().constFirst().text.contains(text + QStringLiteral(" \"the host's own words\"")),
+             qPrintable(log.messages().constFirst().text));
 
-    // The next poll reads that block again; its answer clears the error.
-    QMetaObject::invokeMethod(m_backend.data(), "updateChannelsValue");
-    const unsigned long long again = m_messenger.runs().constLast().id;
-    QVERIFY(again != outputs);
-    hooks()->commandResultChanged(again, QStringLiteral("getValues"), QStringLiteral("values"), QVariantList{0, 1, 0, 0, 0, 0, 0, 0});
+    // The next answer to the same read clears it all (a listen that failed has started again).
+    result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), QVariantList{0, 0, 0, 0, 0, 0, 0, 0});
+    if (command == QLatin1String("getValues"))
+        result(command, channel, QStringLiteral("values"), QVariantList{0, 0, 0, 0, 0, 0, 0, 0});
+    else
+        result(command, channel, QStringLiteral("values"), QVariantMap{{QStringLiteral("values"), QVariantList{0}}}, false);
     QCOMPARE(m_backend->property("connectionState").toInt(), int(Connected));
     QCOMPARE(m_backend->property("errorText").toString(), QString());
-    QCOMPARE(channel(9)->property("value"), QVariant(true));
-    QCOMPARE(stateChanged.count(), 2);
+    QVERIFY(!m_backend->property("stale").toBool());
 }
 
-void TstMaintenanceBackend::refusedWriteEndsPending()
+void TstMaintenanceBackend::blinking_data()
 {
-    QVERIFY(init(newDevice(QStringLiteral("Moxa E1212 io1"))));
-    const unsigned long long outputs = runId(QStringLiteral("getValues"), QStringLiteral("DO0"));
-    hooks()->commandResultChanged(outputs, QStringLiteral("getValues"), QStringLiteral("values"), QVariantList{0, 0, 0, 0, 0, 0, 0, 0});
-    hooks()->commandFinished(outputs, QStringLiteral("getValues"), {});
+    QTest::addColumn<int>("status");
+    QTest::addColumn<int>("onWidth");
+    QTest::addColumn<bool>("blinking");
 
-    bool accepted = false;
-    QMetaObject::invokeMethod(m_backend.data(), "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, QStringLiteral("DO3")));
+    QTest::newRow("pulse with a finite on-width") << 1 << 500 << true;
+    QTest::newRow("setValue's steady on") << 1 << 65535 << false;
+    QTest::newRow("generator stopped") << 0 << 500 << false;
+}
+
+void TstMaintenanceBackend::blinking()
+{
+    QFETCH(int, status);
+    QFETCH(int, onWidth);
+    QFETCH(bool, blinking);
+
+    result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), QVariantList{0, 0, 0, status, 0, 0, 0, 0});
+    result(QStringLiteral("getValues"), c_onWidth, QStringLiteral("values"), QVariantList{1, 1, 1, onWidth, 1, 1, 1, 1});
+    QCOMPARE(property("blinkingChannels"), blinking ? QStringList{QStringLiteral("DO3")} : QStringList());
+}
+
+void TstMaintenanceBackend::clickPendingUntilSeen_data()
+{
+    QTest::addColumn<QString>("seenBy");
+    QTest::addColumn<bool>("valueAfter");
+
+    QTest::newRow("listen report") << "listen" << true;
+    QTest::newRow("second status read after the write") << "reads" << false;
+    QTest::newRow("write refused") << "refused" << false;
+}
+
+void TstMaintenanceBackend::clickPendingUntilSeen()
+{
+    QFETCH(QString, seenBy);
+    QFETCH(bool, valueAfter);
+
+    const QString id = QStringLiteral("DO3");
+    bool accepted = true;
+    QMetaObject::invokeMethod(m_backend.data(), "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, id));
+    QVERIFY(!accepted); // no value known yet
+    result(QStringLiteral("listenEvents"), id, QStringLiteral("values"), QVariantMap{{QStringLiteral("values"), QVariantList{0}}}, false);
+    QMetaObject::invokeMethod(m_backend.data(), "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, id));
     QVERIFY(accepted);
-    const TestMessenger::Run write = m_messenger.runs().constLast();
-    QCOMPARE(write.command, QStringLiteral("setValue"));
-    QCOMPARE(write.arguments, (QVariantMap{{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("value"), 1}}));
-    QCOMPARE(m_backend->property("pendingChannels").toStringList(), QStringList{QStringLiteral("DO3")});
-    // A second click while the first is pending sends nothing.
-    QMetaObject::invokeMethod(m_backend.data(), "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, QStringLiteral("DO3")));
-    QVERIFY(!accepted);
-    QCOMPARE(m_messenger.runs().constLast().id, write.id);
+    QCOMPARE(m_messenger.runs().constLast().arguments, (QVariantMap{{QStringLiteral("channel"), id}, {QStringLiteral("value"), 1}}));
+    QCOMPARE(property("pendingChannels"), QStringList{id});
+    QMetaObject::invokeMethod(m_backend.data(), "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, id));
+    QVERIFY(!accepted); // already pending
 
-    QTest::ignoreMessage(QtWarningMsg, "\"setValue\" on DO3: the device did not accept the new value");
-    hooks()->commandResultChanged(write.id, QStringLiteral("setValue"), QStringLiteral("doneOk"), false);
-    hooks()->commandFinished(write.id, QStringLiteral("setValue"), {{QStringLiteral("doneOk"), false}});
-    QVERIFY(m_backend->property("pendingChannels").toStringList().isEmpty());
-    QCOMPARE(m_backend->property("connectionState").toInt(), int(Error));
-    QCOMPARE(channel(11)->property("value"), QVariant(false));
-}
-
-void TstMaintenanceBackend::malformedReadIsIgnored()
-{
-    QVERIFY(init(newDevice(QStringLiteral("Moxa E1212 io1"))));
-    const unsigned long long inputs = runId(QStringLiteral("getValues"), QStringLiteral("DI0"));
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("ignored a malformed read of \"DI0\"")));
-    hooks()->commandResultChanged(inputs, QStringLiteral("getValues"), QStringLiteral("values"), QStringLiteral("garbage"));
-    QVERIFY(!channel(0)->property("value").isValid());
-    QCOMPARE(m_backend->property("connectionState").toInt(), int(Connecting));
-}
-
-void TstMaintenanceBackend::headerNotifiesRealChangesOnly()
-{
-    QVERIFY(init(newDevice(QStringLiteral("Moxa E1212 io1"))));
-    QSignalSpy model(m_backend.data(), SIGNAL(modelNameChanged()));
-    QSignalSpy version(m_backend.data(), SIGNAL(versionChanged()));
-    QSignalSpy serial(m_backend.data(), SIGNAL(serialNumberChanged()));
-    const QVariantMap info{{QStringLiteral("modelName"), QStringLiteral("E1212")},
-                           {QStringLiteral("softwareVersion"), QStringLiteral("V3.1.4 Build18030509")},
-                           {QStringLiteral("serialNumber"), QString()},
-                           {QStringLiteral("macAddress"), QStringLiteral("00:90:E8:0A:1B:FF")}};
-    const unsigned long long id = runId(QStringLiteral("getInfo"));
-    hooks()->commandResultChanged(id, QStringLiteral("getInfo"), QStringLiteral("deviceInformation"), info);
-    hooks()->commandResultChanged(id, QStringLiteral("getInfo"), QStringLiteral("deviceInformation"), info);
-    QCOMPARE(model.count(), 1);
-    QCOMPARE(version.count(), 1);
-    QCOMPARE(serial.count(), 0); // empty before, empty now
-    QCOMPARE(m_backend->property("macAddress").toString(), QStringLiteral("00:90:E8:0A:1B:FF"));
-    QCOMPARE(m_backend->property("connectionState").toInt(), int(Connected));
+    const QVariantList off{0, 0, 0, 0, 0, 0, 0, 0};
+    if (seenBy == QLatin1String("listen")) {
+        result(QStringLiteral("listenEvents"), id, QStringLiteral("values"), QVariantMap{{QStringLiteral("values"), QVariantList{1}}}, false);
+    } else if (seenBy == QLatin1String("reads")) {
+        result(QStringLiteral("setValue"), id, QStringLiteral("doneOk"), true);
+        // One read may have been on the wire before the write: it does not end the wait.
+        result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+        QCOMPARE(property("pendingChannels"), QStringList{id});
+        result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+    } else {
+        LogCapture log;
+        result(QStringLiteral("setValue"), id, QStringLiteral("doneOk"), false);
+        QCOMPARE(m_backend->property("connectionState").toInt(), int(Error));
+        QCOMPARE(m_backend->property("errorText").toString(), QStringLiteral("Module did not accept the new value of DO3"));
+        // A refused write stays on screen while reads go on.
+        result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+        QCOMPARE(m_backend->property("connectionState").toInt(), int(Error));
+    }
+    QVERIFY(property("pendingChannels").isEmpty());
+    QCOMPARE(value(id), QVariant(valueAfter));
 }
 
 QTEST_MAIN(TstMaintenanceBackend)
