@@ -6,7 +6,6 @@
 #include "host.h"
 #include "pluginmanager.h"
 
-#include <QProcess>
 #include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickItem>
@@ -54,13 +53,8 @@ private slots:
     void init();
     void cleanup();
 
-    void qmllintPasses();
-    void headerNamesTheModule();
     void layoutFits_data();
     void layoutFits();
-    void clickTogglesOutput();
-    void inputShowsWithinPoll();
-    void blinkingIsReadFromThePulseStatus();
     void failureShowsThenClears_data();
     void failureShowsThenClears();
     void screenshot();
@@ -172,27 +166,6 @@ void TstMaintenance::click(const QString &channelId)
     QTest::mouseClick(m_view.data(), Qt::LeftButton, Qt::NoModifier, t->mapToScene(QPointF(t->width() / 2, t->height() / 2)).toPoint());
 }
 
-void TstMaintenance::qmllintPasses()
-{
-    const QString qmllint = QStringLiteral("/usr/lib/qt5/bin/qmllint");
-    QVERIFY2(QFileInfo::exists(qmllint), "qmllint is missing: install qtdeclarative5-dev-tools (scripts/setup.sh)");
-    QProcess lint;
-    lint.start(qmllint, {QStringLiteral(E1212_SOURCE_DIR "/plugins/p_device_moxa_iologic/resources/maintenance_panel.qml")});
-    QVERIFY(lint.waitForFinished(30000));
-    QVERIFY2(lint.exitStatus() == QProcess::NormalExit && lint.exitCode() == 0,
-             qPrintable(QString::fromLocal8Bit(lint.readAllStandardOutput() + lint.readAllStandardError())));
-}
-
-void TstMaintenance::headerNamesTheModule()
-{
-    QTRY_COMPARE_WITH_TIMEOUT(text(QStringLiteral("modelName")), E1212Simulator::modelName(), c_waitMs);
-    QCOMPARE(text(QStringLiteral("reference")), QStringLiteral("Moxa E1212 io1"));
-    QCOMPARE(text(QStringLiteral("connection")), QStringLiteral("127.0.0.1:%1").arg(m_port));
-    QCOMPARE(text(QStringLiteral("firmware")), E1212Simulator::firmwareVersion());
-    QCOMPARE(text(QStringLiteral("mac")), E1212Simulator::macAddress());
-    QCOMPARE(text(QStringLiteral("connectionState")), QStringLiteral("Connected"));
-}
-
 void TstMaintenance::layoutFits_data()
 {
     QTest::addColumn<QSize>("size");
@@ -239,40 +212,6 @@ void TstMaintenance::layoutFits()
     QQuickItem *t = tile(QStringLiteral("DO2"));
     const qreal lines = t->height() / findItem(t, QStringLiteral("state"))->property("font").value<QFont>().pixelSize();
     QVERIFY2(lines >= 3 && lines <= 6, qPrintable(QString::number(lines)));
-}
-
-void TstMaintenance::clickTogglesOutput()
-{
-    const QString id = QStringLiteral("DO5");
-    QSignalSpy outputs(&m_simulator, &E1212Simulator::outputChanged);
-    click(id);
-    // "…" until the device shows the new state; the display does not follow the click.
-    QCOMPARE(tileText(id), QStringLiteral("…"));
-    QTRY_COMPARE_WITH_TIMEOUT(tileText(id), QStringLiteral("ON"), c_waitMs);
-    QVERIFY(m_simulator.output(5));
-    click(id);
-    QTRY_COMPARE_WITH_TIMEOUT(tileText(id), QStringLiteral("OFF"), c_waitMs);
-    QCOMPARE(outputs.count(), 2);
-    QCOMPARE(outputs.at(1), (QVariantList{5, false}));
-}
-
-void TstMaintenance::inputShowsWithinPoll()
-{
-    m_simulator.setInput(3, true);
-    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DI3")), QStringLiteral("ON"), c_waitMs);
-    for (int other = 0; other < E1212Simulator::ChannelCount; ++other)
-        QCOMPARE(tileText(QStringLiteral("DI%1").arg(other)), other == 3 ? QStringLiteral("ON") : QStringLiteral("OFF"));
-}
-
-void TstMaintenance::blinkingIsReadFromThePulseStatus()
-{
-    m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 6, 150);
-    m_simulator.setPulseStatus(6, true);
-    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO6")), QStringLiteral("blinking"), c_waitMs);
-    // Clicking a blinking output stops it.
-    click(QStringLiteral("DO6"));
-    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO6")), QStringLiteral("OFF"), c_waitMs);
-    QVERIFY(!m_simulator.pulseStatus(6));
 }
 
 void TstMaintenance::failureShowsThenClears_data()
@@ -323,6 +262,8 @@ void TstMaintenance::screenshot()
 {
     // Outputs DO1 and DO4 on, DO6 blinking, inputs DI0 and DI5 on: the pictures in the README.
     click(QStringLiteral("DO1"));
+    // "…" until the device shows the new state: the display does not follow the click.
+    QCOMPARE(tileText(QStringLiteral("DO1")), QStringLiteral("…"));
     click(QStringLiteral("DO4"));
     m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 6, 500);
     m_simulator.setPulseStatus(6, true);
@@ -331,25 +272,34 @@ void TstMaintenance::screenshot()
     for (const QString &id : {QStringLiteral("DO1"), QStringLiteral("DO4"), QStringLiteral("DI0"), QStringLiteral("DI5")})
         QTRY_COMPARE_WITH_TIMEOUT(tileText(id), QStringLiteral("ON"), c_waitMs);
     QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO6")), QStringLiteral("blinking"), c_waitMs);
+    // The header names the module, the configured device and its address.
     QTRY_COMPARE_WITH_TIMEOUT(text(QStringLiteral("modelName")), E1212Simulator::modelName(), c_waitMs);
+    QCOMPARE(QStringList({text(QStringLiteral("reference")), text(QStringLiteral("connection")), text(QStringLiteral("firmware")),
+                          text(QStringLiteral("mac"))}),
+             QStringList({QStringLiteral("Moxa E1212 io1"), QStringLiteral("127.0.0.1:%1").arg(m_port),
+                          E1212Simulator::firmwareVersion(), E1212Simulator::macAddress()}));
     QTest::mouseMove(m_view.data(), QPoint(1, 1)); // no hover frame in the picture
 
-    const QString target = qEnvironmentVariable("E1212_PANEL_SCREENSHOT");
+    const QString target = qEnvironmentVariable("E1212_PANEL_SCREENSHOT"); // docs/maintenance-panel.png
     for (const QSize &size : {QSize(800, 480), QSize(1920, 1080)}) {
         m_view->resize(size);
         QTRY_COMPARE_WITH_TIMEOUT(m_view->rootObject()->size(), QSizeF(size), c_waitMs);
         // grabWindow() gives nothing with the software scene graph on the offscreen platform.
         const QSharedPointer<QQuickItemGrabResult> grab = m_view->rootObject()->grabToImage();
-        QVERIFY(grab);
         QSignalSpy ready(grab.data(), &QQuickItemGrabResult::ready);
         QVERIFY(ready.wait(c_waitMs));
         QCOMPARE(grab->image().size(), size);
         // An "on" output tile is drawn in its own colour, not the background's.
         QQuickItem *on = tile(QStringLiteral("DO1"));
         QVERIFY(grab->image().pixelColor(on->mapToScene(QPointF(on->width() / 2, 6)).toPoint()) != grab->image().pixelColor(2, 2));
-        if (!target.isEmpty())
-            QVERIFY2(grab->image().save(QString(target).replace(QStringLiteral(".png"), size.width() == 800 ? QStringLiteral(".png") : QStringLiteral("-%1x%2.png").arg(size.width()).arg(size.height()))), qPrintable(target));
+        const QString file = size.width() == 800 ? target : QString(target).replace(QStringLiteral(".png"), QStringLiteral("-1920x1080.png"));
+        QVERIFY2(target.isEmpty() || grab->image().save(file), qPrintable(file));
     }
+    // A click turns an output off again, a blinking one included.
+    click(QStringLiteral("DO1"));
+    click(QStringLiteral("DO6"));
+    QTRY_VERIFY_WITH_TIMEOUT(tileText(QStringLiteral("DO1")) == QLatin1String("OFF") && tileText(QStringLiteral("DO6")) == QLatin1String("OFF"), c_waitMs);
+    QVERIFY(!m_simulator.output(1) && !m_simulator.pulseStatus(6));
 }
 
 QTEST_MAIN(TstMaintenance)
