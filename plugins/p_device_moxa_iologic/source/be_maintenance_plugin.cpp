@@ -20,6 +20,8 @@ const QString c_values = QStringLiteral("values");
 constexpr uint c_steadyOnWidth = 65535;
 
 qint64 now() { return QDateTime::currentMSecsSinceEpoch(); }
+// Whole seconds as a technician reads a silence: rounded, at least 1.
+int seconds(qint64 ms) { return int(qMax<qint64>(1, (ms + 500) / 1000)); }
 
 // The values of a read in register order; the host hands them bare or as {"values": [...]}.
 QVariantList valueList(const QVariant &value)
@@ -291,7 +293,7 @@ void BeMaintenanceDeviceMoxaIoLogic::treatmentReleased(unsigned long long runId,
         bool shown = false;
         for (int i = 0; i < m_channels->count() && !shown; ++i)
             shown = m_channels->at(i)->value().isValid();
-        setStale(shown, int(silentMs / 1000));
+        setStale(shown, seconds(silentMs));
     }
     setState(unreachable ? CeCsNotAnswering : CeCsError, plainError(error, m_connectionPath, silentMs, where(run)),
              error.text);
@@ -323,7 +325,7 @@ QString BeMaintenanceDeviceMoxaIoLogic::plainError(const DError &error, const QS
     switch (error.code) {
     case IMessenger::CeTimeout:
     case IMessenger::CeNoConnection:
-        return QStringLiteral("No answer from %1 for %2 s").arg(device).arg(qMax<qint64>(1, (silentMs + 500) / 1000));
+        return QStringLiteral("No answer from %1 for %2 s").arg(device).arg(seconds(silentMs));
     case IMessenger::CeModbusException:
         return QStringLiteral("Module refused: %1 at %2").arg(DError::exceptionName(error.exceptionCode), where);
     case IMessenger::CeMalformedReply:
