@@ -1,11 +1,18 @@
 // SPDX-License-Identifier: MIT
-// The maintenance panel in a real QML view, on the real host, the Modbus TCP driver and
-// the simulator on loopback.
+// The maintenance panel in a real QML view, on the real host, the Modbus TCP driver and the
+// simulator on loopback; and its back-end on a recording messenger ("recorded..." tests), for
+// answers the simulator cannot give on demand (error codes, a refused write, a late read).
+#include "dabstractplugin.h"
+#include "dabstractpluginbackend.h"
 #include "deviceconfig.h"
 #include "e1212simulator.h"
 #include "host.h"
+#include "logcapture.h"
 #include "pluginmanager.h"
+#include "testmessenger.h"
 
+#include <QPluginLoader>
+#include <QQmlComponent>
 #include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickItem>
@@ -19,6 +26,7 @@ constexpr int c_pollMs = 100;
 constexpr int c_timeoutMs = 400;
 // Enough for a few polls and a time-out, never a hidden sleep: every wait ends on its condition.
 constexpr int c_waitMs = 5000;
+const QString c_status = QStringLiteral("DO_PulseStatus");
 // Values of BeMaintenanceDeviceMoxaIoLogic::EnConnectionState.
 enum { Connected = 2, NotAnswering = 3, Error = 4 };
 
@@ -58,8 +66,18 @@ private slots:
     void failureShowsThenClears_data();
     void failureShowsThenClears();
     void screenshot();
+    void recordedListenRestartsAfterOutage();
+    void recordedFailureShows_data();
+    void recordedFailureShows();
+    void recordedClickPendingUntilSeen_data();
+    void recordedClickPendingUntilSeen();
 
 private:
+    DAbstractPluginBackend *hooks() const { return qobject_cast<DAbstractPluginBackend *>(m_backend); }
+    unsigned long long runId(const QString &command, const QString &channel) const;
+    void result(const QString &command, const QString &channel, const QString &name, const QVariant &value,
+                bool finish = true);
+    QStringList property(const char *name) const { return m_backend->property(name).toStringList(); }
     QQuickItem *tile(const QString &channelId) const;
     QString tileText(const QString &channelId, const QString &part = QStringLiteral("state")) const;
     QString text(const QString &objectName) const;
@@ -74,6 +92,11 @@ private:
     QScopedPointer<QQuickView> m_view;
     QObject *m_backend = nullptr;
     QList<QQmlError> m_qmlWarnings;
+    QVariantMap m_parameters;
+    TestMessenger m_messenger;
+    QQmlEngine m_engine;
+    QScopedPointer<DAbstractPlugin> m_recordedDevice;
+    QScopedPointer<QObject> m_recordedBackend;
 };
 
 void TstMaintenance::initTestCase()
@@ -87,6 +110,7 @@ void TstMaintenance::initTestCase()
     QList<DeviceConfig> configs = DeviceConfig::loadFile(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"), &error);
     QVERIFY2(configs.size() == 1, qPrintable(error));
     DeviceConfig config = configs.constFirst();
+    m_parameters = config.parameters;
     config.connection = {{QStringLiteral("host"), QStringLiteral("127.0.0.1")}, {QStringLiteral("port"), m_port},
                          {QStringLiteral("timeoutMs"), c_timeoutMs}, {QStringLiteral("pollIntervalMs"), c_pollMs}};
     m_host.reset(new Host(&m_plugins));
@@ -99,6 +123,23 @@ void TstMaintenance::initTestCase()
 
 void TstMaintenance::init()
 {
+    if (QByteArray(QTest::currentTestFunction()).startsWith("recorded")) {
+        m_messenger.clear();
+        auto *root = qobject_cast<IPlugin *>(QPluginLoader(QStringLiteral(E1212_PLUGIN_DIR "/libp_device_moxa_iologic.so")).instance());
+        m_recordedDevice.reset(dynamic_cast<DAbstractPlugin *>(root->createInstance(QUuid::createUuid())));
+        m_recordedDevice->setProperty(QStringLiteral("reference"), QStringLiteral("Moxa E1212 io1"), false);
+        m_recordedDevice->addToParameters(QStringLiteral("parameters"), m_parameters);
+        m_recordedDevice->setMessenger(&m_messenger);
+        m_recordedDevice->initPluginCommands();
+        QQmlComponent component(&m_engine);
+        component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic { connectionPath: \"10.0.0.9:502\" }\n", QUrl());
+        m_recordedBackend.reset(component.create());
+        QVERIFY2(m_recordedBackend, qPrintable(component.errorString()));
+        m_backend = m_recordedBackend.data();
+        m_backend->setProperty("device", QVariant::fromValue<QObject *>(m_recordedDevice.data()));
+        QVERIFY(QMetaObject::invokeMethod(m_backend, "initBackend"));
+        return;
+    }
     m_simulator.clearExceptions();
     m_simulator.setResponseDelay(0);
     for (int channel = 0; channel < E1212Simulator::ChannelCount; ++channel) {
@@ -125,6 +166,8 @@ void TstMaintenance::init()
 
 void TstMaintenance::cleanup()
 {
+    m_recordedBackend.reset();
+    m_recordedDevice.reset();
     m_view.reset();
     m_backend = nullptr;
     // Runs still in flight end on the event loop; let them go before the next view.
@@ -300,6 +343,127 @@ void TstMaintenance::screenshot()
     click(QStringLiteral("DO6"));
     QTRY_VERIFY_WITH_TIMEOUT(tileText(QStringLiteral("DO1")) == QLatin1String("OFF") && tileText(QStringLiteral("DO6")) == QLatin1String("OFF"), c_waitMs);
     QVERIFY(!m_simulator.output(1) && !m_simulator.pulseStatus(6));
+}
+
+unsigned long long TstMaintenance::runId(const QString &command, const QString &channel) const
+{
+    unsigned long long id = 0; // the latest run of it
+    for (const TestMessenger::Run &run : m_messenger.runs()) {
+        if (run.command == command && run.arguments.value(QStringLiteral("channel")).toString() == channel && !run.stopped)
+            id = run.id;
+    }
+    return id;
+}
+
+void TstMaintenance::result(const QString &command, const QString &channel, const QString &name,
+                                   const QVariant &value, bool finish)
+{
+    const unsigned long long id = runId(command, channel);
+    hooks()->commandResultChanged(id, command, name, value);
+    if (finish)
+        hooks()->commandFinished(id, command, {{name, value}});
+}
+
+void TstMaintenance::recordedListenRestartsAfterOutage()
+{
+    // A listen that an outage ended starts again once a scheduled read is answered, and only then.
+    const int runs = m_messenger.runs().size();
+    hooks()->commandFailed(runId(QStringLiteral("listenEvents"), QStringLiteral("DI4")), QStringLiteral("listenEvents"),
+                           DError{IMessenger::CeTimeout, 0, QStringLiteral("no reply")});
+    QCOMPARE(m_messenger.runs().size(), runs);
+    const QVariantList off{0, 0, 0, 0, 0, 0, 0, 0};
+    result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+    QCOMPARE(m_messenger.runs().size(), runs + 1);
+    QCOMPARE(m_messenger.runs().constLast().arguments, (QVariantMap{{QStringLiteral("channel"), QStringLiteral("DI4")}}));
+    QCOMPARE(m_messenger.runs().constLast().repeatMs, 0);
+    result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+    QCOMPARE(m_messenger.runs().size(), runs + 1);
+}
+
+void TstMaintenance::recordedFailureShows_data()
+{
+    QTest::addColumn<QString>("channel");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<int>("exception");
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<int>("state");
+
+    QTest::newRow("no connection") << QStringLiteral("DI3") << int(IMessenger::CeNoConnection) << 0
+                                   << "No answer from 10.0.0.9:502 for 1 s" << int(NotAnswering);
+    QTest::newRow("exception on a listen") << QStringLiteral("DI3") << int(IMessenger::CeModbusException) << 4
+                                           << "Module refused: server device failure at discrete input 3" << int(Error);
+    QTest::newRow("garbled") << QStringLiteral("DO_PulseOnWidth") << int(IMessenger::CeMalformedReply) << 0
+                             << "Garbled answer from the module at holding register 256" << int(Error);
+}
+
+void TstMaintenance::recordedFailureShows()
+{
+    QFETCH(QString, channel);
+    QFETCH(int, code);
+    QFETCH(int, exception);
+    QFETCH(QString, text);
+    QFETCH(int, state);
+
+    const QString command = channel.startsWith(QLatin1String("DO_")) ? QStringLiteral("getValues") : QStringLiteral("listenEvents");
+    result(QStringLiteral("listenEvents"), QStringLiteral("DI0"), QStringLiteral("values"),
+           QVariantMap{{QStringLiteral("values"), QVariantList{0}}}, false);
+    const DError error{IMessenger::EnErrorCode(code), exception, QStringLiteral("the host's own words")};
+    LogCapture log;
+    hooks()->commandFailed(runId(command, channel), command, error);
+    // Values on screen are stale exactly when the device does not answer.
+    QCOMPARE(QVariantList({m_backend->property("errorText"), m_backend->property("errorDetails"), m_backend->property("connectionState"),
+                           m_backend->property("stale")}),
+             QVariantList({text, error.text, state, state == NotAnswering}));
+    // Said once, as the plug-in's diagnostic line.
+    hooks()->commandFailed(runId(command, channel), command, error);
+    QCOMPARE(log.messages().size(), 1);
+    const LogCapture::Message line = log.messages().constFirst();
+    QCOMPARE(QVariantList({line.type, line.category}), QVariantList({QtCriticalMsg, QStringLiteral("default")}));
+    QVERIFY2(line.text.contains(QStringLiteral("plugins/p_device_moxa_iologic/source/be_maintenance_plugin ;\t"))
+                 && line.text.endsWith(text + QStringLiteral(" \"the host's own words\"")), qPrintable(line.text));
+}
+
+void TstMaintenance::recordedClickPendingUntilSeen_data()
+{
+    QTest::addColumn<QString>("seenBy");
+
+    QTest::newRow("second status read after the write") << "reads";
+    QTest::newRow("write refused") << "refused";
+}
+
+void TstMaintenance::recordedClickPendingUntilSeen()
+{
+    QFETCH(QString, seenBy);
+
+    const QString id = QStringLiteral("DO3");
+    bool accepted = true;
+    QMetaObject::invokeMethod(m_backend, "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, id));
+    QVERIFY(!accepted); // no value known yet
+    result(QStringLiteral("listenEvents"), id, QStringLiteral("values"), QVariantMap{{QStringLiteral("values"), QVariantList{0}}}, false);
+    QMetaObject::invokeMethod(m_backend, "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, id));
+    QVERIFY(accepted);
+    QCOMPARE(m_messenger.runs().constLast().arguments, (QVariantMap{{QStringLiteral("channel"), id}, {QStringLiteral("value"), 1}}));
+    QCOMPARE(property("pendingChannels"), QStringList{id});
+    QMetaObject::invokeMethod(m_backend, "clickedOnChannel", Q_RETURN_ARG(bool, accepted), Q_ARG(QString, id));
+    QVERIFY(!accepted); // already pending
+
+    const QVariantList off{0, 0, 0, 0, 0, 0, 0, 0};
+    if (seenBy == QLatin1String("reads")) {
+        result(QStringLiteral("setValue"), id, QStringLiteral("doneOk"), true);
+        // One read may have been on the wire before the write: it does not end the wait.
+        result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+        QCOMPARE(property("pendingChannels"), QStringList{id});
+        result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+    } else {
+        LogCapture log;
+        result(QStringLiteral("setValue"), id, QStringLiteral("doneOk"), false);
+        QCOMPARE(m_backend->property("connectionState").toInt(), int(Error));
+        QCOMPARE(m_backend->property("errorText").toString(), QStringLiteral("Module did not accept the new value of DO3"));
+        // A refused write stays on screen while reads go on.
+        result(QStringLiteral("getValues"), c_status, QStringLiteral("values"), off);
+        QCOMPARE(m_backend->property("connectionState").toInt(), int(Error));
+    }
+    QVERIFY(property("pendingChannels").isEmpty());
 }
 
 QTEST_MAIN(TstMaintenance)
