@@ -49,9 +49,12 @@ CtlGroup panelGroup()
     return {QStringLiteral("Maintenance"),
             {{QStringLiteral("panel"), QString(),
               QStringLiteral("open the maintenance panel: identity, live channels, click an output to toggle it; "
-                             "--screenshot saves it once connected and exits; Qt's own options (-platform ...) apply"),
+                             "--size opens it at that size; --screenshot saves it once connected and exits; "
+                             "Qt's own options (-platform ...) apply"),
               {},
               QList<QCommandLineOption>{{QStringLiteral("poll"), QStringLiteral("read the channels every MS (10 or more)"), QStringLiteral("MS")},
+                                        {QStringLiteral("size"), QStringLiteral("window size, 640x400 to 7680x4320 (default 800x480)"),
+                                         QStringLiteral("WxH")},
                                         {QStringLiteral("screenshot"), QStringLiteral("save the panel to FILE once connected, then exit"),
                                          QStringLiteral("FILE")}}
                   + qtGuiOptions(),

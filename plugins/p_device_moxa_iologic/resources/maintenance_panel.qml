@@ -11,14 +11,20 @@ Rectangle {
     height: 480
     color: "#14181d"
 
-    // Everything grows with the window, never shrinks below the 800x480 layout.
-    readonly property real unit: Math.max(1, Math.min(width / 800, height / 480))
+    // The layout is drawn for 800x480 and scaled as a whole, fonts and tiles together, by the
+    // factor that fits the window: nothing overlaps or is cut from 640x400 to 3840x2160.
+    readonly property real unit: Math.min(width / 800, height / 480)
+    // Colours: text at least 4.5:1 and state indicators at least 3:1 against what they sit on.
     readonly property color surface: "#1f252d"
+    readonly property color tileOff: "#2a313a"
+    readonly property color tileStale: "#23282e"
     readonly property color textColor: "#eef1f4"
     readonly property color mutedText: "#a3adb8"
+    readonly property color ringColor: "#8d98a5"
     readonly property color okColor: "#3fb96b"
     readonly property color warnColor: "#f0b429"
     readonly property color errorColor: "#ff6b61"
+    readonly property color blinkColor: "#ffd166"
 
     BeMaintenanceDeviceMoxaIoLogic {
         id: backend
@@ -54,14 +60,14 @@ Rectangle {
         Text {
             text: parent.title
             color: root.mutedText
-            font.pixelSize: 12 * root.unit
+            font.pixelSize: 11 * root.unit
         }
         Text {
             objectName: "value"
             Layout.fillWidth: true
             text: parent.value.length > 0 ? parent.value : "—"
             color: root.textColor
-            font.pixelSize: 15 * root.unit
+            font.pixelSize: 14 * root.unit
             elide: Text.ElideRight
         }
     }
@@ -74,20 +80,25 @@ Rectangle {
                                         || modelData.type === DMoxaChannel.CeCtAnaIn
         readonly property bool known: modelData.value !== undefined
         readonly property bool on: known && modelData.value === true
+        readonly property bool stale: backend.stale && known
         readonly property bool pending: backend.pendingChannels.indexOf(modelData.id) >= 0
+        readonly property bool blinking: backend.blinkingChannels.indexOf(modelData.id) >= 0
+        readonly property bool lit: (on || blinking) && !stale
         readonly property bool clickable: !isInput && known && !pending
-        readonly property color onColor: isInput ? "#1f63b5" : "#1d7a44"
+        readonly property color onColor: isInput ? "#1f63b5" : "#17663a"
 
         objectName: "tile_" + modelData.id
         visible: isInput === inputGroup
         Layout.fillWidth: true
         Layout.fillHeight: true
-        Layout.minimumHeight: 48 * root.unit
+        Layout.preferredWidth: 1
+        Layout.preferredHeight: 1
         radius: 6 * root.unit
-        color: on ? (mouse.pressed ? Qt.darker(onColor, 1.25) : onColor)
-                  : (mouse.pressed ? "#161b21" : "#2a313a")
-        border.width: mouse.containsMouse && clickable ? 2 * root.unit : 1
-        border.color: mouse.containsMouse && clickable ? "#dfe6ee" : (on ? Qt.lighter(onColor, 1.3) : "#3a434e")
+        color: stale ? root.tileStale
+                     : lit ? (mouse.pressed ? Qt.darker(onColor, 1.25) : onColor)
+                           : (mouse.pressed ? "#161b21" : root.tileOff)
+        border.width: (mouse.containsMouse && clickable ? 2 : 1) * Math.max(1, root.unit)
+        border.color: mouse.containsMouse && clickable ? "#dfe6ee" : (lit ? Qt.lighter(onColor, 1.3) : "#3a434e")
         scale: mouse.pressed && clickable ? 0.97 : 1
 
         MouseArea {
@@ -111,40 +122,41 @@ Rectangle {
                 Layout.fillWidth: true
                 spacing: 8 * root.unit
 
+                // Filled when on, a ring when off; amber while the pulse generator blinks.
                 Rectangle {
                     Layout.preferredWidth: 14 * root.unit
                     Layout.preferredHeight: 14 * root.unit
                     radius: width / 2
-                    color: tile.on ? "#ffffff" : "transparent"
-                    border.width: 2
-                    border.color: tile.on ? "#ffffff" : "#6c7784"
+                    color: tile.blinking && !tile.stale ? root.blinkColor
+                           : tile.on ? (tile.stale ? root.ringColor : "#ffffff") : "transparent"
+                    border.width: 2 * root.unit
+                    border.color: tile.blinking && !tile.stale ? root.blinkColor
+                                  : tile.on && !tile.stale ? "#ffffff" : root.ringColor
                 }
                 Text {
                     Layout.fillWidth: true
                     text: tile.modelData.id
-                    color: root.textColor
+                    color: tile.stale ? root.mutedText : root.textColor
                     font.pixelSize: 16 * root.unit
                     font.bold: true
-                }
-                BusyIndicator {
-                    Layout.preferredWidth: 22 * root.unit
-                    Layout.preferredHeight: 22 * root.unit
-                    running: tile.pending
-                    visible: tile.pending
+                    elide: Text.ElideRight
                 }
                 Text {
                     objectName: "state"
-                    text: tile.pending ? qsTr("…") : !tile.known ? "—" : tile.on ? qsTr("ON") : qsTr("OFF")
-                    color: tile.on ? "#ffffff" : "#c9d2dc"
-                    font.pixelSize: 18 * root.unit
+                    text: tile.pending ? "…" : !tile.known ? "—" : tile.blinking ? qsTr("blinking")
+                          : tile.on ? qsTr("ON") : qsTr("OFF")
+                    color: tile.stale ? root.mutedText : tile.lit ? "#ffffff" : "#c9d2dc"
+                    font.pixelSize: 16 * root.unit
                     font.bold: true
                 }
             }
 
             Text {
+                objectName: "label"
                 Layout.fillWidth: true
-                text: tile.modelData.label
-                color: tile.on ? "#e3ecf5" : root.mutedText
+                // While the module does not answer, the age of what is shown replaces the label.
+                text: tile.stale ? qsTr("stale, %1 s old").arg(backend.staleSeconds) : tile.modelData.label
+                color: tile.stale ? root.warnColor : tile.lit ? "#e3ecf5" : root.mutedText
                 font.pixelSize: 12 * root.unit
                 elide: Text.ElideRight
             }
@@ -171,6 +183,7 @@ Rectangle {
 
             RowLayout {
                 Layout.fillWidth: true
+                spacing: 8 * root.unit
                 Text {
                     text: group.title
                     color: root.textColor
@@ -190,7 +203,7 @@ Rectangle {
             GridLayout {
                 Layout.fillWidth: true
                 Layout.fillHeight: true
-                columns: root.width >= 1200 ? 4 : 2
+                columns: 2
                 rowSpacing: 6 * root.unit
                 columnSpacing: 6 * root.unit
                 Repeater {
@@ -231,7 +244,7 @@ Rectangle {
                         Layout.fillWidth: true
                         text: backend.modelName.length > 0 ? backend.modelName : qsTr("E1212 module")
                         color: root.textColor
-                        font.pixelSize: 24 * root.unit
+                        font.pixelSize: 22 * root.unit
                         font.bold: true
                         elide: Text.ElideRight
                     }
@@ -250,9 +263,21 @@ Rectangle {
                     }
                 }
 
-                RowLayout {
+                GridLayout {
                     Layout.fillWidth: true
-                    spacing: 16 * root.unit
+                    columns: 2
+                    columnSpacing: 16 * root.unit
+                    rowSpacing: 2 * root.unit
+                    InfoField {
+                        objectName: "reference"
+                        title: qsTr("Device")
+                        value: backend.reference
+                    }
+                    InfoField {
+                        objectName: "connection"
+                        title: qsTr("Address")
+                        value: backend.connectionPath
+                    }
                     InfoField {
                         objectName: "firmware"
                         title: qsTr("Firmware")
@@ -263,14 +288,11 @@ Rectangle {
                         title: qsTr("MAC address")
                         value: backend.macAddress
                     }
-                    InfoField {
-                        objectName: "connection"
-                        title: qsTr("Connection")
-                        value: backend.connectionPath
-                    }
                 }
 
+                // The failure in plain words; the host's full text on hover.
                 Text {
+                    id: errorLine
                     objectName: "errorText"
                     Layout.fillWidth: true
                     visible: backend.errorText.length > 0
@@ -278,9 +300,15 @@ Rectangle {
                     color: backend.connectionState === BeMaintenanceDeviceMoxaIoLogic.CeCsNotAnswering
                            ? root.warnColor : root.errorColor
                     font.pixelSize: 13 * root.unit
-                    wrapMode: Text.Wrap
-                    maximumLineCount: 2
                     elide: Text.ElideRight
+
+                    MouseArea {
+                        id: errorHover
+                        anchors.fill: parent
+                        hoverEnabled: true
+                    }
+                    ToolTip.visible: errorHover.containsMouse && backend.errorDetails.length > 0
+                    ToolTip.text: backend.errorDetails
                 }
             }
         }

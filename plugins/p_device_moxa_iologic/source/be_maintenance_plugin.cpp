@@ -2,31 +2,49 @@
 #include "be_maintenance_plugin.h"
 
 #include "dabstractplugin.h"
+#include "diagnosticlog.h"
 
-#include <QLoggingCategory>
-#include <QSet>
-
-Q_LOGGING_CATEGORY(lcPanel, "e1212.panel")
+#include <QDateTime>
 
 namespace {
+const char c_sourceFile[] = "plugins/p_device_moxa_iologic/source/be_maintenance_plugin";
 const QString c_getInfo = QStringLiteral("getInfo");
 const QString c_setValue = QStringLiteral("setValue");
 const QString c_getValues = QStringLiteral("getValues");
+const QString c_listenEvents = QStringLiteral("listenEvents");
+const QString c_pulseStatus = QStringLiteral("DO_PulseStatus");
+const QString c_pulseOnWidth = QStringLiteral("DO_PulseOnWidth");
+const QString c_channel = QStringLiteral("channel");
+const QString c_values = QStringLiteral("values");
+// setValue's on-width for a steady "on": its pulse generator runs too, but never turns off.
+constexpr uint c_steadyOnWidth = 65535;
 
-QString describeRun(const QString &command, const QString &channel)
+qint64 now() { return QDateTime::currentMSecsSinceEpoch(); }
+// Whole seconds as a technician reads a silence: rounded, at least 1.
+int seconds(qint64 ms) { return int(qMax<qint64>(1, (ms + 500) / 1000)); }
+
+// The values of a read in register order; the host hands them bare or as {"values": [...]}.
+QVariantList valueList(const QVariant &value)
 {
-    return channel.isEmpty() ? QStringLiteral("\"%1\"").arg(command)
-                             : QStringLiteral("\"%1\" on %2").arg(command, channel);
+    const QVariant list = value.type() == QVariant::Map ? value.toMap().value(c_values) : value;
+    return list.type() == QVariant::List ? list.toList() : QVariantList();
+}
+
+QString registerText(const QVariantMap &record)
+{
+    static const QHash<QString, QString> spaces{{QStringLiteral("coilsRegister"), QStringLiteral("coil")},
+                                                {QStringLiteral("discreteInputs"), QStringLiteral("discrete input")},
+                                                {QStringLiteral("holdingRegisters"), QStringLiteral("holding register")},
+                                                {QStringLiteral("inputRegisters"), QStringLiteral("input register")}};
+    const QString type = record.value(QStringLiteral("readRegisterType")).toString();
+    return QStringLiteral("%1 %2").arg(spaces.value(type, type)).arg(record.value(QStringLiteral("register")).toUInt());
 }
 } // namespace
 
 BeMaintenanceDeviceMoxaIoLogic::BeMaintenanceDeviceMoxaIoLogic(QObject *parent)
     : DAbstractPluginBackend(parent)
     , m_channels(new OLM_DMoxaChannel(this))
-{
-    m_pollTimer.setInterval(500);
-    connect(&m_pollTimer, &QTimer::timeout, this, &BeMaintenanceDeviceMoxaIoLogic::pollTick);
-}
+{}
 
 BeMaintenanceDeviceMoxaIoLogic::~BeMaintenanceDeviceMoxaIoLogic()
 {
@@ -44,7 +62,6 @@ void BeMaintenanceDeviceMoxaIoLogic::setDevice(QObject *device)
     if (newPlugin == plugin())
         return;
     stopAll();
-    m_started = false;
     m_infoKnown = false;
     setPlugin(newPlugin);
     setState(CeCsIdle);
@@ -55,12 +72,28 @@ void BeMaintenanceDeviceMoxaIoLogic::setConnectionPath(const QString &path)
     setField(m_connectionPath, path, &BeMaintenanceDeviceMoxaIoLogic::connectionPathChanged);
 }
 
+QString BeMaintenanceDeviceMoxaIoLogic::reference() const
+{
+    return plugin() ? plugin()->getProperty(QStringLiteral("reference"), QVariant()).toString() : QString();
+}
+
 void BeMaintenanceDeviceMoxaIoLogic::setPollIntervalMs(int ms)
 {
-    if (ms < 10 || ms == m_pollTimer.interval())
+    if (ms < 10 || ms == m_pollIntervalMs)
         return;
-    m_pollTimer.setInterval(ms);
+    m_pollIntervalMs = ms;
     emit pollIntervalMsChanged();
+    // Reschedule the running reads at the new interval.
+    for (auto it = m_runs.begin(); it != m_runs.end();) {
+        if (it->kind == CeRkPulseStatus || it->kind == CeRkPulseOnWidth) {
+            stopCommand(it.key());
+            it = m_runs.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (m_started)
+        updateChannelsValue();
 }
 
 bool BeMaintenanceDeviceMoxaIoLogic::initBackend()
@@ -77,14 +110,12 @@ bool BeMaintenanceDeviceMoxaIoLogic::initBackend()
     }
     if (m_connectionPath.isEmpty()) {
         QString path = device->getProperty(QStringLiteral("connectionPath"), QVariant()).toString();
-        if (path.isEmpty())
-            path = device->getProperty(QStringLiteral("reference"), QVariant()).toString();
-        setConnectionPath(path);
+        setConnectionPath(path.isEmpty() ? reference() : path);
     }
     if (!m_started) {
         m_started = true;
+        m_lastAnswerMs = now();
         setState(CeCsConnecting);
-        m_pollTimer.start();
     }
     getDeviceInfo();
     updateChannelsValue();
@@ -96,15 +127,26 @@ bool BeMaintenanceDeviceMoxaIoLogic::fillChannels(QString *error)
     const QVariantList table = plugin()->getFromParameters(QStringLiteral("channels")).toList();
     for (const QVariant &record : table) {
         QSharedPointer<DMoxaChannel> channel = DMoxaChannel::create(record.toMap());
+        if (!channel)
+            continue;
+        m_records.insert(channel->id(), channel->properties());
         // The pulse register records carry no "type": they are not channels.
-        if (!channel || !channel->properties().contains(QStringLiteral("type")))
+        if (!channel->properties().contains(QStringLiteral("type")))
             continue;
         channel->setLabel(channel->name());
+        if (channel->type() == DMoxaChannel::CeCtBinOut) {
+            const int offset = channel->properties().value(QStringLiteral("register")).toInt();
+            if (offset >= 0 && offset < 64) {
+                while (m_outputsByOffset.size() <= offset)
+                    m_outputsByOffset.append(QString());
+                m_outputsByOffset[offset] = channel->id();
+            }
+        }
         m_channels->append(channel);
     }
     if (m_channels->count() == 0) {
         *error = QStringLiteral("No channels: the device \"%1\" has no channel table (plug-in parameter \"channels\")")
-                     .arg(plugin()->getProperty(QStringLiteral("reference"), QVariant()).toString());
+                     .arg(reference());
         return false;
     }
     return true;
@@ -113,48 +155,40 @@ bool BeMaintenanceDeviceMoxaIoLogic::fillChannels(QString *error)
 void BeMaintenanceDeviceMoxaIoLogic::getDeviceInfo()
 {
     for (const Run &run : qAsConst(m_runs)) {
-        if (run.command == c_getInfo)
+        if (run.kind == CeRkInfo)
             return;
     }
     if (const unsigned long long id = runCommand(c_getInfo))
-        m_runs.insert(id, {c_getInfo, QString(), QStringList(), 0});
+        m_runs.insert(id, {CeRkInfo, QString()});
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::updateChannelsValue()
 {
-    QSet<QString> busy;
+    QSet<QString> listened;
+    bool status = false;
+    bool onWidth = false;
     for (const Run &run : qAsConst(m_runs)) {
-        if (run.command == c_getValues)
-            busy.unite(QSet<QString>(run.block.cbegin(), run.block.cend()));
+        listened.insert(run.kind == CeRkListen ? run.channel : QString());
+        status = status || run.kind == CeRkPulseStatus;
+        onWidth = onWidth || run.kind == CeRkPulseOnWidth;
     }
-    // A record's "size" counts the channels from it to the end of its register block, so one
-    // read from the first channel of a block covers the whole block.
-    QSet<QString> covered;
     for (int i = 0; i < m_channels->count(); ++i) {
-        const QSharedPointer<DMoxaChannel> first = m_channels->at(i);
-        if (covered.contains(first->id()))
+        const QString id = m_channels->at(i)->id();
+        if (listened.contains(id))
             continue;
-        const QVariantMap props = first->properties();
-        const uint base = props.value(QStringLiteral("register")).toUInt();
-        const uint size = qMax(1u, props.value(QStringLiteral("size")).toUInt());
-        const QString space = props.value(QStringLiteral("readRegisterType")).toString();
-        Run run{c_getValues, first->id(), QStringList(), 0};
-        for (int j = i; j < m_channels->count(); ++j) {
-            const QVariantMap other = m_channels->at(j)->properties();
-            const uint offset = other.value(QStringLiteral("register")).toUInt() - base;
-            if (other.value(QStringLiteral("readRegisterType")).toString() != space || offset >= size)
-                continue;
-            while (run.block.size() <= int(offset))
-                run.block.append(QString());
-            run.block[int(offset)] = m_channels->at(j)->id();
-            covered.insert(m_channels->at(j)->id());
-        }
-        if (busy.contains(first->id()))
-            continue; // its previous read has not ended: never queue reads behind a slow device
-        run.serial = ++m_lastSerial;
-        if (const unsigned long long id = runCommand(c_getValues, {{QStringLiteral("channel"), first->id()}}))
-            m_runs.insert(id, run);
+        if (const unsigned long long runId = runCommand(c_listenEvents, {{c_channel, id}}))
+            m_runs.insert(runId, {CeRkListen, id});
     }
+    const auto schedule = [this](EnRunKind kind, const QString &record) {
+        if (!m_records.contains(record))
+            return;
+        if (const unsigned long long runId = runCommandEvery(c_getValues, {{c_channel, record}}, m_pollIntervalMs))
+            m_runs.insert(runId, {kind, record});
+    };
+    if (!status)
+        schedule(CeRkPulseStatus, c_pulseStatus);
+    if (!onWidth)
+        schedule(CeRkPulseOnWidth, c_pulseOnWidth);
 }
 
 bool BeMaintenanceDeviceMoxaIoLogic::clickedOnChannel(const QString &channelId)
@@ -162,60 +196,108 @@ bool BeMaintenanceDeviceMoxaIoLogic::clickedOnChannel(const QString &channelId)
     DMoxaChannel *target = channel(channelId);
     if (!target || !target->isSwitchable() || !target->value().isValid() || m_pending.contains(channelId))
         return false;
-    const bool wanted = !target->value().toBool();
-    const unsigned long long id = runCommand(c_setValue, {{QStringLiteral("channel"), channelId},
-                                                          {QStringLiteral("value"), wanted ? 1 : 0}});
+    // A blinking output is switched off whatever its coil shows at this instant.
+    const bool wanted = !target->value().toBool() && !m_blinking.contains(channelId);
+    const unsigned long long id = runCommand(c_setValue, {{c_channel, channelId}, {QStringLiteral("value"), wanted ? 1 : 0}});
     if (!id)
         return false;
-    m_runs.insert(id, {c_setValue, channelId, QStringList(), 0});
-    m_readBackFrom.insert(channelId, 0);
+    m_runs.insert(id, {CeRkWrite, channelId, wanted});
     setPending(channelId, true);
     return true;
 }
 
-void BeMaintenanceDeviceMoxaIoLogic::applyTreatmentReply(unsigned long long runId, const QString &command,
+void BeMaintenanceDeviceMoxaIoLogic::applyTreatmentReply(unsigned long long runId, const QString &,
                                                          const QString &name, const QVariant &value)
 {
-    const Run run = m_runs.value(runId);
-    if (command == c_getInfo && name == QLatin1String("deviceInformation")) {
-        applyDeviceInformation(value.toMap());
-    } else if (command == c_getValues && name == QLatin1String("values")) {
-        if (!applyBlockValues(run, value))
-            return;
-    } else if (command == c_setValue && name == QLatin1String("doneOk")) {
-        if (!value.toBool()) {
-            setPending(run.channel, false);
-            setState(CeCsError, QStringLiteral("%1: the device did not accept the new value")
-                                    .arg(describeRun(command, run.channel)));
-            return;
-        }
-    } else {
+    const auto run = m_runs.constFind(runId);
+    if (run == m_runs.constEnd())
         return;
+    switch (run->kind) {
+    case CeRkInfo:
+        if (name == QLatin1String("deviceInformation"))
+            applyDeviceInformation(value.toMap());
+        break;
+    case CeRkListen: {
+        const QVariantList values = valueList(value);
+        DMoxaChannel *target = channel(run->channel);
+        if (values.size() != 1 || !target)
+            break; // the command has said what is wrong with the report
+        target->setValue(values.constFirst().toUInt() != 0);
+        confirmWrites(run->channel, values.constFirst().toUInt() != 0, false);
+        answered(CeRkListen);
+        break;
     }
-    setState(CeCsConnected);
+    case CeRkPulseStatus:
+    case CeRkPulseOnWidth:
+        applyPulseRead(run->kind, value);
+        break;
+    case CeRkWrite:
+        if (name == QLatin1String("doneOk") && !value.toBool()) {
+            setPending(run->channel, false);
+            setState(CeCsError, QStringLiteral("Module did not accept the new value of %1").arg(run->channel),
+                     QStringLiteral("setValue on %1: \"doneOk\" is false").arg(run->channel));
+            m_errorKind = CeRkWrite;
+            m_runs.remove(runId); // its end says nothing more
+        }
+        break;
+    }
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::treatmentReleased(unsigned long long runId, const QString &command,
-                                                       IMessenger::EnErrorCode code, const QString &error)
+                                                       const DError &error)
 {
-    const Run run = m_runs.take(runId);
-    if (code == IMessenger::CeNoError) {
-        if (run.command == c_setValue && m_pending.contains(run.channel)) {
-            // The first read that starts from now on is the read-back; start it at once.
-            m_readBackFrom.insert(run.channel, m_lastSerial + 1);
+    const auto found = m_runs.find(runId);
+    if (found == m_runs.end()) {
+        if (runId == 0 && error.isError()) // the run could not even start
+            setState(CeCsError, plainError(error, m_connectionPath, 0, command), error.text);
+        return;
+    }
+    const Run run = *found;
+    const bool scheduled = run.kind == CeRkPulseStatus || run.kind == CeRkPulseOnWidth;
+    if (!scheduled || error.code == IMessenger::CeStopped)
+        m_runs.erase(found);
+    if (error.code == IMessenger::CeStopped)
+        return;
+
+    if (!error.isError()) {
+        if (run.kind == CeRkWrite) {
+            if (m_pending.contains(run.channel))
+                m_writes.insert(run.channel, {CeRkWrite, run.channel, run.wanted, 0});
+            answered(CeRkWrite);
+        } else if (run.kind == CeRkPulseStatus) {
+            // The second status read to end after a write started after it: what it showed stands.
+            QStringList done;
+            for (Run &write : m_writes) {
+                if (++write.readsSinceEnd >= 2)
+                    done << write.channel;
+            }
+            for (const QString &channelId : qAsConst(done))
+                setPending(channelId, false);
+        }
+        if (run.kind != CeRkWrite)
+            answered(run.kind);
+        if (scheduled) {
+            // The device answers: bring back what an outage ended.
+            if (!m_infoKnown)
+                getDeviceInfo();
             updateChannelsValue();
         }
         return;
     }
-    if (run.command == c_setValue)
+
+    if (run.kind == CeRkWrite)
         setPending(run.channel, false);
-    if (code == IMessenger::CeStopped && !m_started)
-        return;
-    // TODO(driver codes): the text test goes once the driver sends CeNoConnection.
-    const bool unreachable = code == IMessenger::CeTimeout || code == IMessenger::CeNoConnection
-        || (code == IMessenger::CeDriverError && !error.contains(QLatin1String("exception"), Qt::CaseInsensitive));
-    setState(unreachable ? CeCsNotAnswering : CeCsError,
-             QStringLiteral("%1: %2").arg(describeRun(command, run.channel), error));
+    const qint64 silentMs = now() - m_lastAnswerMs;
+    const bool unreachable = error.code == IMessenger::CeTimeout || error.code == IMessenger::CeNoConnection;
+    if (unreachable) {
+        bool shown = false;
+        for (int i = 0; i < m_channels->count() && !shown; ++i)
+            shown = m_channels->at(i)->value().isValid();
+        setStale(shown, seconds(silentMs));
+    }
+    setState(unreachable ? CeCsNotAnswering : CeCsError, plainError(error, m_connectionPath, silentMs, where(run)),
+             error.text);
+    m_errorKind = run.kind;
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::commandResultChanged(unsigned long long runId, const QString &command,
@@ -228,13 +310,37 @@ void BeMaintenanceDeviceMoxaIoLogic::commandFinished(unsigned long long runId, c
                                                      const QMap<QString, QVariant> &)
 {
     // Every result already came through commandResultChanged.
-    treatmentReleased(runId, command, IMessenger::CeNoError, QString());
+    treatmentReleased(runId, command, DError());
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::commandFailed(unsigned long long runId, const QString &command,
                                                    const DError &error)
 {
-    treatmentReleased(runId, command, error.code, error.text);
+    treatmentReleased(runId, command, error);
+}
+
+QString BeMaintenanceDeviceMoxaIoLogic::plainError(const DError &error, const QString &device, qint64 silentMs,
+                                                   const QString &where)
+{
+    switch (error.code) {
+    case IMessenger::CeTimeout:
+    case IMessenger::CeNoConnection:
+        return QStringLiteral("No answer from %1 for %2 s").arg(device).arg(seconds(silentMs));
+    case IMessenger::CeModbusException:
+        return QStringLiteral("Module refused: %1 at %2").arg(DError::exceptionName(error.exceptionCode), where);
+    case IMessenger::CeMalformedReply:
+        return QStringLiteral("Garbled answer from the module at %1").arg(where);
+    case IMessenger::CeReplyRejected:
+        return QStringLiteral("Unexpected answer from the module at %1").arg(where);
+    case IMessenger::CeRefused:
+        return QStringLiteral("The host refused the request for %1").arg(where);
+    case IMessenger::CeNoRoute:
+        return QStringLiteral("No host or driver reaches the module for %1").arg(where);
+    case IMessenger::CeBadInstruction:
+        return QStringLiteral("The driver cannot send the request for %1").arg(where);
+    default:
+        return QStringLiteral("The driver failed at %1").arg(where);
+    }
 }
 
 DMoxaChannel *BeMaintenanceDeviceMoxaIoLogic::channel(const QString &id) const
@@ -259,32 +365,66 @@ void BeMaintenanceDeviceMoxaIoLogic::applyDeviceInformation(const QVariantMap &i
     m_infoKnown = true;
 }
 
-bool BeMaintenanceDeviceMoxaIoLogic::applyBlockValues(const Run &run, const QVariant &values)
+void BeMaintenanceDeviceMoxaIoLogic::applyPulseRead(EnRunKind kind, const QVariant &value)
 {
-    // The values of a read, in register order; the host may hand them bare or in a
-    // {"values": [...]} map, as the driver replied.
-    QVariant list = values;
-    if (list.type() == QVariant::Map)
-        list = list.toMap().value(QStringLiteral("values"));
-    if (list.type() != QVariant::List) {
-        qCWarning(lcPanel) << "ignored a malformed read of" << run.channel << ":" << values;
-        return false;
+    QVector<uint> &target = kind == CeRkPulseStatus ? m_pulseStatus : m_pulseOnWidth;
+    target.clear();
+    for (const QVariant &v : valueList(value))
+        target.append(v.toUInt());
+    // Blinking is status 1 with an on-width other than 65535: setValue 1 also runs the pulse
+    // generator, with that on-width, for a steady "on".
+    QStringList blinking;
+    for (int offset = 0; offset < m_outputsByOffset.size(); ++offset) {
+        if (offset < m_pulseStatus.size() && offset < m_pulseOnWidth.size() && m_pulseStatus.at(offset) != 0
+            && m_pulseOnWidth.at(offset) != c_steadyOnWidth && !m_outputsByOffset.at(offset).isEmpty())
+            blinking << m_outputsByOffset.at(offset);
     }
-    const QVariantList read = list.toList();
-    for (int offset = 0; offset < read.size() && offset < run.block.size(); ++offset) {
-        DMoxaChannel *target = channel(run.block.at(offset));
-        if (!target)
-            continue;
-        const uint raw = read.at(offset).toUInt();
-        const bool digital = target->type() == DMoxaChannel::CeCtBinIn || target->type() == DMoxaChannel::CeCtBinOut;
-        target->setValue(digital ? QVariant(raw != 0) : QVariant(raw));
-        const quint64 readBackFrom = m_readBackFrom.value(target->id());
-        if (readBackFrom != 0 && run.serial >= readBackFrom) {
-            m_readBackFrom.remove(target->id());
-            setPending(target->id(), false);
-        }
+    setField(m_blinking, blinking, &BeMaintenanceDeviceMoxaIoLogic::blinkingChannelsChanged);
+    if (kind != CeRkPulseStatus)
+        return;
+    for (int offset = 0; offset < m_outputsByOffset.size() && offset < m_pulseStatus.size(); ++offset)
+        confirmWrites(m_outputsByOffset.at(offset), m_pulseStatus.at(offset) != 0, true);
+}
+
+void BeMaintenanceDeviceMoxaIoLogic::confirmWrites(const QString &channelId, bool value, bool scheduledRead)
+{
+    if (!m_pending.contains(channelId))
+        return;
+    const auto write = m_writes.constFind(channelId);
+    // A listen report shows the coil as it changes; a scheduled read counts once the write has ended.
+    bool seen = false;
+    if (write != m_writes.constEnd())
+        seen = write->wanted == value;
+    else if (!scheduledRead) {
+        for (const Run &run : qAsConst(m_runs))
+            seen = seen || (run.kind == CeRkWrite && run.channel == channelId && run.wanted == value);
     }
-    return true;
+    if (!seen)
+        return;
+    setPending(channelId, false);
+    m_writes.remove(channelId);
+}
+
+void BeMaintenanceDeviceMoxaIoLogic::answered(EnRunKind kind)
+{
+    m_lastAnswerMs = now();
+    setStale(false, 0);
+    // A refusal stays on screen until the same kind of run goes through; the device
+    // answering anything ends "not answering".
+    if (m_state != CeCsError || kind == m_errorKind)
+        setState(CeCsConnected);
+}
+
+QString BeMaintenanceDeviceMoxaIoLogic::where(const Run &run) const
+{
+    switch (run.kind) {
+    case CeRkInfo:
+        return QStringLiteral("the identity registers");
+    case CeRkWrite:
+        return QStringLiteral("output %1").arg(run.channel);
+    default:
+        return registerText(m_records.value(run.channel));
+    }
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::setPending(const QString &channelId, bool pending)
@@ -295,40 +435,49 @@ void BeMaintenanceDeviceMoxaIoLogic::setPending(const QString &channelId, bool p
         m_pending.append(channelId);
     } else {
         m_pending.removeAll(channelId);
-        m_readBackFrom.remove(channelId);
+        m_writes.remove(channelId);
     }
     emit pendingChannelsChanged();
 }
 
-void BeMaintenanceDeviceMoxaIoLogic::setState(EnConnectionState state, const QString &errorText)
+void BeMaintenanceDeviceMoxaIoLogic::setStale(bool stale, int seconds)
 {
-    setField(m_errorText, errorText, &BeMaintenanceDeviceMoxaIoLogic::errorTextChanged);
-    if (state == m_state)
+    if (stale == m_stale && seconds == m_staleSeconds)
         return;
-    // Said once per change: a dead device fails every poll.
-    if (state == CeCsNotAnswering || state == CeCsError)
-        qCWarning(lcPanel).noquote() << errorText;
-    else if (state == CeCsConnected && (m_state == CeCsNotAnswering || m_state == CeCsError))
-        qCInfo(lcPanel).noquote() << "the device answers again";
-    m_state = state;
-    emit connectionStateChanged();
+    m_stale = stale;
+    m_staleSeconds = seconds;
+    emit staleChanged();
 }
 
-void BeMaintenanceDeviceMoxaIoLogic::pollTick()
+void BeMaintenanceDeviceMoxaIoLogic::setState(EnConnectionState state, const QString &errorText, const QString &details)
 {
-    if (!m_started)
+    const bool changed = state != m_state || (state == CeCsError && errorText != m_errorText);
+    if (errorText != m_errorText || details != m_errorDetails) {
+        m_errorText = errorText;
+        m_errorDetails = details;
+        emit errorTextChanged();
+    }
+    if (!changed)
         return;
-    if (!m_infoKnown)
-        getDeviceInfo();
-    updateChannelsValue();
+    // Said once per change: a dead device fails every scheduled read.
+    if (!errorText.isEmpty())
+        diagnosticLine(this, c_sourceFile, __LINE__) << qUtf8Printable(errorText) << details;
+    if (state != m_state) {
+        m_state = state;
+        emit connectionStateChanged();
+    }
 }
 
 void BeMaintenanceDeviceMoxaIoLogic::stopAll()
 {
-    m_pollTimer.stop();
     m_started = false;
+    const auto runs = m_runs;
     m_runs.clear();
-    m_readBackFrom.clear();
+    for (auto it = runs.cbegin(); it != runs.cend(); ++it) {
+        if (it->kind != CeRkWrite && it->kind != CeRkInfo)
+            stopCommand(it.key());
+    }
+    m_writes.clear();
     if (!m_pending.isEmpty()) {
         m_pending.clear();
         emit pendingChannelsChanged();

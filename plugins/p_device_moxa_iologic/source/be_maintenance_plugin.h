@@ -6,8 +6,9 @@
 #include "olm_d_moxa_channel.h"
 
 #include <QHash>
+#include <QSet>
 #include <QStringList>
-#include <QTimer>
+#include <QVector>
 
 // How the panel gets its back-end: maintenance_panel.qml creates one itself
 // (`import PlgLibDeviceMoxaIoLogic 1.0`, registered by every PDeviceMoxaIoLogic
@@ -19,18 +20,18 @@
 //   `pollIntervalMs`  <- "maintenancePollIntervalMs", optional.
 // It then calls initBackend().
 //
-// Every value shown comes from the plug-in's own commands, run through the host
-// (runCommand): "getInfo" for the header; "getValues" from the first channel of each
-// register block, once per poll interval (two reads for the sixteen channels); "setValue"
-// to toggle an output. Not "listenEvents": the host runs its executions one at a time on the
-// declared command, and a listening one never ends, so it could watch one channel only.
-// An output shows its output coil, the state on the wire. A poll that
-// fails shows the error; the next poll retries, so the screen recovers by itself.
+// The back-end owns no timer: every value comes from the plug-in's own commands, run and
+// scheduled by the host. "listenEvents" on each channel keeps it live (an output shows its
+// output coil, the state on the wire); "getValues" on the pulse status and on-width records,
+// which the host runs every pollIntervalMs, tells which outputs blink and doubles as the
+// heartbeat: its failures mark the values stale, its answers restart what an outage ended.
+// "getInfo" fills the header; "setValue" toggles an output.
 class BeMaintenanceDeviceMoxaIoLogic : public DAbstractPluginBackend
 {
     Q_OBJECT
     Q_PROPERTY(QObject *device READ device WRITE setDevice NOTIFY pluginChanged)
     Q_PROPERTY(QString connectionPath READ connectionPath WRITE setConnectionPath NOTIFY connectionPathChanged)
+    Q_PROPERTY(QString reference READ reference NOTIFY pluginChanged)
     Q_PROPERTY(QString version READ version NOTIFY versionChanged)
     Q_PROPERTY(QString serialNumber READ serialNumber NOTIFY serialNumberChanged)
     Q_PROPERTY(QString modelName READ modelName NOTIFY modelNameChanged)
@@ -38,14 +39,18 @@ class BeMaintenanceDeviceMoxaIoLogic : public DAbstractPluginBackend
     Q_PROPERTY(OLM_DMoxaChannel *channelsModel READ channelsModel NOTIFY channelsModelChanged)
     Q_PROPERTY(EnConnectionState connectionState READ connectionState NOTIFY connectionStateChanged)
     Q_PROPERTY(QString errorText READ errorText NOTIFY errorTextChanged)
+    Q_PROPERTY(QString errorDetails READ errorDetails NOTIFY errorTextChanged)
+    Q_PROPERTY(bool stale READ stale NOTIFY staleChanged)
+    Q_PROPERTY(int staleSeconds READ staleSeconds NOTIFY staleChanged)
     Q_PROPERTY(QStringList pendingChannels READ pendingChannels NOTIFY pendingChannelsChanged)
+    Q_PROPERTY(QStringList blinkingChannels READ blinkingChannels NOTIFY blinkingChannelsChanged)
     Q_PROPERTY(int pollIntervalMs READ pollIntervalMs WRITE setPollIntervalMs NOTIFY pollIntervalMsChanged)
 public:
     enum EnConnectionState {
         CeCsIdle,         // not started: no device, or initBackend() not called yet
         CeCsConnecting,   // started, no answer yet
         CeCsConnected,    // the device answered the latest request
-        CeCsNotAnswering, // time-out or no connection; the next poll tries again
+        CeCsNotAnswering, // time-out or no connection; the next scheduled read tries again
         CeCsError,        // the device or the host refused a request: see errorText
         _CeCsNbr
     };
@@ -60,6 +65,8 @@ public:
 
     QString connectionPath() const { return m_connectionPath; }
     void setConnectionPath(const QString &path);
+    // The plug-in's "reference" (which module of the configuration this is).
+    QString reference() const;
     // Empty until getInfo has answered.
     QString version() const { return m_version; }
     QString serialNumber() const { return m_serialNumber; }
@@ -68,40 +75,50 @@ public:
     // Never null; filled by initBackend().
     OLM_DMoxaChannel *channelsModel() const { return m_channels; }
     EnConnectionState connectionState() const { return m_state; }
-    // What went wrong last, naming the command and channel; empty while connected.
+    // What went wrong last, in plain words chosen from the error code; empty while connected.
     QString errorText() const { return m_errorText; }
-    // Ids of the outputs clicked whose read-back has not arrived yet.
+    // The same failure as the host reported it (command, instruction, driver text).
+    QString errorDetails() const { return m_errorDetails; }
+    // True while the device does not answer and values are shown: they are as old as
+    // staleSeconds, the time since the device last answered, as of the latest failure.
+    bool stale() const { return m_stale; }
+    int staleSeconds() const { return m_staleSeconds; }
+    // Ids of the outputs clicked whose new state has not been seen yet.
     QStringList pendingChannels() const { return m_pending; }
-    // Time between two reads of the channels (default 500 ms; values below 10 are refused).
-    int pollIntervalMs() const { return m_pollTimer.interval(); }
+    // Ids of the outputs whose pulse generator runs with a finite on-width.
+    QStringList blinkingChannels() const { return m_blinking; }
+    // Time between two scheduled reads of the pulse registers (default 500 ms; below 10 refused).
+    int pollIntervalMs() const { return m_pollIntervalMs; }
     void setPollIntervalMs(int ms);
 
     // Fills the channel model from the plug-in's "channels" table (once), reads the device
-    // information and starts polling the channels. False, with errorText set, when there
-    // is no plug-in or no channel table.
+    // information and starts listening and the scheduled reads. False, with errorText set,
+    // when there is no plug-in or no channel table.
     Q_INVOKABLE bool initBackend();
-    // Runs "getInfo"; the header properties change when it answers.
+    // Runs "getInfo" unless one runs; the header properties change when it answers.
     Q_INVOKABLE void getDeviceInfo();
-    // Reads every channel now: one "getValues" per register block whose previous read has
-    // ended. Called at each poll.
+    // Starts what is missing: a "listenEvents" per channel and the scheduled pulse reads.
     Q_INVOKABLE void updateChannelsValue();
     // Toggles a digital output from its displayed value with "setValue"; the displayed
     // value changes only when the device reports it. False (nothing sent) for an unknown
     // channel, an input, an output whose value is not known yet or one already pending.
     Q_INVOKABLE bool clickedOnChannel(const QString &channelId);
 
-    // Applies one result of a run to the screen (header, channel value, state).
+    // Applies one result of a run to the screen (header, channel value, pulse state).
     void applyTreatmentReply(unsigned long long runId, const QString &command, const QString &name,
                              const QVariant &value);
-    // A run ended: forgets it and, for a failure, shows the error.
-    void treatmentReleased(unsigned long long runId, const QString &command,
-                           IMessenger::EnErrorCode code, const QString &error);
+    // A run (or one scheduled run) ended: a success counts as an answer, a failure is shown.
+    void treatmentReleased(unsigned long long runId, const QString &command, const DError &error);
 
     void commandResultChanged(unsigned long long runId, const QString &command, const QString &name,
                               const QVariant &value) override;
     void commandFinished(unsigned long long runId, const QString &command,
                          const QMap<QString, QVariant> &results) override;
     void commandFailed(unsigned long long runId, const QString &command, const DError &error) override;
+
+    // The failure in a technician's words: `device` is the address, `silentMs` how long the
+    // device has not answered, `where` the register or channel concerned ("coil 16").
+    static QString plainError(const DError &error, const QString &device, qint64 silentMs, const QString &where);
 
 signals:
     void connectionPathChanged();
@@ -112,26 +129,32 @@ signals:
     void channelsModelChanged();
     void connectionStateChanged();
     void errorTextChanged();
+    void staleChanged();
     void pendingChannelsChanged();
+    void blinkingChannelsChanged();
     void pollIntervalMsChanged();
 
 private:
+    enum EnRunKind { CeRkInfo, CeRkListen, CeRkWrite, CeRkPulseStatus, CeRkPulseOnWidth };
     struct Run
     {
-        QString command;
-        QString channel;     // getValues: first channel of the block; setValue: the output
-        QStringList block;   // getValues: channel ids by offset from the first register
-        quint64 serial = 0;  // getValues: order in which the reads started
+        EnRunKind kind = CeRkInfo;
+        QString channel; // the channel listened to or written, the record read
+        bool wanted = false; // a write: the value asked for
+        int readsSinceEnd = -1; // a write: scheduled reads that ended since it did (-1 running)
     };
 
     DMoxaChannel *channel(const QString &id) const;
     bool fillChannels(QString *error);
     void applyDeviceInformation(const QVariantMap &info);
-    // False (nothing applied) when the values are not a list.
-    bool applyBlockValues(const Run &run, const QVariant &values);
-    void pollTick();
+    void applyPulseRead(EnRunKind kind, const QVariant &values);
+    void confirmWrites(const QString &channelId, bool value, bool scheduledRead);
+    // The device answered a run of `kind`.
+    void answered(EnRunKind kind);
+    QString where(const Run &run) const;
     void setPending(const QString &channelId, bool pending);
-    void setState(EnConnectionState state, const QString &errorText = QString());
+    void setStale(bool stale, int seconds);
+    void setState(EnConnectionState state, const QString &errorText = QString(), const QString &details = QString());
     void stopAll();
     template<typename T>
     void setField(T &field, const T &value, void (BeMaintenanceDeviceMoxaIoLogic::*changed)());
@@ -144,13 +167,24 @@ private:
     QString m_macAddress;
     EnConnectionState m_state = CeCsIdle;
     QString m_errorText;
+    QString m_errorDetails;
+    bool m_stale = false;
+    int m_staleSeconds = 0;
     QStringList m_pending;
-    // Pending output -> serial of the first read that started after its write ended
-    // (0 while the write runs): that read is the device's read-back.
-    QHash<QString, quint64> m_readBackFrom;
+    QStringList m_blinking;
+    int m_pollIntervalMs = 500;
     bool m_started = false;
     bool m_infoKnown = false;
-    quint64 m_lastSerial = 0;
+    EnRunKind m_errorKind = CeRkInfo; // the run that failed with the error shown
+    // When the device last answered (or the back-end started), ms since the epoch.
+    qint64 m_lastAnswerMs = 0;
+    // Outputs by pulse-register offset, and the latest pulse status and on-width read.
+    QStringList m_outputsByOffset;
+    QVector<uint> m_pulseStatus;
+    QVector<uint> m_pulseOnWidth;
+    // Every record of the channel table by id, with its fields.
+    QHash<QString, QVariantMap> m_records;
     QHash<unsigned long long, Run> m_runs;
-    QTimer m_pollTimer;
+    // Writes that ended while their output is still pending, by output.
+    QHash<QString, Run> m_writes;
 };
