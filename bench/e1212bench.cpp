@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // e1212bench: the whole stack (Host, device plug-in, Modbus TCP driver) against a bare
-// QModbusTcpClient read loop, both on one loopback simulator served from its own thread.
+// QModbusTcpClient read loop, both on one loopback simulator served by a child process, so
+// that the CPU and memory figures are the client's alone.
 #include "ctllog.h"
 #include "deviceconfig.h"
 #include "e1212simulator.h"
@@ -11,10 +12,12 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QModbusTcpClient>
-#include <QThread>
 #include <QVariant>
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <csignal>
 #include <unistd.h>
 
 #include <algorithm>
@@ -179,29 +182,51 @@ void printRow(const char *what, int devices, const Figures &figures)
                 figures.cpuUsPerRequest, figures.medianUs, figures.rssMiB, figures.failures);
 }
 
+// Serves the simulator on a free loopback port in a child process and returns the port
+// (0 on failure); the child ends with the parent.
+quint16 serveSimulator(int argc, char **argv, pid_t *child)
+{
+    int fds[2];
+    if (pipe(fds) != 0)
+        return 0;
+    *child = fork();
+    if (*child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        close(fds[0]);
+        QCoreApplication app(argc, argv);
+        E1212Simulator simulator;
+        QString error;
+        quint16 port = simulator.start(QHostAddress::LocalHost, 0, &error) ? simulator.port() : 0;
+        if (write(fds[1], &port, sizeof port) != sizeof port || !port)
+            _exit(1);
+        close(fds[1]);
+        _exit(app.exec());
+    }
+    close(fds[1]);
+    quint16 port = 0;
+    if (*child < 0 || read(fds[0], &port, sizeof port) != sizeof port)
+        port = 0;
+    close(fds[0]);
+    return port;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    pid_t server = 0;
+    const quint16 port = serveSimulator(argc, argv, &server);
+    if (!port) {
+        std::fprintf(stderr, "e1212bench: cannot start the simulator\n");
+        return 1;
+    }
     QCoreApplication app(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     // Logging as e1212ctl ships it (not --verbose); --verbose turns our debug lines on.
     // --sequential runs only the one-device comparison.
     installCtlMessageHandler(app.arguments().contains(QStringLiteral("--verbose")));
     const int sequential = qMax(100, qEnvironmentVariableIntValue("E1212_BENCH_REQUESTS") ? qEnvironmentVariableIntValue("E1212_BENCH_REQUESTS") : 5000);
-
-    QThread serverThread;
-    serverThread.start();
-    auto simulator = new E1212Simulator;
-    simulator->moveToThread(&serverThread);
-    quint16 port = 0;
     QString error;
-    QMetaObject::invokeMethod(simulator, [&] {
-        if (simulator->start(QHostAddress::LocalHost, 0, &error))
-            port = simulator->port();
-    }, Qt::BlockingQueuedConnection);
-    if (!port)
-        qFatal("cannot start the simulator: %s", qPrintable(error));
 
     PluginManager plugins;
     plugins.scan(PluginManager::searchPath());
@@ -209,7 +234,7 @@ int main(int argc, char **argv)
     if (configs.isEmpty())
         qFatal("%s", qPrintable(error));
 
-    std::printf("e1212bench: %d sequential requests per command; loopback simulator on its own thread\n", sequential);
+    std::printf("e1212bench: %d sequential requests per command; loopback simulator in a child process\n", sequential);
     std::printf("%-22s %8s %12s %14s %10s %10s %8s\n", "client", "devices", "requests/s", "CPU us/request", "median us", "RSS MiB", "failed");
     {
         FullStack full(&plugins, configs.first(), port, 1);
@@ -256,8 +281,7 @@ int main(int argc, char **argv)
                     bareFigures.cpuUsPerRequest / bareCpuOne);
     }
 
-    QMetaObject::invokeMethod(simulator, [simulator] { delete simulator; }, Qt::BlockingQueuedConnection);
-    serverThread.quit();
-    serverThread.wait();
+    kill(server, SIGTERM);
+    waitpid(server, nullptr, 0);
     return 0;
 }
