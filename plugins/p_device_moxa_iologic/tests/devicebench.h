@@ -30,10 +30,7 @@ inline QVariant record(const QString &id, const QVariantMap &entries)
     return QVariantMap{{QStringLiteral("id"), id}, {QStringLiteral("name"), id}, {QStringLiteral("value"), values}};
 }
 
-inline DAbstractPlugin *rootPlugin()
-{
-    return qobject_cast<DAbstractPlugin *>(QPluginLoader(QString::fromLatin1(c_pluginPath)).instance());
-}
+inline DAbstractPlugin *rootPlugin() { return qobject_cast<DAbstractPlugin *>(QPluginLoader(QString::fromLatin1(c_pluginPath)).instance()); }
 
 // A fresh instance with reference "bench io1", `channels` published as its table (none when
 // invalid), attached to the messenger, its commands declared.
@@ -100,9 +97,9 @@ inline QString diagnosticMismatch(const LogCapture::Message &message, const QObj
         && !message.function && QDateTime::fromString(date, QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).isValid()
         && message.text == expected)
         return QString();
-    return QStringLiteral("got type %1 category %2 context %3:%4 %5 text %6, expected %7")
-        .arg(message.type).arg(message.category, QLatin1String(message.file)).arg(message.line)
-        .arg(QLatin1String(message.function), describe(message.text), describe(expected));
+    return QStringLiteral("got %1 in category %2 with context %3:%4 %5, expected %6 in \"default\" without")
+        .arg(describe(message.text), message.category, QLatin1String(message.file)).arg(message.line)
+        .arg(QLatin1String(message.function), describe(expected));
 }
 
 } // namespace bench
