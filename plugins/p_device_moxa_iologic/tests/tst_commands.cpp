@@ -82,7 +82,9 @@ void TstCommands::commands_data()
     QTest::addColumn<QString>("command");
     QTest::addColumn<QVariantMap>("arguments");
     QTest::addColumn<bool>("executes");
-    QTest::addColumn<QVariantList>("steps");    // replies, or {"arguments", map}: new arguments (none: execute again)
+    // Replies {instruction, reply, accepted} (instruction -1: to the command's own write-reply handler, which no
+    // instruction reaches), or {"arguments", map}: new arguments (none: execute again).
+    QTest::addColumn<QVariantList>("steps");
     QTest::addColumn<QVariantList>("sent");     // every instruction, in order
     QTest::addColumn<QVariantMap>("results");
     QTest::addColumn<QVariantList>("log");      // {line (-1: any), text after the line number}
@@ -164,6 +166,11 @@ void TstCommands::commands_data()
            {read(4464, c_inputs)}, {}, {log(142, c_noValues)});
     for (const char *command : {"setValues", "setBlink"}) {
         addRow("refused", command, c_refused, false, {}, {});
+        const int line = QByteArray(command) == "setValues" ? 110 : 111;
+        addRow("unbound reply handler", command, c_refused, false,
+               {reply(-1, values(QVariantList()), false), reply(-1, values(true), false), reply(-1, {}, false),
+                reply(-1, values(QVariantList{1}), false)},
+               {}, {}, {log(line, c_empty), log(line + 3, c_notList), log(line + 6, c_noValues)});
         // The caller's "values" goes out untouched, whatever it is; no reply is asked for.
         addRow("widths, list", command,
                {{"channel", "DO3"}, {"pulseOnWidth", 500}, {"pulseOffWidth", 70000}, {"values", QVariantList{1, "0"}}}, true, {},
@@ -218,7 +225,15 @@ void TstCommands::commands()
                 QVERIFY(declared->commandExecute());
             continue;
         }
-        QCOMPARE(device.messenger.reply(s.at(0).toInt(), s.at(1).toMap()), s.at(2).toBool());
+        if (s.at(0).toInt() >= 0) {
+            QCOMPARE(device.messenger.reply(s.at(0).toInt(), s.at(1).toMap()), s.at(2).toBool());
+            continue;
+        }
+        const QByteArray type = command == QLatin1String("setBlink") ? "DCmdSetValuesWithPulse" : "DCmdSetValues";
+        const QByteArray symbol = "_ZN" + QByteArray::number(type.size()) + type + "12rplWriteDoneEyRK4QMapI7QString8QVariantE";
+        const auto handler = reinterpret_cast<bool (*)(DAbstractCommand *, unsigned long long, const QVariantMap &)>(
+            QLibrary(QString::fromLatin1(bench::c_pluginPath)).resolve(symbol.constData()));
+        QCOMPARE(handler(declared, 1, s.at(1).toMap()), s.at(2).toBool());
     }
 
     QVariantList actual;
@@ -231,7 +246,7 @@ void TstCommands::commands()
     BENCH_COMPARE(actual, sent);
     BENCH_COMPARE(declared->results(), results);
     QCOMPARE(capture.messages().size(), log.size());
-    const QString file = QStringLiteral("d_cmd_") + command;
+    const QString file = command == QLatin1String("setBlink") ? QStringLiteral("d_cmd_setValuesWithPulse") : "d_cmd_" + command;
     for (int i = 0; i < log.size(); ++i) {
         const QString why = bench::diagnosticMismatch(capture.messages().at(i), declared, file, log.at(i).toList().at(0).toInt(),
                                                       log.at(i).toList().at(1).toString());

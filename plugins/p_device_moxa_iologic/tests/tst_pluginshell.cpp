@@ -50,8 +50,7 @@ class TstPluginShell : public QObject
     Q_OBJECT
 private slots:
     void metadata();
-    void rootInstance();
-    void identity();
+    void rootInstanceAndIdentity();
     void virtualTables();
     void channelTable_data();
     void channelTable();
@@ -73,7 +72,7 @@ void TstPluginShell::metadata()
              (QCborMap{{2, "org.e1212bench.host.plugin.PDeviceMoxaIoLogic"}, {3, "PDeviceMoxaIoLogic"}}));
 }
 
-void TstPluginShell::rootInstance()
+void TstPluginShell::rootInstanceAndIdentity()
 {
     QPluginLoader loader(QString::fromLatin1(bench::c_pluginPath));
     QObject *first = loader.instance();
@@ -88,13 +87,9 @@ void TstPluginShell::rootInstance()
     auto *second = qobject_cast<IPlugin *>(loader.instance());
     QVERIFY(second && static_cast<void *>(second) != static_cast<void *>(first));
     QVERIFY(second->objectUuid().isNull());
-}
 
-void TstPluginShell::identity()
-{
     const QUuid uuid = QUuid::createUuid();
-    IPlugin *root = bench::rootPlugin();
-    const QScopedPointer<IPlugin> instance(root->createInstance(uuid));
+    const QScopedPointer<IPlugin> instance(second->createInstance(uuid));
     QVERIFY(!dynamic_cast<QObject *>(instance.data())->parent());
     QCOMPARE(instance->objectUuid(), uuid);
     QCOMPARE(instance->pluginUuid(), c_pluginUuid);
@@ -214,15 +209,11 @@ void TstPluginShell::qmlAndPanel()
     delete bench::rootPlugin()->createInstance(QUuid());
     QQmlEngine engine;
     QQmlComponent component(&engine);
-    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nDMoxaChannel { property bool switchable: isSwitchable() }\n", QUrl());
+    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nDMoxaChannel { property var backend: BeMaintenanceDeviceMoxaIoLogic {} }\n", QUrl());
     QScopedPointer<QObject> channel(component.create());
     QVERIFY2(channel, qPrintable(component.errorString()));
     QVERIFY(channel->inherits("DMoxaChannel"));
-    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic {}\n", QUrl());
-    QScopedPointer<QObject> backend(component.create());
-    QVERIFY2(backend, qPrintable(component.errorString()));
-    QVERIFY(backend->inherits("BeMaintenanceDeviceMoxaIoLogic"));
-
+    QVERIFY(channel->property("backend").value<QObject *>()->inherits("BeMaintenanceDeviceMoxaIoLogic"));
     QFile panel(QStringLiteral(":/{43ae4651-f855-42c1-81e2-c73130e79008}/maintenance_panel.qml"));
     QVERIFY(panel.open(QIODevice::ReadOnly));
     QVERIFY(panel.readAll().contains("import QtQuick"));
