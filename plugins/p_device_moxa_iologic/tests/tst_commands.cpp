@@ -16,7 +16,7 @@ const QString c_inputs = QStringLiteral("inputRegisters");
 QVariantList table()
 {
     return {
-        record("AI0", {{"register", 70000}, {"readRegisterType", c_inputs}, {"writeRegisterType", c_holding}, {"size", 65552}}),
+        record("AI0", {{"register", 70001}, {"readRegisterType", c_inputs}, {"writeRegisterType", c_holding}, {"size", 65552}}),
         record("DO3", {{"register", 3}, {"readRegisterType", c_coils}, {"writeRegisterType", c_coils},
                        {"activeLevelHigh", true}, {"size", 5}}),
         record("DO4", {{"register", 4}, {"readRegisterType", "coilsregister"}, {"activeLevelHigh", false}}),
@@ -99,9 +99,9 @@ void TstCommands::commands_data()
             reply(3, c_model, true), reply(4, c_firmware, true)}, reads + reads);
     addRow("bytes decoded", "getInfo", {}, true,
            {reply(0, values(QVariantList{0x4142, 0x43E9, 0x2000, 0x4400}), true),
-            reply(1, values(QVariantList{0x0A0B, 0x0CFF, 0x0001, 0x6302, 7}), true),
-            reply(2, values(QVariantList{0xABCD, 0xEF01, 0x2345}), true)},
-           reads, information(QStringLiteral("ABC\u00e9"), "V10.11.12 Build00019902", "AB:CD:EF:01:23:45"));
+            reply(1, values(QVariantList{0x0A0B, 0x0CFF, 0x1121, 0x6342, 7}), true),
+            reply(2, values(QVariantList{0xABCD, 0xEF89, 0x2345}), true)},
+           reads, information(QStringLiteral("ABC\u00e9"), "V10.11.12 Build17339966", "AB:CD:EF:89:23:45"));
     addRow("empty name, unread numbers", "getInfo", {}, true,
            {reply(0, values(QVariantList{0x0045, 0x4142}), true), reply(1, values(QVariantList{"a", 1, 2, 3}), true),
             reply(2, values(QVariantList{0, 0, 1}), true)},
@@ -121,17 +121,17 @@ void TstCommands::commands_data()
     addRow("other case, no offset", "getValue", {{"channel", "DO4"}}, true, {reply(0, values(QVariantList{"12"}), true)},
            {read(4, "coilsregister")}, {{"value", 12u}});
     addRow("low 16 bits, value unmasked", "getValue", {{"channel", "AI0"}}, true, {reply(0, values(QVariantList{70000}), true)},
-           {read(4464, c_inputs)}, {{"value", 70000u}});
+           {read(4465, c_inputs)}, {{"value", 70000u}});
     addRow("unknown channel", "getValue", {{"channel", "nope"}}, true, {}, {read(0, QString())});
     addRow("values not a list", "getValue", {{"channel", "AI0"}}, true, {reply(0, values(5), false)},
-           {read(4464, c_inputs)}, {}, {log(-1, c_notList)});
+           {read(4465, c_inputs)}, {}, {log(-1, c_notList)});
     addRow("values a string list", "getValue", {{"channel", "AI0"}}, true, {reply(0, values(QStringList{"1"}), false)},
-           {read(4464, c_inputs)}, {}, {log(-1, c_notList)});
+           {read(4465, c_inputs)}, {}, {log(-1, c_notList)});
     addRow("values empty", "getValue", {{"channel", "AI0"}}, true, {reply(0, values(QVariantList()), false)},
-           {read(4464, c_inputs)}, {}, {log(-1, c_empty)});
-    addRow("no values", "getValue", {{"channel", "AI0"}}, true, {reply(0, {}, false)}, {read(4464, c_inputs)}, {}, {log(-1, c_noValues)});
+           {read(4465, c_inputs)}, {}, {log(-1, c_empty)});
+    addRow("no values", "getValue", {{"channel", "AI0"}}, true, {reply(0, {}, false)}, {read(4465, c_inputs)}, {}, {log(-1, c_noValues)});
     addRow("refused", "getValues", c_refused, false, {}, {});
-    addRow("run of the record's size", "getValues", {{"channel", "AI0"}}, true, {}, {read(4464, c_inputs, false, 16)});
+    addRow("run of the record's size", "getValues", {{"channel", "AI0"}}, true, {}, {read(4465, c_inputs, false, 16)});
     addRow("coil without offset", "getValues", {{"channel", "DO3"}}, true, {}, {read(3, c_coils, false, 5)});
     addRow("unknown channel", "getValues", {{"channel", "nope"}}, true, {}, {read(0, QString(), false, 0)});
     const QVariantList on{write(259, 65535, c_holding), write(65538, 1, c_holding), write(19, 1, c_coils)};
@@ -153,17 +153,17 @@ void TstCommands::commands_data()
            {reply(2, {}, false)}, on, {}, {log(174, c_noValues)});
     addRow("masked: mask and register low 16 bits", "setValue", masked, true,
            {reply(0, values(QVariantList{0x1234, 7}), true), reply(1, values(QVariantList{1}), true)},
-           {read(4464, c_inputs), write(4464, 0x1254, c_holding)}, {{"doneOk", true}});
+           {read(4465, c_inputs), write(4465, 0x1254, c_holding)}, {{"doneOk", true}});
     addRow("masked: value fetched at the reply", "setValue", masked, true,
            {QVariantList{"arguments", QVariantMap{{"channel", "DO3"}, {"value", 0x12345}, {"bitMask", 0}}},
             reply(0, values(QVariantList{0x1FFFF}), true)},
-           {read(4464, c_inputs), write(4464, 0xFF4F, c_holding)});
+           {read(4465, c_inputs), write(4465, 0xFF4F, c_holding)});
     addRow("masked: read empty", "setValue", masked, true, {reply(0, values(QVariantList()), false)},
-           {read(4464, c_inputs)}, {}, {log(136, c_empty)});
+           {read(4465, c_inputs)}, {}, {log(136, c_empty)});
     addRow("masked: read not a list", "setValue", masked, true, {reply(0, values(QStringList{"1"}), false)},
-           {read(4464, c_inputs)}, {}, {log(139, c_notList)});
+           {read(4465, c_inputs)}, {}, {log(139, c_notList)});
     addRow("masked: read without values", "setValue", masked, true, {reply(0, {}, false)},
-           {read(4464, c_inputs)}, {}, {log(142, c_noValues)});
+           {read(4465, c_inputs)}, {}, {log(142, c_noValues)});
     for (const char *command : {"setValues", "setBlink"}) {
         addRow("refused", command, c_refused, false, {}, {});
         const int line = QByteArray(command) == "setValues" ? 110 : 111;
@@ -173,15 +173,15 @@ void TstCommands::commands_data()
                {}, {}, {log(line, c_empty), log(line + 3, c_notList), log(line + 6, c_noValues)});
         // The caller's "values" goes out untouched, whatever it is; no reply is asked for.
         addRow("widths, list", command,
-               {{"channel", "DO3"}, {"pulseOnWidth", 500}, {"pulseOffWidth", 70000}, {"values", QVariantList{1, "0"}}}, true, {},
-               {write(259, 500, c_holding, false), write(65538, 4464, c_holding, false), write(19, QVariantList{1, "0"}, c_coils, false)});
+               {{"channel", "DO3"}, {"pulseOnWidth", 501}, {"pulseOffWidth", 70000}, {"values", QVariantList{1, "0"}}}, true, {},
+               {write(259, 501, c_holding, false), write(65538, 4464, c_holding, false), write(19, QVariantList{1, "0"}, c_coils, false)});
         addRow("active-low swaps, 0 is 1", command,
                {{"channel", "DO4"}, {"pulseOnWidth", 65536}, {"pulseOffWidth", 250}, {"values", QStringList{"1"}}}, true, {},
                {write(260, 250, c_holding, false), write(65539, 1, c_holding, false), write(20, QStringList{"1"}, c_coils, false)});
         addRow("no widths, values a number", command, {{"channel", "DO3"}, {"values", 5}}, true, {},
                {write(259, 1, c_holding, false), write(65538, 1, c_holding, false), write(19, 5, c_coils, false)});
     }
-    const QVariant listenAI0 = sent("listen", true, {{"register", 4464}, {"registerType", c_inputs}, {"dataSize", 1}});
+    const QVariant listenAI0 = sent("listen", true, {{"register", 4465}, {"registerType", c_inputs}, {"dataSize", 1}});
     const QString count = QStringLiteral("ERROR: Command returns unwaited number of data : %1 expected 1 , receivedData = %2");
     addRow("refused", "listenEvents", c_refused, false, {}, {});
     addRow("empty channel", "listenEvents", {{"channel", ""}}, false, {}, {}, {}, {log(-1, "ERROR: Register number not valid")});

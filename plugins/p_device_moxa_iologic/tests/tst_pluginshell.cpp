@@ -97,6 +97,7 @@ void TstPluginShell::rootInstanceAndIdentity()
     QCOMPARE(instance->pluginVersion(), versionFromString(QStringLiteral("1.0"), nullptr, QLatin1Char('.')));
     QCOMPARE(quint32(instance->pluginType()), 0x44657669u);
     QCOMPARE(instance->pluginSubTypeName(), "");
+    QVERIFY(!dynamic_cast<DAbstractPlugin *>(instance.data())->isHidden());
     BENCH_COMPARE(instance->getProperty(QStringLiteral("typeName"), QVariant()), QStringLiteral(""));
     auto *plugin = dynamic_cast<DAbstractPlugin *>(instance.data());
     QVERIFY(plugin->commandNames().isEmpty() && !plugin->getFromParameters(QStringLiteral("channels")).isValid());
