@@ -32,5 +32,6 @@ QStringList LogCapture::criticalTexts() const
 void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, const QString &text)
 {
     if (s_current)
-        s_current->m_messages << Message{type, QString::fromLatin1(context.category), text};
+        s_current->m_messages << Message{type, QString::fromLatin1(context.category), text, context.file, context.line,
+                                         context.function};
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Captures the messages written while it lives, as (type, category, text).
+// Captures the messages written while it lives, with their context.
 #pragma once
 
 #include <QList>
@@ -14,6 +14,10 @@ public:
         QtMsgType type;
         QString category;
         QString text;
+        // The context as the writer gave it: null file and function and line 0 when empty.
+        const char *file;
+        int line;
+        const char *function;
     };
 
     LogCapture();

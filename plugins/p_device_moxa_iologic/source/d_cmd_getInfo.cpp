@@ -94,6 +94,9 @@ bool DCmdGetInfo::rplModelName(unsigned long long, const QMap<QString, QVariant>
         name.append(char(lowByte(word)));
     }
     m_modelName = QString::fromLatin1(name).trimmed();
+    // An empty name is still a real (non-null) text.
+    if (m_modelName.isNull())
+        m_modelName = QLatin1String("");
     m_modelNameReceived = true;
     return complete();
 }
@@ -143,7 +146,7 @@ bool DCmdGetInfo::complete()
     const QVariantMap information{
         {QStringLiteral("modelName"), m_modelName},
         {QStringLiteral("softwareVersion"), softwareVersion},
-        {QStringLiteral("serialNumber"), QString()},
+        {QStringLiteral("serialNumber"), QStringLiteral("")}, // not read: always empty, never null
         {QStringLiteral("macAddress"), m_macAddress},
     };
     return commandUpdateResult(QStringLiteral("deviceInformation"), information);

@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "d_moxa_channel.h"
 
+// Library load registers the embedded maintenance panel first and builds c_channelTypesMap
+// second; unload undoes them in reverse. Both are statics of this one file, which are built
+// in the order they appear and destroyed in the reverse order.
+#include "qrc_maintenance_panel.cpp"
+
 const QMap<QString, DMoxaChannel::EnChannelType> DMoxaChannel::c_channelTypesMap = {
     {QStringLiteral("analogInput"), DMoxaChannel::CeCtAnaIn},
     {QStringLiteral("analogOutput"), DMoxaChannel::CeCtAnaOut},

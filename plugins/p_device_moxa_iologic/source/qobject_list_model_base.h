@@ -3,19 +3,29 @@
 // hands out the item object itself.
 #pragma once
 
-#include "qobject_list_model_qml.h"
-
+#include <QAbstractListModel>
 #include <QList>
 #include <QQmlEngine>
 #include <QSharedPointer>
 
 namespace __qobjectsqmllist {
 
+// A template cannot carry a meta-object: each concrete model is a Q_OBJECT class that
+// declares, in this order, the signal changed() (overriding the one below), the invokables
+// header() and item() (protected), and the int properties length and isEmpty, notified by changed.
 template<class T>
-class QObjectListModelBase : public QObjectListModelQml
+class QObjectListModelBase : public QAbstractListModel
 {
 public:
-    using QObjectListModelQml::QObjectListModelQml;
+    // The one data role: the item object itself.
+    static constexpr int ModelDataRole = Qt::UserRole;
+
+    explicit QObjectListModelBase(QObject *parent = nullptr)
+        : QAbstractListModel(parent)
+    {
+        // Qt 5 reaches resetInternalData() by name only, so a reset comes here through its signal.
+        connect(this, &QAbstractItemModel::modelReset, this, [this] { resetInternalData(); });
+    }
 
     int rowCount(const QModelIndex & = QModelIndex()) const override { return m_items.size(); }
 
@@ -36,6 +46,11 @@ public:
         return names;
     }
 
+    int length() const { return m_items.size(); }
+    // An int on purpose: QML sees 1 or 0.
+    int isEmpty() const { return m_items.isEmpty() ? 1 : 0; }
+    QVariant header(int section) { return headerData(section, Qt::Horizontal, Qt::DisplayRole); }
+
     // Appends one item (null pointers are ignored) and emits changed().
     void append(const QSharedPointer<T> &object)
     {
@@ -45,7 +60,7 @@ public:
         beginInsertRows(QModelIndex(), row, row);
         m_items.append(object);
         endInsertRows();
-        emit changed();
+        changed();
     }
 
     // Null when out of range.
@@ -56,8 +71,15 @@ public:
 
     int count() const { return m_items.size(); }
 
+    // Emitted by the owner after it changed the list; the concrete model's signal.
+    virtual void changed() = 0;
+
 protected:
-    QVariant item(int i) override
+    // A reset refreshes length and isEmpty too.
+    virtual void resetInternalData() { changed(); }
+
+    // The object of row i for QML, kept in C++ ownership; invalid when out of range.
+    QVariant item(int i)
     {
         if (i < 0 || i >= m_items.size())
             return QVariant();

@@ -1,142 +1,223 @@
 // SPDX-License-Identifier: MIT
-// The device plug-in loaded by QPluginLoader: metadata, root instance, identity,
-// embedded panel and QML types.
-#include "dabstractplugin.h"
+// The device plug-in as a host loads it: metadata, root instance, identity, virtual tables,
+// channel table selection, the declared commands, QML types and the embedded panel.
+#include "devicebench.h"
 #include "hostutils.h"
 
+#include <QCborMap>
+#include <QCborStreamReader>
+#include <QCborValue>
 #include <QFile>
-#include <QPluginLoader>
 #include <QQmlComponent>
 #include <QQmlEngine>
-#include <QtTest>
+#include <QSignalSpy>
 
 namespace {
-const QString c_pluginPath = QStringLiteral(E1212_PLUGIN_DIR "/libp_device_moxa_iologic.so");
 const QUuid c_pluginUuid(QStringLiteral("{43ae4651-f855-42c1-81e2-c73130e79008}"));
+
+// A plug-in of the same framework that overrides only what it must, so that every entry it
+// inherits in its virtual tables is DAbstractPlugin's (or QObject's).
+class Probe : public DAbstractPlugin
+{
+public:
+    Probe() : DAbstractPlugin(QUuid(), QString(), IPlugin::CeDevice, 0, QUuid(), nullptr, false) {}
+    IPlugin *createInstance(const QUuid &) const override { return nullptr; }
+};
+
+using Table = const void *const *;
+Table table(const void *object) { return *static_cast<const Table *>(object); }
+
+// Indices where the tables of `a` and `b` differ among the first `size` entries.
+QList<int> differences(const void *a, const void *b, int size)
+{
+    QList<int> indices;
+    for (int i = 0; i < size; ++i)
+        if (table(a)[i] != table(b)[i])
+            indices << i;
+    return indices;
+}
+
+// One declared argument as "kind name type description = default".
+QString describe(const DCommandArgument &argument)
+{
+    return QStringLiteral("%1 %2 %3 %4 = %5").arg(argument.kind).arg(argument.name, argument.typeCode, argument.description,
+                                                                    bench::describe(argument.defaultValue));
+}
 } // namespace
 
 class TstPluginShell : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
     void metadata();
-    void rootInstanceLifecycle();
-    void identityThroughIPlugin_data();
-    void identityThroughIPlugin();
-    void freshInstanceHasNoCommandsOrTable();
-    void embeddedPanel();
-    void qmlCreatesChannel();
-
-private:
-    QPluginLoader m_loader{c_pluginPath};
+    void rootInstanceAndIdentity();
+    void virtualTables();
+    void channelTable_data();
+    void channelTable();
+    void declarations();
+    void qmlAndPanel();
 };
-
-void TstPluginShell::initTestCase()
-{
-    QVERIFY2(m_loader.load(), qPrintable(m_loader.errorString()));
-}
 
 void TstPluginShell::metadata()
 {
-    const QJsonObject meta = m_loader.metaData();
-    QCOMPARE(meta.value(QStringLiteral("IID")).toString(), QStringLiteral("org.e1212bench.host.plugin.PDeviceMoxaIoLogic"));
-    QCOMPARE(meta.value(QStringLiteral("className")).toString(), QStringLiteral("PDeviceMoxaIoLogic"));
-    // No JSON file is attached.
-    QVERIFY(meta.value(QStringLiteral("MetaData")).toObject().isEmpty());
+    QFile library(QString::fromLatin1(bench::c_pluginPath));
+    QVERIFY(library.open(QIODevice::ReadOnly));
+    const QByteArray bytes = library.readAll();
+    const int at = bytes.indexOf("QTMETADATA !");
+    QVERIFY(at >= 0);
+    // Format 0, Qt 5.15, no architecture or debug requirements, then an indefinite-length map.
+    QCOMPARE(bytes.mid(at + 12, 5), QByteArray("\x00\x05\x0F\x00\xBF", 5));
+    QCborStreamReader reader(bytes.mid(at + 16));
+    QCOMPARE(QCborValue::fromCbor(reader).toMap(),
+             (QCborMap{{2, "org.e1212bench.host.plugin.PDeviceMoxaIoLogic"}, {3, "PDeviceMoxaIoLogic"}}));
 }
 
-void TstPluginShell::rootInstanceLifecycle()
+void TstPluginShell::rootInstanceAndIdentity()
 {
-    QObject *first = m_loader.instance();
+    QPluginLoader loader(QString::fromLatin1(bench::c_pluginPath));
+    QObject *first = loader.instance();
     QVERIFY(first);
-    QCOMPARE(m_loader.instance(), first);
+    QCOMPARE(loader.instance(), first);
     QCOMPARE(first->metaObject()->className(), "PDeviceMoxaIoLogic");
-    QVERIFY(qobject_cast<IPlugin *>(first));
-    QVERIFY(first->inherits("DAbstractPlugin"));
-
+    QCOMPARE(first->metaObject()->superClass(), &DAbstractPlugin::staticMetaObject);
+    QCOMPARE(first->metaObject()->methodCount() + first->metaObject()->propertyCount(),
+             DAbstractPlugin::staticMetaObject.methodCount() + DAbstractPlugin::staticMetaObject.propertyCount());
+    QCOMPARE(first->qt_metacast("PDeviceMoxaIoLogic"), static_cast<void *>(first));
     delete first;
-    QObject *second = m_loader.instance();
-    QVERIFY(second);
-    IPlugin *plugin = qobject_cast<IPlugin *>(second);
-    QVERIFY(plugin);
-    QVERIFY(plugin->objectUuid().isNull());
-    QCOMPARE(plugin->pluginUuid(), c_pluginUuid);
-}
+    auto *second = qobject_cast<IPlugin *>(loader.instance());
+    QVERIFY(second && static_cast<void *>(second) != static_cast<void *>(first));
+    QVERIFY(second->objectUuid().isNull());
 
-void TstPluginShell::identityThroughIPlugin_data()
-{
-    QTest::addColumn<QUuid>("instanceUuid");
-    QTest::newRow("given uuid") << QUuid(QStringLiteral("{11111111-2222-4333-8444-555555555555}"));
-    QTest::newRow("null uuid") << QUuid();
-}
-
-void TstPluginShell::identityThroughIPlugin()
-{
-    QFETCH(QUuid, instanceUuid);
-    IPlugin *root = qobject_cast<IPlugin *>(m_loader.instance());
-    QVERIFY(root);
-    QScopedPointer<IPlugin> instance(root->createInstance(instanceUuid));
-    QVERIFY(instance);
-    QVERIFY(static_cast<const void *>(instance.data()) != static_cast<const void *>(root));
-
-    QCOMPARE(instance->objectUuid(), instanceUuid);
+    const QUuid uuid = QUuid::createUuid();
+    const QScopedPointer<IPlugin> instance(second->createInstance(uuid));
+    QVERIFY(!dynamic_cast<QObject *>(instance.data())->parent());
+    QCOMPARE(instance->objectUuid(), uuid);
     QCOMPARE(instance->pluginUuid(), c_pluginUuid);
     QCOMPARE(instance->pluginName(), QStringLiteral("Device Moxa IoLogic E1212"));
-    QCOMPARE(instance->pluginName().size(), 25);
-    QCOMPARE(quint32(instance->pluginType()), 0x44657669u);
-    QCOMPARE(quint32(instance->pluginType()), IPlugin::typeCode("Devi"));
     QCOMPARE(instance->pluginVersion(), versionFromString(QStringLiteral("1.0"), nullptr, QLatin1Char('.')));
-    QCOMPARE(QByteArray(instance->pluginSubTypeName()), QByteArray());
-
-    bool ok = false;
-    const QVariant typeName = instance->getProperty(QStringLiteral("typeName"), &ok);
-    QVERIFY(ok);
-    QCOMPARE(typeName.userType(), int(QMetaType::QString));
-    QVERIFY(typeName.toString().isEmpty());
-}
-
-void TstPluginShell::freshInstanceHasNoCommandsOrTable()
-{
-    IPlugin *root = qobject_cast<IPlugin *>(m_loader.instance());
-    QScopedPointer<IPlugin> instance(root->createInstance(QUuid::createUuid()));
+    QCOMPARE(quint32(instance->pluginType()), 0x44657669u);
+    QCOMPARE(instance->pluginSubTypeName(), "");
+    QVERIFY(!dynamic_cast<DAbstractPlugin *>(instance.data())->isHidden());
+    BENCH_COMPARE(instance->getProperty(QStringLiteral("typeName"), QVariant()), QStringLiteral(""));
     auto *plugin = dynamic_cast<DAbstractPlugin *>(instance.data());
-    QVERIFY(plugin);
-    QVERIFY(plugin->commandNames().isEmpty());
-    QVERIFY(!plugin->getFromParameters(QStringLiteral("channels")).isValid());
+    QVERIFY(plugin->commandNames().isEmpty() && !plugin->getFromParameters(QStringLiteral("channels")).isValid());
 }
 
-void TstPluginShell::embeddedPanel()
+void TstPluginShell::virtualTables()
 {
-    QFile panel(QStringLiteral(":/{43ae4651-f855-42c1-81e2-c73130e79008}/maintenance_panel.qml"));
-    QVERIFY2(panel.open(QIODevice::ReadOnly), qPrintable(panel.errorString()));
-    QVERIFY(panel.readAll().contains("import QtQuick"));
+    const Probe probe;
+    const QScopedPointer<IPlugin> instance(bench::rootPlugin()->createInstance(QUuid()));
+    auto *plugin = dynamic_cast<DAbstractPlugin *>(instance.data());
+    // Primary table: QObject's 12 entries (own moc trio and destructors), DAbstractPlugin's 20
+    // inherited, the three overrides, then the IPlugin table's offset (same) and type (own).
+    QCOMPARE(differences(plugin, &probe, 37), (QList<int>{0, 1, 2, 3, 4, 32, 33, 34, 36}));
+    QCOMPARE(table(plugin)[35], reinterpret_cast<const void *>(-16));
+    // IPlugin's table: destructors, createInstance and pluginSubTypeName are the plug-in's.
+    QCOMPARE(differences(instance.data(), static_cast<const IPlugin *>(&probe), 23), (QList<int>{0, 1, 16, 17}));
+
+    // The three overrides, called through the slots that hold them.
+    QCOMPARE(reinterpret_cast<const char *(*)(const void *)>(table(plugin)[34])(plugin), plugin->pluginSubTypeName());
+    QCOMPARE(reinterpret_cast<const char *(*)(const void *)>(table(instance.data())[17])(instance.data()), plugin->pluginSubTypeName());
+    const QUuid uuid = QUuid::createUuid();
+    const QScopedPointer<IPlugin> made(reinterpret_cast<IPlugin *(*)(const void *, const QUuid &)>(table(plugin)[33])(plugin, uuid));
+    QCOMPARE(made->objectUuid(), uuid);
+    reinterpret_cast<void (*)(void *)>(table(plugin)[32])(dynamic_cast<DAbstractPlugin *>(made.data()));
+    QVERIFY(dynamic_cast<DAbstractPlugin *>(made.data())->command(QStringLiteral("getInfo")));
 }
 
-void TstPluginShell::qmlCreatesChannel()
+void TstPluginShell::channelTable_data()
 {
-    // Every construction registers the types again; that must stay harmless.
-    IPlugin *root = qobject_cast<IPlugin *>(m_loader.instance());
-    delete root->createInstance(QUuid::createUuid());
-    delete root->createInstance(QUuid::createUuid());
+    QTest::addColumn<QVariant>("reference");   // invalid: not set
+    QTest::addColumn<QVariant>("parameters");  // invalid: not set
+    QTest::addColumn<QVariant>("channels");    // invalid: nothing published
 
+    const QVariantList io1{bench::record("DI0", {})}, dev{bench::record("DI1", {})}, bare{bench::record("DI2", {})};
+    const QVariant all = QVariantMap{{"io1_channels", io1}, {"dev_channels", dev}, {"_channels", bare}, {"io2_channels", QVariantList()},
+                                     {"io3_channels", 7}};
+    QTest::newRow("last word") << QVariant("dev io1") << all << QVariant(io1);
+    QTest::newRow("one word") << QVariant("dev") << all << QVariant(dev);
+    QTest::newRow("trailing space") << QVariant("dev io1 ") << all << QVariant(bare);
+    QTest::newRow("empty list") << QVariant("a io2") << all << QVariant(QVariantList());
+    QTest::newRow("not a list") << QVariant("a io3") << all << QVariant(7);
+    QTest::newRow("missing table") << QVariant("dev io9") << all << QVariant();
+    QTest::newRow("no parameters") << QVariant("dev io1") << QVariant() << QVariant();
+    QTest::newRow("no reference") << QVariant() << all << QVariant();
+}
+
+void TstPluginShell::channelTable()
+{
+    QFETCH(QVariant, reference);
+    QFETCH(QVariant, parameters);
+    QFETCH(QVariant, channels);
+
+    const QUuid uuid = QUuid::createUuid();
+    std::unique_ptr<DAbstractPlugin> plugin(static_cast<DAbstractPlugin *>(bench::rootPlugin()->createInstance(uuid)));
+    if (reference.isValid())
+        plugin->setProperty(QStringLiteral("reference"), reference, false);
+    if (parameters.isValid())
+        plugin->addToParameters(QStringLiteral("parameters"), parameters);
+    QSignalSpy done(plugin.get(), &DAbstractPlugin::sigCommandsInitDone);
+    LogCapture log;
+    plugin->initPluginCommands();
+
+    BENCH_COMPARE(plugin->getFromParameters(QStringLiteral("channels")), channels);
+    const bool logged = reference.isValid() && !channels.isValid();
+    QCOMPARE(log.messages().size(), int(logged));
+    if (logged) {
+        const QString why = bench::diagnosticMismatch(log.messages().at(0), plugin.get(), "p_device_moxa_iologic", 77,
+                                                      QStringLiteral("PDeviceMoxaIoLogic: no channel table for reference \"%1\"")
+                                                          .arg(reference.toString()));
+        QVERIFY2(why.isEmpty(), qPrintable(why));
+    }
+    // The commands come whatever became of the table, after the framework's own.
+    QCOMPARE(done.count(), 1);
+    QCOMPARE(done.at(0).at(0).value<QUuid>(), uuid);
+    QCOMPARE(done.at(0).at(1).toStringList(), (QStringList{"getPluginIdentity", "getInfo", "getValue", "getValues", "setValue",
+                                                            "setValues", "setBlink", "listenEvents"}));
+    QCOMPARE(plugin->command(QStringLiteral("stopListening")), plugin->command(QStringLiteral("listenEvents")));
+    for (const QString &name : plugin->commandNames())
+        QCOMPARE(plugin->command(name)->parent(), plugin.get());
+}
+
+void TstPluginShell::declarations()
+{
+    const bench::Device device;
+    QStringList declared;
+    for (const QString &name : device.plugin->commandNames().mid(1)) {
+        declared << name + ": " + device.plugin->getFunctionDescription(name);
+        for (const DCommandArgument &argument : device.plugin->getCommandParameters(name))
+            declared << describe(argument);
+    }
+    const QString gpio = QStringLiteral(" = QVariant(QString, \"\") ");
+    const QString pulse[] = {"0 channel strg Channel name" + gpio, "0 pulseOnWidth int On pulse width (ms)" + gpio,
+                             "0 pulseOffWidth int Off pulse width (ms)" + gpio, "0 values varL Values to set on the channel" + gpio};
+    const QString interger = QStringLiteral("Return 0 or 1 for digital IO and a 16 bits unsigned interger for analog IO = QVariant(Invalid) ");
+    QCOMPARE(declared, (QStringList{
+        "getInfo: Get the connected device information", "1 deviceInformation vart Return device information = QVariant(Invalid) ",
+        "getValue: Return the mesured value on the GPIO pin", "0 channel strg Channel name = QVariant(Invalid) ", "1 value ui16 " + interger,
+        "getValues: Return the mesured value on GPIO pins", "0 channel strg Channel of the first gpio = QVariant(Invalid) ",
+        "1 values vart Return a list of GPIO values = QVariant(Invalid) ",
+        "setValue: Set the value of a GPIO pin", "0 channel strg Channel name" + gpio, "0 value ui16 Value to set on the GPIO" + gpio,
+        "0 bitMask ui16 Value to set on the GPIO = QVariant(int, 65535) ", "1 doneOk bool Job done = QVariant(bool, false) ",
+        "setValues: Return the mesured value on the GPIO pin", pulse[0], pulse[1], pulse[2], pulse[3],
+        "setBlink: Return the mesured value on the GPIO pin", pulse[0], pulse[1], pulse[2], pulse[3],
+        "listenEvents: Return the mesured value on the GPIO pin", "0 channel strg Channel name = QVariant(Invalid) ", "1 values vart " + interger}));
+}
+
+void TstPluginShell::qmlAndPanel()
+{
+    // Every construction registers the types again; that stays harmless.
+    delete bench::rootPlugin()->createInstance(QUuid());
     QQmlEngine engine;
     QQmlComponent component(&engine);
-    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\n"
-                      "DMoxaChannel { property bool switchable: isSwitchable() }\n",
-                      QUrl());
+    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nDMoxaChannel { property var backend: BeMaintenanceDeviceMoxaIoLogic {} }\n", QUrl());
     QScopedPointer<QObject> channel(component.create());
     QVERIFY2(channel, qPrintable(component.errorString()));
     QVERIFY(channel->inherits("DMoxaChannel"));
-    QCOMPARE(channel->objectName(), QStringLiteral("DMoxaChannel"));
-    QCOMPARE(channel->property("switchable").toBool(), false);
-    QCOMPARE(channel->property("type").toInt(), 0);
-    QVERIFY(!channel->property("value").isValid());
-
-    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic {}\n", QUrl());
-    QScopedPointer<QObject> backend(component.create());
-    QVERIFY2(backend, qPrintable(component.errorString()));
-    QVERIFY(backend->inherits("DAbstractPluginBackend"));
+    QVERIFY(channel->property("backend").value<QObject *>()->inherits("BeMaintenanceDeviceMoxaIoLogic"));
+    QFile panel(QStringLiteral(":/{43ae4651-f855-42c1-81e2-c73130e79008}/maintenance_panel.qml"));
+    QVERIFY(panel.open(QIODevice::ReadOnly));
+    QVERIFY(panel.readAll().contains("import QtQuick"));
 }
 
 QTEST_MAIN(TstPluginShell)

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+// What the device plug-in's tests share: an instance of the loaded plug-in on a recording
+// messenger, channel records, type-exact comparison and the diagnostic line check.
+#pragma once
+
+#include "dabstractcommand.h"
+#include "dabstractplugin.h"
+#include "logcapture.h"
+#include "testmessenger.h"
+
+#include <QDateTime>
+#include <QPluginLoader>
+#include <QRegularExpression>
+#include <QTest>
+#include <QThread>
+
+#include <algorithm>
+#include <memory>
+
+namespace bench {
+
+inline const char c_pluginPath[] = E1212_PLUGIN_DIR "/libp_device_moxa_iologic.so";
+
+// One channel-table record: {"id", "name", "value": [{"id": key, "value": v}...]}.
+inline QVariant record(const QString &id, const QVariantMap &entries)
+{
+    QVariantList values;
+    for (auto it = entries.constBegin(); it != entries.constEnd(); ++it)
+        values << QVariantMap{{QStringLiteral("id"), it.key()}, {QStringLiteral("value"), it.value()}};
+    return QVariantMap{{QStringLiteral("id"), id}, {QStringLiteral("name"), id}, {QStringLiteral("value"), values}};
+}
+
+inline DAbstractPlugin *rootPlugin() { return qobject_cast<DAbstractPlugin *>(QPluginLoader(QString::fromLatin1(c_pluginPath)).instance()); }
+
+// A fresh instance with reference "bench io1", `channels` published as its table (none when
+// invalid), attached to the messenger, its commands declared.
+struct Device
+{
+    std::unique_ptr<DAbstractPlugin> plugin;
+    TestMessenger messenger;
+
+    explicit Device(const QVariant &channels = QVariant())
+        : plugin(static_cast<DAbstractPlugin *>(rootPlugin()->createInstance(QUuid::createUuid())))
+    {
+        plugin->setProperty(QStringLiteral("reference"), QStringLiteral("bench io1"), false);
+        if (channels.isValid())
+            plugin->addToParameters(QStringLiteral("parameters"), QVariantMap{{QStringLiteral("io1_channels"), channels}});
+        plugin->setMessenger(&messenger);
+        plugin->initPluginCommands();
+    }
+};
+
+// Same value, and the same type at every level of nested lists and maps; a null text is not an empty one.
+inline bool same(const QVariant &actual, const QVariant &expected)
+{
+    if (actual.userType() != expected.userType() || actual != expected)
+        return false;
+    if (expected.userType() == QMetaType::QString)
+        return actual.toString().isNull() == expected.toString().isNull();
+    if (expected.userType() == QMetaType::QVariantList) {
+        const QVariantList a = actual.toList(), e = expected.toList();
+        return std::equal(a.begin(), a.end(), e.begin(), same);
+    }
+    if (expected.userType() == QMetaType::QVariantMap) {
+        const QVariantMap a = actual.toMap(), e = expected.toMap();
+        return std::equal(a.begin(), a.end(), e.begin(), same);
+    }
+    return true;
+}
+
+inline QString describe(const QVariant &value)
+{
+    QString text;
+    QDebug(&text) << value;
+    return text;
+}
+
+#define BENCH_COMPARE(actual, expected)                                                            \
+    QVERIFY2(bench::same(QVariant(actual), QVariant(expected)),                                     \
+             qPrintable(QStringLiteral("got %1, expected %2")                                      \
+                            .arg(bench::describe(QVariant(actual)), bench::describe(QVariant(expected)))))
+
+// Empty when `message` is the diagnostic line `emitter` writes from the plug-in source `file`
+// at `line` (any line when negative) with `tail` after its items; otherwise why not.
+inline QString diagnosticMismatch(const LogCapture::Message &message, const QObject *emitter, const QString &file,
+                                  int line, const QString &tail)
+{
+    const QByteArray path = "plugins/p_device_moxa_iologic/source/" + file.toLatin1();
+    const QString date = QRegularExpression(QStringLiteral("^\n \"([^\"]*)\"")).match(message.text).captured(1);
+    if (line < 0)
+        line = message.text.section(QString::fromLatin1(path) + QStringLiteral(" ;\t "), 1).section(QLatin1Char(' '), 0, 0).toInt();
+    QString expected;
+    QDebug(&expected) << "\n" << date << ";\t" << "Thread =" << static_cast<QObject *>(QThread::currentThread()) << ";\t"
+                      << "This =" << emitter << ";\t" << path.constData() << ";\t" << line << ";\t";
+    expected += tail;
+    if (message.type == QtCriticalMsg && message.category == QLatin1String("default") && !message.file && !message.line
+        && !message.function && QDateTime::fromString(date, QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).isValid()
+        && message.text == expected)
+        return QString();
+    return QStringLiteral("got %1 in category %2 with context %3:%4 %5, expected %6 in \"default\" without")
+        .arg(describe(message.text), message.category, QLatin1String(message.file)).arg(message.line)
+        .arg(QLatin1String(message.function), describe(expected));
+}
+
+} // namespace bench
