@@ -10,7 +10,12 @@
 #include <QPluginLoader>
 #include <QScopedPointer>
 #include <QSignalSpy>
+#include <QTcpSocket>
 #include <QtTest>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 using Reply = QMap<QString, QVariant>;
 
@@ -32,6 +37,7 @@ private slots:
     void faults();
     void sixteenListensShareTwoReads();
     void stopWithdrawsQueuedRead();
+    void unansweredConnect();
 
 private:
     DAbstractDriver *newDriver(QVariantMap settings, QString *error = nullptr);
@@ -372,6 +378,27 @@ void TstModbusDriver::stopWithdrawsQueuedRead()
     QTest::qWait(100); // nothing more may come for the stopped ones
     QCOMPARE(spy.size(), 1);
     QCOMPARE(spy.at(0).at(0).toULongLong(), 1ull);
+}
+
+void TstModbusDriver::unansweredConnect()
+{
+    // A listening socket whose accept queue is full leaves the next handshake unanswered.
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    QVERIFY(::bind(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 && ::listen(fd, 0) == 0
+            && ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0);
+    const quint16 port = ntohs(address.sin_port);
+    QTcpSocket filler;
+    filler.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(filler.waitForConnected(1000));
+    const Reply reply = run(newDriver({{"port", port}}), QStringLiteral("read"), params("discreteInputs", 2), 300);
+    ::close(fd);
+    QCOMPARE(DError::fromReply(reply).code, IMessenger::CeTimeout);
+    QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("device 127.0.0.1:%1 (unit 1), discreteInputs register 2: "
+                                                                             "cannot connect to 127.0.0.1:%1: no connection within 300 ms").arg(port));
 }
 
 QTEST_GUILESS_MAIN(TstModbusDriver)
