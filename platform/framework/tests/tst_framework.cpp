@@ -348,7 +348,6 @@ void TstFramework::errorReplies_data()
     QTest::newRow("last code") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeBadInstruction)}} << int(IMessenger::CeBadInstruction) << 0;
     QTest::newRow("code 0") << QVariantMap{{e, "x"}, {c, 0}} << int(IMessenger::CeDriverError) << 0;
     QTest::newRow("code past the last") << QVariantMap{{e, "x"}, {c, int(IMessenger::_CeNbr)}} << int(IMessenger::CeDriverError) << 0;
-    QTest::newRow("code not a number") << QVariantMap{{e, "x"}, {c, "timeout"}} << int(IMessenger::CeDriverError) << 0;
 }
 
 void TstFramework::errorReplies()

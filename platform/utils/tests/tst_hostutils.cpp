@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-// Version packing, the date stamp and the exact form of the diagnostic line.
+// Version packing and the exact form of the diagnostic line, date stamp included.
 #include "diagnosticlog.h"
 #include "dobject.h"
 #include "hostutils.h"
 #include "logcapture.h"
 
-#include <QDateTime>
 #include <QRegularExpression>
 #include <QThread>
 #include <QtTest>
@@ -16,7 +15,6 @@ class TstHostUtils : public QObject
 private slots:
     void versionFromString_data();
     void versionFromString();
-    void getDateIsCurrentLocalTime();
     void diagnosticLineForm();
 };
 
@@ -50,16 +48,6 @@ void TstHostUtils::versionFromString()
     QCOMPARE(actualOk, ok);
     // A null ok pointer is allowed.
     QCOMPARE(::versionFromString(text, nullptr, separator), packed);
-}
-
-void TstHostUtils::getDateIsCurrentLocalTime()
-{
-    const QDateTime before = QDateTime::currentDateTime().addMSecs(-1);
-    const QString stamp = getDate();
-    const QDateTime after = QDateTime::currentDateTime().addMSecs(1);
-    const QDateTime parsed = QDateTime::fromString(stamp, QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz"));
-    QVERIFY2(parsed.isValid(), qPrintable(stamp));
-    QVERIFY(parsed >= before && parsed <= after);
 }
 
 void TstHostUtils::diagnosticLineForm()

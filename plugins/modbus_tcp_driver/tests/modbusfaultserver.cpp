@@ -47,7 +47,6 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
         const int size = 6 + (quint8(bytes[4]) << 8 | quint8(bytes[5]));
         const QByteArray request = bytes.left(size);
         bytes.remove(0, size);
-        ++m_requests;
         if (m_fault == Drop) {
             socket->abort();
             socket->deleteLater();

@@ -42,7 +42,6 @@ public:
 
     // Applies to every request from now on.
     void setFault(Fault fault, int delayMs = 0);
-    int requestCount() const { return m_requests; }
 
 private:
     void onReadyRead(QTcpSocket *socket);
@@ -52,5 +51,4 @@ private:
     quint16 m_port = 0;
     Fault m_fault = None;
     int m_delayMs = 0;
-    int m_requests = 0;
 };
