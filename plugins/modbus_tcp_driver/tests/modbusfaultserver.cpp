@@ -34,6 +34,14 @@ void ModbusFaultServer::stop()
     }
 }
 
+int ModbusFaultServer::connectionCount() const
+{
+    int open = 0;
+    for (const QTcpSocket *socket : m_server->findChildren<QTcpSocket *>())
+        open += socket->state() == QAbstractSocket::ConnectedState ? 1 : 0;
+    return open;
+}
+
 void ModbusFaultServer::setFault(Fault fault, int delayMs)
 {
     m_fault = fault;
@@ -57,6 +65,8 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
             QTimer::singleShot(m_delayMs, Qt::PreciseTimer, socket, [socket, reply] { socket->write(reply); });
         } else if (m_fault != Silent) {
             socket->write(reply);
+            if (m_fault == Unsolicited)
+                QTimer::singleShot(m_delayMs, socket, [socket, reply] { socket->write(reply); });
         }
     }
     socket->setProperty("pending", bytes);

@@ -29,6 +29,7 @@ public:
         Silent,           // no answer
         Slow,             // the answer after delayMs
         Drop,             // the connection closed instead of an answer
+        Unsolicited,      // the answer, and a copy of it after delayMs
     };
     Q_ENUM(Fault)
 
@@ -39,6 +40,7 @@ public:
     // Closes the listening socket and every connection.
     void stop();
     quint16 port() const { return m_port; }
+    int connectionCount() const;
 
     // Applies to every request from now on.
     void setFault(Fault fault, int delayMs = 0);

@@ -38,6 +38,7 @@ private slots:
     void sixteenListensShareTwoReads();
     void stopWithdrawsQueuedRead();
     void unansweredConnect();
+    void unsolicitedBytesReopen();
 
 private:
     DAbstractDriver *newDriver(QVariantMap settings, QString *error = nullptr);
@@ -399,6 +400,21 @@ void TstModbusDriver::unansweredConnect()
     QCOMPARE(DError::fromReply(reply).code, IMessenger::CeTimeout);
     QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("device 127.0.0.1:%1 (unit 1), discreteInputs register 2: "
                                                                              "cannot connect to 127.0.0.1:%1: no connection within 300 ms").arg(port));
+}
+
+void TstModbusDriver::unsolicitedBytesReopen()
+{
+    ModbusFaultServer server;
+    QVERIFY(server.start());
+    DAbstractDriver *driver = newDriver({{"port", server.port()}});
+    const QVariantMap read = params("discreteInputs", 2);
+    const Reply zero{{QStringLiteral("values"), QVariantList{0u}}};
+    server.setFault(ModbusFaultServer::Unsolicited, 50);
+    QCOMPARE(run(driver, QStringLiteral("read"), read), zero);
+    // The copy comes while nothing is asked: that connection is dropped, the next request opens a new one.
+    QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
+    server.setFault(ModbusFaultServer::None);
+    QCOMPARE(run(driver, QStringLiteral("read"), read), zero);
 }
 
 QTEST_GUILESS_MAIN(TstModbusDriver)
