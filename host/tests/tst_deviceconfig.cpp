@@ -14,7 +14,7 @@ private slots:
         // Every checked entry at its bounds, an unknown entry, and pulse records that can be read as blocks.
         QString error;
         const QList<DeviceConfig> devices = DeviceConfig::fromJson(R"({"devices": [
-            {"reference": "bench a", "connection": {"host": "127.0.0.1", "port": 1502, "unitId": 3}},
+            {"reference": "bench a", "connection": {"host": "127.0.0.1", "port": 1, "unitId": 0, "timeoutMs": 1}},
             {"reference": "bench b", "plugin": "{a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d}", "parameters": {"b_channels": [
                 {"id": "DO0", "name": "", "value": [{"id": "type", "value": "digitalOutput"}, {"id": "register", "value": 65535},
                     {"id": "size", "value": 2000}, {"id": "activeLevelHigh", "value": false}, {"id": "mode", "value": [1]}]},
@@ -27,7 +27,7 @@ private slots:
         QVERIFY2(error.isEmpty(), qPrintable(error));
         QCOMPARE(devices.size(), 2);
         QCOMPARE(devices.at(0).connection.value(QStringLiteral("port")).userType(), int(QMetaType::Int));
-        QCOMPARE(devices.at(0).connection.value(QStringLiteral("port")).toInt(), 1502);
+        QCOMPARE(devices.at(0).connection.value(QStringLiteral("port")).toInt(), 1);
         QCOMPARE(devices.at(0).jsonPath, QStringLiteral("devices[0]"));
         QCOMPARE(devices.at(1).pluginUuid, QUuid("{a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d}"));
         QCOMPARE(devices.at(1).sourceFile, QStringLiteral("two.json"));
@@ -70,14 +70,14 @@ private slots:
                                      << "conection: unknown key (known: reference, plugin, driver, parameters, connection)";
         QTest::newRow("plugin not a uuid") << QByteArray(R"({"reference": "a", "plugin": "moxa"})") << QString() << 0ll << "plugin: \"moxa\" is not a UUID";
         QTest::newRow("devices empty") << QByteArray(R"({"devices": []})") << QString() << 0ll << "devices: the list is empty";
-        QTest::newRow("device in list") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 0}}]})")
-                                        << QString() << 0ll << "devices[1].connection.timeoutMs: 0 is out of range (expected a whole number from 1 to 3600000)";
+        QTest::newRow("device in list") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 3600001}}]})")
+                                        << QString() << 0ll << "devices[1].connection.timeoutMs: 3600001 is out of range (expected a whole number from 1 to 3600000)";
         QTest::newRow("duplicate reference") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "a"}]})") << QString() << 0ll
                                              << "devices[1].reference: \"a\" is used by devices[0] already";
         QTest::newRow("table not a list") << QByteArray(R"({"reference": "a io1", "parameters": {"io1_channels": {}}})") << QString() << 0ll
                                           << "parameters.io1_channels: expected a list of channel records, found an object";
-        QTest::newRow("no channel id") << table({QStringLiteral(R"({"value": []})")}) << QString() << 0ll
-                                       << "devices[0].parameters.io2_channels[0].id: expected a channel id text, found missing";
+        QTest::newRow("no channel id") << table({QStringLiteral(R"({"id": null, "value": []})")}) << QString() << 0ll
+                                       << "devices[0].parameters.io2_channels[0].id: expected a channel id text, found null";
         QTest::newRow("empty channel id") << table({record("", {})}) << QString() << 0ll
                                           << "devices[0].parameters.io2_channels[0].id: the channel id is empty";
         QTest::newRow("duplicate channel id") << table({record("DI0", {}), record("DI1", {}), record("DI0", {})}) << QString() << 0ll

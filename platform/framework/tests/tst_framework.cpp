@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 // The plug-in and command bases: channel lookups, argument checks and defaults, results,
-// duplicate commands, configuration paths and properties.
+// declared commands, the identity command, error values, configuration paths and properties.
 #include "dabstractcommand.h"
 #include "dabstractplugin.h"
+#include "dabstractpluginbackend.h"
+#include "derror.h"
 #include "testmessenger.h"
 
 #include <QSignalSpy>
@@ -15,8 +17,10 @@ class TestPlugin : public DAbstractPlugin
 public:
     explicit TestPlugin(const QUuid &instance = QUuid::createUuid())
         : DAbstractPlugin(QUuid(QStringLiteral("{0b1d2c3e-0000-4000-8000-000000000001}")), QStringLiteral("Test plug-in"),
-                          IPlugin::CeDevice, 0x0001000000000000ull, instance, nullptr, false)
-    {}
+                          IPlugin::CeDevice, 0x0002000300000000ull, instance, nullptr, false)
+    {
+        initAbstractCommands();
+    }
     IPlugin *createInstance(const QUuid &instance) const override { return new TestPlugin(instance); }
 };
 
@@ -27,7 +31,7 @@ public:
         : DAbstractCommand(name, stop, {}, parent)
     {
         setDescription(QStringLiteral("Probe"));
-        declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel name"), QVariant());
+        declareAParameter(QStringLiteral("channel"), QStringLiteral("strg"), QStringLiteral("Channel name"), QStringLiteral("DO0"));
         declareAParameter(QStringLiteral("bitMask"), QStringLiteral("ui16"), QStringLiteral("Mask"), QVariant(int(65535)));
         declareAParameter(QStringLiteral("values"), QStringLiteral("varL"), QStringLiteral("Values"), QVariant(QStringLiteral("")));
         declareAParameter(QStringLiteral("width"), QStringLiteral("int"), QStringLiteral("Width"), QVariant());
@@ -35,7 +39,6 @@ public:
         declareAParameter(QStringLiteral("any"), QStringLiteral("vart"), QStringLiteral("Anything"), QVariant());
         declareAResult(QStringLiteral("value"), QStringLiteral("ui16"), QStringLiteral("Value"), QVariant());
     }
-    using DAbstractCommand::commandUpdateResult;
     using DAbstractCommand::getInfoFromChannel;
     using DAbstractCommand::getParameterValue;
 };
@@ -77,7 +80,12 @@ private slots:
     void typeCodes_data();
     void typeCodes();
     void resultsOnlyForDeclaredNames();
-    void duplicateCommands();
+    void declaredCommands();
+    void pluginIdentity();
+    void errorNames();
+    void errorReplies_data();
+    void errorReplies();
+    void backendReachesHost();
     void configurationPaths();
     void propertiesNotifyOnRealChange();
 };
@@ -92,7 +100,6 @@ void TstFramework::getInfoFromChannel_data()
     QTest::addColumn<QVariant>("expected");
 
     const QVariant invalid;
-    QTest::newRow("uint") << true << "DO3" << "register" << int(QMetaType::UInt) << invalid << QVariant(3u);
     QTest::newRow("text converts to uint") << true << "DO3" << "registerText" << int(QMetaType::UInt) << invalid << QVariant(12u);
     QTest::newRow("string") << true << "DO3" << "readRegisterType" << int(QMetaType::QString) << invalid << QVariant(QStringLiteral("coilsRegister"));
     QTest::newRow("first record wins") << true << "DO3" << "register" << int(QMetaType::Int) << invalid << QVariant(3);
@@ -127,9 +134,10 @@ void TstFramework::parameterValues_data()
     QTest::addColumn<QVariant>("fallback");
     QTest::addColumn<QVariant>("expected");
 
-    QTest::newRow("given") << QVariantMap{{QStringLiteral("bitMask"), 15}} << "bitMask" << QVariant() << QVariant(15);
     QTest::newRow("declared default") << QVariantMap{} << "bitMask" << QVariant() << QVariant(int(65535));
-    QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "channel" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
+    QTest::newRow("declared text default") << QVariantMap{} << "channel" << QVariant() << QVariant(QStringLiteral("DO0"));
+    QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "width" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
+    QTest::newRow("invalid vart default -> fallback") << QVariantMap{} << "any" << QVariant(2) << QVariant(2);
     QTest::newRow("default of another type -> fallback") << QVariantMap{} << "values" << QVariant() << QVariant();
     QTest::newRow("undeclared -> fallback") << QVariantMap{} << "other" << QVariant(2) << QVariant(2);
 }
@@ -159,8 +167,6 @@ void TstFramework::executeRefusals_data()
                                   << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
     QTest::newRow("unknown parameter, unchecked") << true << false << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
                                                   << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values, width, on, any)";
-    QTest::newRow("wrong type") << true << true << wrongType << false
-                                << "command \"probe\": argument \"bitMask\" is \"abc\", expected \"ui16\" (a whole number from 0 to 65535, decimal or 0x hex)";
     QTest::newRow("wrong type, unchecked") << true << false << wrongType << true << QString();
 }
 
@@ -192,34 +198,37 @@ void TstFramework::typeCodes_data()
     QTest::addColumn<QVariant>("value");
     // What the command reads once checked; invalid when the argument is refused.
     QTest::addColumn<QVariant>("converted");
+    // How the refusal shows the value.
+    QTest::addColumn<QString>("shown");
 
     const QVariant refused;
-    QTest::newRow("strg text") << "channel" << QVariant(QStringLiteral("DO3")) << QVariant(QStringLiteral("DO3"));
-    QTest::newRow("strg number") << "channel" << QVariant(3) << refused;
-    QTest::newRow("ui16 number") << "bitMask" << QVariant(15u) << QVariant(15);
-    QTest::newRow("ui16 highest") << "bitMask" << QVariant(65535) << QVariant(65535);
-    QTest::newRow("ui16 above") << "bitMask" << QVariant(65536) << refused;
-    QTest::newRow("ui16 negative") << "bitMask" << QVariant(-1) << refused;
-    QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2);
-    QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused;
-    QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused;
-    QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255);
-    QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535);
-    QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused;
-    QTest::newRow("ui16 word") << "bitMask" << QVariant(QStringLiteral("abc")) << refused;
-    QTest::newRow("int lowest text") << "width" << QVariant(QStringLiteral("-2147483648")) << QVariant(std::numeric_limits<int>::min());
-    QTest::newRow("int negative hex") << "width" << QVariant(QStringLiteral("-0x10")) << QVariant(-16);
-    QTest::newRow("int above") << "width" << QVariant(qint64(2147483648LL)) << refused;
-    QTest::newRow("int below") << "width" << QVariant(qint64(-2147483649LL)) << refused;
-    QTest::newRow("int not a number") << "width" << QVariant(qQNaN()) << refused;
-    QTest::newRow("bool") << "on" << QVariant(true) << QVariant(true);
-    QTest::newRow("bool text") << "on" << QVariant(QStringLiteral("false")) << QVariant(false);
-    QTest::newRow("bool digit text") << "on" << QVariant(QStringLiteral("1")) << QVariant(true);
-    QTest::newRow("bool other text") << "on" << QVariant(QStringLiteral("yes")) << refused;
-    QTest::newRow("bool number") << "on" << QVariant(0) << refused;
-    QTest::newRow("varL list") << "values" << QVariant(QVariantList{1, QStringLiteral("x")}) << QVariant(QVariantList{1, QStringLiteral("x")});
-    QTest::newRow("varL text") << "values" << QVariant(QStringLiteral("1,0")) << refused;
-    QTest::newRow("vart anything") << "any" << QVariant(QStringLiteral("0x10")) << QVariant(QStringLiteral("0x10"));
+    QTest::newRow("strg text") << "channel" << QVariant(QStringLiteral("DO3")) << QVariant(QStringLiteral("DO3")) << "";
+    QTest::newRow("strg number") << "channel" << QVariant(3) << refused << "3";
+    QTest::newRow("ui16 zero") << "bitMask" << QVariant(0u) << QVariant(0) << "";
+    QTest::newRow("ui16 above") << "bitMask" << QVariant(65536) << refused << "65536";
+    QTest::newRow("ui16 negative") << "bitMask" << QVariant(-1) << refused << "-1";
+    QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2) << "";
+    QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused << "1.5";
+    QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused << "1e+300";
+    QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255) << "";
+    QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535) << "";
+    QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused
+                                    << "\"99999999999999999999999\"";
+    QTest::newRow("ui16 word") << "bitMask" << QVariant(QStringLiteral("abc")) << refused << "\"abc\"";
+    QTest::newRow("int lowest text") << "width" << QVariant(QStringLiteral("-2147483648")) << QVariant(std::numeric_limits<int>::min()) << "";
+    QTest::newRow("int negative hex digit") << "width" << QVariant(QStringLiteral("-0xF")) << QVariant(-15) << "";
+    QTest::newRow("int above") << "width" << QVariant(qint64(2147483648LL)) << refused << "2147483648";
+    QTest::newRow("int below") << "width" << QVariant(qint64(-2147483649LL)) << refused << "-2147483649";
+    QTest::newRow("int not a number") << "width" << QVariant(qQNaN()) << refused << "nan";
+    QTest::newRow("int float infinity") << "width" << QVariant(float(qInf())) << refused << "inf";
+    QTest::newRow("bool") << "on" << QVariant(true) << QVariant(true) << "";
+    QTest::newRow("bool text") << "on" << QVariant(QStringLiteral("false")) << QVariant(false) << "";
+    QTest::newRow("bool digit text") << "on" << QVariant(QStringLiteral("1")) << QVariant(true) << "";
+    QTest::newRow("bool other text") << "on" << QVariant(QStringLiteral("yes")) << refused << "\"yes\"";
+    QTest::newRow("bool number") << "on" << QVariant(0) << refused << "0";
+    QTest::newRow("varL list") << "values" << QVariant(QVariantList{1, QStringLiteral("x")}) << QVariant(QVariantList{1, QStringLiteral("x")}) << "";
+    QTest::newRow("varL text") << "values" << QVariant(QStringLiteral("1,0")) << refused << "\"1,0\"";
+    QTest::newRow("vart anything") << "any" << QVariant(QStringLiteral("0x10")) << QVariant(QStringLiteral("0x10")) << "";
 }
 
 void TstFramework::typeCodes()
@@ -227,6 +236,7 @@ void TstFramework::typeCodes()
     QFETCH(QString, name);
     QFETCH(QVariant, value);
     QFETCH(QVariant, converted);
+    QFETCH(QString, shown);
 
     TestMessenger messenger;
     TestPlugin plugin;
@@ -239,10 +249,17 @@ void TstFramework::typeCodes()
         const QVariant actual = command.getParameterValue(name);
         QCOMPARE(actual.userType(), converted.userType());
         QCOMPARE(actual, converted);
-    } else {
-        QVERIFY2(command.errorString().startsWith(QStringLiteral("command \"probe\": argument \"%1\" is ").arg(name)),
-                 qPrintable(command.errorString()));
+        return;
     }
+    // What each type code accepts, as the refusal tells the caller.
+    static const QMap<QString, QString> expected{
+        {QStringLiteral("channel"), QStringLiteral("\"strg\" (a text)")},
+        {QStringLiteral("bitMask"), QStringLiteral("\"ui16\" (a whole number from 0 to 65535, decimal or 0x hex)")},
+        {QStringLiteral("width"), QStringLiteral("\"int\" (a whole number from -2147483648 to 2147483647, decimal or 0x hex)")},
+        {QStringLiteral("on"), QStringLiteral("\"bool\" (true, false, \"true\", \"false\", \"1\" or \"0\")")},
+        {QStringLiteral("values"), QStringLiteral("\"varL\" (a list)")},
+    };
+    QCOMPARE(command.errorString(), QStringLiteral("command \"probe\": argument \"%1\" is %2, expected %3").arg(name, shown, expected.value(name)));
 }
 
 void TstFramework::resultsOnlyForDeclaredNames()
@@ -253,27 +270,129 @@ void TstFramework::resultsOnlyForDeclaredNames()
     TestCommand command(&plugin);
     QSignalSpy spy(&command, &DAbstractCommand::sigResultChanged);
 
-    QVERIFY(command.commandUpdateResult(QStringLiteral("value"), 5u));
-    QVERIFY(!command.commandUpdateResult(QStringLiteral("doneOk"), true));
+    QVERIFY(!command.commandSetReply({{QStringLiteral("value"), 5u}, {QStringLiteral("doneOk"), true}}));
     QCOMPARE(command.errorString(), QStringLiteral("command \"probe\" has no result \"doneOk\""));
     QCOMPARE(spy.count(), 1);
     QCOMPARE(command.results(), (QVariantMap{{QStringLiteral("value"), 5u}}));
+    QVERIFY(command.commandSetReply({{QStringLiteral("value"), 6u}}));
 
-    // A new execution starts with no results.
+    // A new execution starts with no results and no error.
     QVERIFY(command.commandExecute());
     QVERIFY(command.results().isEmpty());
+    QVERIFY(command.errorString().isEmpty());
 }
 
-void TstFramework::duplicateCommands()
+void TstFramework::declaredCommands()
 {
     TestPlugin plugin;
     QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("listen"), QStringLiteral("stopListening"))));
+    QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("get"))));
     QPointer<TestCommand> duplicate = new TestCommand(nullptr, QStringLiteral("stopListening"));
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"stopListening\" is declared already")));
     QVERIFY(!plugin.declareInstructionCommand(duplicate));
     QVERIFY(duplicate.isNull());
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"set\" is declared already")));
+    QVERIFY(!plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("set"), QStringLiteral("get"))));
     QVERIFY(!plugin.declareInstructionCommand(nullptr));
-    QCOMPARE(plugin.commandNames(), QStringList{QStringLiteral("listen")});
+    QCOMPARE(plugin.commandNames(), (QStringList{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"), QStringLiteral("get")}));
+    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("get")), QStringLiteral("Probe"));
+    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("stopListening")), QString());
+}
+
+void TstFramework::pluginIdentity()
+{
+    TestMessenger messenger;
+    TestPlugin plugin;
+    plugin.setMessenger(&messenger);
+    plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), false);
+    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("getPluginIdentity")),
+             QStringLiteral("Return the plug-in's name, UUID, version and instance"));
+    DAbstractCommand *identity = plugin.command(QStringLiteral("getPluginIdentity"));
+    QSignalSpy finished(identity, &DAbstractCommand::sigFinished);
+    QVERIFY(identity->commandExecute());
+    QVERIFY(finished.isEmpty());
+    QVERIFY(finished.wait(1000));
+    QCOMPARE(finished.at(0).at(0).toBool(), true);
+    QCOMPARE(identity->results().value(QStringLiteral("identity")), QVariant(QVariantMap{
+        {QStringLiteral("name"), QStringLiteral("Test plug-in")},
+        {QStringLiteral("pluginUuid"), plugin.pluginUuid().toString()},
+        {QStringLiteral("version"), QStringLiteral("2.3")},
+        {QStringLiteral("instanceUuid"), plugin.objectUuid().toString()},
+        {QStringLiteral("reference"), QStringLiteral("dev io1")}}));
+}
+
+void TstFramework::errorNames()
+{
+    QStringList codes;
+    for (int code = IMessenger::CeNoError; code <= IMessenger::_CeNbr; ++code)
+        codes << DError::codeName(IMessenger::EnErrorCode(code));
+    QCOMPARE(codes.join(QLatin1Char(' ')), QStringLiteral("ok timeout reply_rejected driver_error no_route refused stopped "
+                                                          "no_connection modbus_exception malformed_reply bad_instruction unknown"));
+    QStringList exceptions;
+    for (int exception = 1; exception <= 12; ++exception)
+        exceptions << DError::exceptionName(exception);
+    QCOMPARE(exceptions.join(QLatin1Char('|')), QStringLiteral("illegal function|illegal data address|illegal data value|"
+        "server device failure|acknowledge|server device busy|exception 7|memory parity error|exception 9|"
+        "gateway path unavailable|gateway target device failed to respond|exception 12"));
+}
+
+void TstFramework::errorReplies_data()
+{
+    QTest::addColumn<QVariantMap>("reply");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<int>("exception");
+    const QString e = QStringLiteral("error"), c = QStringLiteral("errorCode"), x = QStringLiteral("exceptionCode");
+    QTest::newRow("values") << QVariantMap{{QStringLiteral("values"), QVariantList{}}, {e, "x"}} << int(IMessenger::CeNoError) << 0;
+    QTest::newRow("timeout") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeTimeout)}, {x, 2}} << int(IMessenger::CeTimeout) << 0;
+    QTest::newRow("exception") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeModbusException)}, {x, 2}} << int(IMessenger::CeModbusException) << 2;
+    QTest::newRow("last code") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeBadInstruction)}} << int(IMessenger::CeBadInstruction) << 0;
+    QTest::newRow("code 0") << QVariantMap{{e, "x"}, {c, 0}} << int(IMessenger::CeDriverError) << 0;
+    QTest::newRow("code past the last") << QVariantMap{{e, "x"}, {c, int(IMessenger::_CeNbr)}} << int(IMessenger::CeDriverError) << 0;
+}
+
+void TstFramework::errorReplies()
+{
+    QFETCH(QVariantMap, reply);
+    QFETCH(int, code);
+    QFETCH(int, exception);
+    const DError error = DError::fromReply(reply);
+    QCOMPARE(int(error.code), code);
+    QCOMPARE(error.exceptionCode, exception);
+    QCOMPARE(error.text, code ? QStringLiteral("x") : QString());
+    // A failure goes back out as the reply it came from.
+    if (code == IMessenger::CeModbusException || code == IMessenger::CeBadInstruction)
+        QCOMPARE(error.toReply(), reply);
+}
+
+namespace {
+class TestBackend : public DAbstractPluginBackend
+{
+public:
+    void commandFailed(unsigned long long runId, const QString &command, const DError &error) override
+    {
+        failures << QStringLiteral("%1 %2 %3 %4 %5").arg(runId).arg(command).arg(int(error.code)).arg(error.exceptionCode).arg(error.text);
+    }
+    QStringList failures;
+};
+} // namespace
+
+void TstFramework::backendReachesHost()
+{
+    TestBackend backend;
+    QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 0ull);
+    TestPlugin plugin;
+    backend.setPlugin(&plugin);
+    QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 0ull);
+    QVERIFY(!backend.stopCommand(1));
+    const QString failure = QStringLiteral("0 getValue %1 0 cannot run \"getValue\": the back-end is not attached to a plug-in with a host")
+                                .arg(int(IMessenger::CeNoRoute));
+    QCOMPARE(backend.failures, (QStringList{failure, failure}));
+
+    TestMessenger messenger;
+    plugin.setMessenger(&messenger);
+    QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 1ull);
+    QVERIFY(backend.stopCommand(1));
+    QCOMPARE(backend.failures.size(), 2);
 }
 
 void TstFramework::configurationPaths()

@@ -34,6 +34,14 @@ void ModbusFaultServer::stop()
     }
 }
 
+int ModbusFaultServer::connectionCount() const
+{
+    int open = 0;
+    for (const QTcpSocket *socket : m_server->findChildren<QTcpSocket *>())
+        open += socket->state() == QAbstractSocket::ConnectedState ? 1 : 0;
+    return open;
+}
+
 void ModbusFaultServer::setFault(Fault fault, int delayMs)
 {
     m_fault = fault;
@@ -47,7 +55,6 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
         const int size = 6 + (quint8(bytes[4]) << 8 | quint8(bytes[5]));
         const QByteArray request = bytes.left(size);
         bytes.remove(0, size);
-        ++m_requests;
         if (m_fault == Drop) {
             socket->abort();
             socket->deleteLater();
@@ -58,6 +65,8 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
             QTimer::singleShot(m_delayMs, Qt::PreciseTimer, socket, [socket, reply] { socket->write(reply); });
         } else if (m_fault != Silent) {
             socket->write(reply);
+            if (m_fault == Unsolicited)
+                QTimer::singleShot(m_delayMs, socket, [socket, reply] { socket->write(reply); });
         }
     }
     socket->setProperty("pending", bytes);

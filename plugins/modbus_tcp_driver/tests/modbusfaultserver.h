@@ -29,6 +29,7 @@ public:
         Silent,           // no answer
         Slow,             // the answer after delayMs
         Drop,             // the connection closed instead of an answer
+        Unsolicited,      // the answer, and a copy of it after delayMs
     };
     Q_ENUM(Fault)
 
@@ -39,10 +40,10 @@ public:
     // Closes the listening socket and every connection.
     void stop();
     quint16 port() const { return m_port; }
+    int connectionCount() const;
 
     // Applies to every request from now on.
     void setFault(Fault fault, int delayMs = 0);
-    int requestCount() const { return m_requests; }
 
 private:
     void onReadyRead(QTcpSocket *socket);
@@ -52,5 +53,4 @@ private:
     quint16 m_port = 0;
     Fault m_fault = None;
     int m_delayMs = 0;
-    int m_requests = 0;
 };

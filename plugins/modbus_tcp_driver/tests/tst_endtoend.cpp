@@ -19,7 +19,6 @@ private slots:
     void init();
     void cleanup();
 
-    void getInfo();
     void listenReportsInputChangesInOrder();
     void exceptionReachesCommandAndCaller();
 
@@ -63,17 +62,6 @@ Execution *TstEndToEnd::run(const QString &command, const QVariantMap &arguments
     if (!execution->isFinished())
         finished.wait(waitMs);
     return execution;
-}
-
-void TstEndToEnd::getInfo()
-{
-    Execution *execution = run(QStringLiteral("getInfo"), {});
-    QVERIFY2(execution->isOk(), qPrintable(execution->errorString()));
-    const QVariantMap info = execution->results().value(QStringLiteral("deviceInformation")).toMap();
-    QCOMPARE(info.value(QStringLiteral("modelName")).toString(), QStringLiteral("E1212"));
-    QCOMPARE(info.value(QStringLiteral("softwareVersion")).toString(), QStringLiteral("V3.2.1 Build23041709"));
-    QCOMPARE(info.value(QStringLiteral("macAddress")).toString(), QStringLiteral("00:90:E8:12:34:56"));
-    QCOMPARE(info.value(QStringLiteral("serialNumber")).toString(), QString());
 }
 
 void TstEndToEnd::listenReportsInputChangesInOrder()
