@@ -179,6 +179,7 @@ void TstModbusDriver::badInstruction_data()
         "\"CoilsRegister\" (expected coilsRegister, discreteInputs, inputRegisters or holdingRegisters)";
     QTest::newRow("write read-only inputs") << "write" << params("discreteInputs", 2, "data", 1)
         << "discreteInputs register 2: discreteInputs is read-only, it cannot be written";
+    QTest::newRow("no register") << "read" << QVariantMap{{"registerType", "coilsRegister"}} << "coilsRegister register (none): no \"register\" given";
     QTest::newRow("unreduced sum 65537") << "write" << params("holdingRegisters", 65537, "data", 1)
         << "holdingRegisters register 65537: address 65537 is outside 0-65535";
     QTest::newRow("run past 65535") << "read" << params("holdingRegisters", 65535, "dataSize", 2)
