@@ -13,14 +13,6 @@ IPlugin *PScriptedDriver::createInstance(const QUuid &instanceUuid) const
     return new PScriptedDriver(instanceUuid, nullptr);
 }
 
-bool PScriptedDriver::configureConnection(const QMap<QString, QVariant> &settings, QString *error)
-{
-    if (settings.value(QStringLiteral("host")) != QLatin1String("refuse.invalid"))
-        return true;
-    *error = QStringLiteral("host \"refuse.invalid\" is refused by the scripted driver");
-    return false;
-}
-
 void PScriptedDriver::startInstruction(unsigned long long id, const QString &instruction,
                                        const QMap<QString, QVariant> &parameters, int timeoutMs)
 {
