@@ -34,7 +34,7 @@ public:
     QStringList events;
     QSet<unsigned long long> runIds;
 
-    void add(unsigned long long runId, const QString &event) { runIds << runId, events << event; }
+    void add(unsigned long long runId, const QString &event) { runIds << runId; events << event; }
     void commandResultChanged(unsigned long long runId, const QString &command, const QString &, const QVariant &) override
     {
         add(runId, command + QStringLiteral(" result"));
