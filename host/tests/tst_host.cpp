@@ -361,6 +361,8 @@ private slots:
                                           << "bench.json: devices[1].plugin: Scripted test driver ({5c0a7e2e-4d1b-4b8e-9a43-1f2e3d4c5b6a}) is not a device plug-in";
         QTest::newRow("device as driver") << "io2" << e1212 << e1212 << QString()
                                           << "bench.json: devices[1].driver: no driver plug-in with UUID {43ae4651-f855-42c1-81e2-c73130e79008} is loaded";
+        QTest::newRow("no driver instance") << "io2" << e1212 << c_scriptedDriver << QString()
+                                            << "bench.json: devices[1].driver: Scripted test driver made no driver instance";
         QTest::newRow("connection refused") << "io2" << e1212 << QUuid() << " "
                                             << "bench.json: devices[1].connection: connection/host: expected a host name or address, got \" \"";
     }
@@ -379,7 +381,10 @@ private slots:
         if (!host.isEmpty())
             device.connection.insert(QStringLiteral("host"), host);
         QString message;
+        QObject *driverRoot = m_plugins.plugin(c_scriptedDriver);
+        driverRoot->setProperty("makesNoInstance", error.endsWith(QLatin1String("made no driver instance")));
         QVERIFY(!m_host->addDevice(device, &message));
+        driverRoot->setProperty("makesNoInstance", false);
         QVERIFY2(message.startsWith(error), qPrintable(message));
         QCOMPARE(m_host->devices().size(), 1);
     }

@@ -10,7 +10,7 @@ PScriptedDriver::PScriptedDriver(const QUuid &instanceUuid, QObject *parent)
 
 IPlugin *PScriptedDriver::createInstance(const QUuid &instanceUuid) const
 {
-    return new PScriptedDriver(instanceUuid, nullptr);
+    return property("makesNoInstance").toBool() ? nullptr : new PScriptedDriver(instanceUuid, nullptr);
 }
 
 void PScriptedDriver::startInstruction(unsigned long long id, const QString &instruction,

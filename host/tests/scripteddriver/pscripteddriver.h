@@ -17,6 +17,7 @@ class PScriptedDriver : public DAbstractDriver
 public:
     explicit PScriptedDriver(const QUuid &instanceUuid = QUuid(), QObject *parent = nullptr);
 
+    // None while the object's property "makesNoInstance" is true.
     IPlugin *createInstance(const QUuid &instanceUuid) const override;
     bool configureConnection(const QMap<QString, QVariant> &, QString *) override { return true; }
     void startInstruction(unsigned long long id, const QString &instruction,
