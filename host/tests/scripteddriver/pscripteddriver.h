@@ -4,20 +4,12 @@
 
 #include "dabstractdriver.h"
 
-#include <QSet>
 #include <QVariantList>
 
-// A script is a list of rules, tried in order against each started instruction:
-//   "instruction"  name to match ("read", "write", "listen")
-//   "match"        map of instruction parameters that must be equal (optional)
-//   "times"        how many instructions the rule serves (optional, default every one)
-//   "replies"      list of reply maps, sent one after the other; an empty list never answers
-//   "delayMs"      wait before the first reply; "intervalMs" between replies
-//   "open"         the last reply is not the last: more may follow (a listen)
-// Without a matching rule: "write" answers {"values": [1]}, "read" and "listen" answer
-// {"values": [0, ...]} with "dataSize" zeros (default 1); a listen stays open.
-// The script comes from setScript(), or from the environment variable
-// E1212_SCRIPTED_DRIVER (JSON text) when the connection is configured.
+// A script is a list of rules; an instruction takes the first rule whose "instruction" is its
+// name and whose "register" (when given) is its "register" parameter. The rule's "replies"
+// go out one by one, each "delayMs" after the one before; the last one ends the instruction
+// unless the rule is "open" (a listen). No rule, or no replies: no answer at all.
 class PScriptedDriver : public DAbstractDriver
 {
     Q_OBJECT
@@ -25,24 +17,23 @@ class PScriptedDriver : public DAbstractDriver
 public:
     explicit PScriptedDriver(const QUuid &instanceUuid = QUuid(), QObject *parent = nullptr);
 
+    // None while the object's property "makesNoInstance" is true.
     IPlugin *createInstance(const QUuid &instanceUuid) const override;
-    // Refuses a "host" of "refuse.invalid", to exercise a refused connection.
-    bool configureConnection(const QMap<QString, QVariant> &settings, QString *error) override;
+    bool configureConnection(const QMap<QString, QVariant> &, QString *) override { return true; }
     void startInstruction(unsigned long long id, const QString &instruction,
                           const QMap<QString, QVariant> &parameters, int timeoutMs) override;
-    void stopInstruction(unsigned long long id) override;
+    void stopInstruction(unsigned long long id) override { m_stopped << id; }
 
-    Q_INVOKABLE void setScript(const QVariantList &rules);
+    Q_INVOKABLE void setScript(const QVariantList &rules) { m_rules = rules; }
     // Every started instruction as {"id", "instruction", "parameters", "timeoutMs"}, in order.
     Q_INVOKABLE QVariantList started() const { return m_started; }
     // The ids given to stopInstruction, in order.
     Q_INVOKABLE QVariantList stopped() const { return m_stopped; }
 
 private:
-    void sendReply(unsigned long long id, const QVariantList &replies, int index, int intervalMs, bool open);
+    void reply(unsigned long long id, const QVariantMap &rule, int index);
 
     QVariantList m_rules;
     QVariantList m_started;
     QVariantList m_stopped;
-    QSet<unsigned long long> m_active;
 };
