@@ -72,6 +72,16 @@ private slots:
         QTest::newRow("devices empty") << QByteArray(R"({"devices": []})") << QString() << 0ll << "devices: the list is empty";
         QTest::newRow("device in list") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 3600001}}]})")
                                         << QString() << 0ll << "devices[1].connection.timeoutMs: 3600001 is out of range (expected a whole number from 1 to 3600000)";
+        QTest::newRow("port 65536") << QByteArray(R"({"reference": "a", "connection": {"port": 65536}})") << QString() << 0ll
+                                    << "connection.port: 65536 is out of range (expected a whole number from 1 to 65535)";
+        QTest::newRow("unit 256") << QByteArray(R"({"reference": "a", "connection": {"unitId": 256}})") << QString() << 0ll
+                                  << "connection.unitId: 256 is out of range (expected a whole number from 0 to 255)";
+        QTest::newRow("host empty") << QByteArray(R"({"reference": "a", "connection": {"host": ""}})") << QString() << 0ll
+                                    << "connection.host: the host is empty";
+        QTest::newRow("host not text") << QByteArray(R"({"reference": "a", "connection": {"host": 1}})") << QString() << 0ll
+                                       << "connection.host: expected a host name or address text, found a number";
+        QTest::newRow("entry id not text") << table({QStringLiteral(R"({"id": "DI0", "value": [{"id": 1, "value": 2}]})")}) << QString() << 0ll
+                                           << "devices[0].parameters.io2_channels[0].value[0].id: expected an entry id text, found a number";
         QTest::newRow("duplicate reference") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "a"}]})") << QString() << 0ll
                                              << "devices[1].reference: \"a\" is used by devices[0] already";
         QTest::newRow("table not a list") << QByteArray(R"({"reference": "a io1", "parameters": {"io1_channels": {}}})") << QString() << 0ll
