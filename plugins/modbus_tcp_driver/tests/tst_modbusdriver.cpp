@@ -39,6 +39,8 @@ private slots:
     void stopWithdrawsQueuedRead();
     void unansweredConnect();
     void unsolicitedBytesReopen();
+    void simulatorExceptionsAndDrops();
+    void simulatorPulseGenerator();
 
 private:
     DAbstractDriver *newDriver(QVariantMap settings, QString *error = nullptr);
@@ -218,50 +220,35 @@ void TstModbusDriver::faults_data()
     QTest::addColumn<int>("fault");
     QTest::addColumn<QString>("instruction"); // "queued": three reads at once
     QTest::addColumn<int>("delayMs");
-    QTest::addColumn<int>("code");            // what the caller sees
-    QTest::addColumn<int>("boundMs");         // at most, from the fault to that reply
-    QTest::addColumn<QString>("text");        // how the error starts, after "device <address> (unit 1), "
+    QTest::addColumn<int>("code");            // what the caller sees, within the time-out + 1 s
+    QTest::addColumn<QString>("text");        // how the error goes on after "device <address> (unit 1), <register>: "
     using F = ModbusFaultServer;
-    using M = IMessenger;
-    const int bound = TimeoutMs + 1000;
-    const QString in = QStringLiteral("discreteInputs register 2: "), out = QStringLiteral("coilsRegister register 3: ");
-    const QString bad = QStringLiteral("malformed reply: ");
-    QTest::newRow("truncated frame") << int(F::Truncated) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                     << in + bad + "only 8 bytes within 400 ms";
-    QTest::newRow("length 0") << int(F::LengthZero) << "read" << 0 << int(M::CeMalformedReply) << bound
-                              << in + bad + "length field 0, expected 3 to 254";
-    QTest::newRow("length 0xFFFF") << int(F::LengthMax) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                   << in + bad + "length field 65535, expected 3 to 254";
-    QTest::newRow("random bytes") << int(F::RandomBytes) << "read" << 0 << int(M::CeMalformedReply) << bound << in + bad;
-    QTest::newRow("bytes after the answer") << int(F::TrailingBytes) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                            << in + bad + "3 bytes after a frame whose length field is 4";
-    QTest::newRow("wrong transaction id") << int(F::WrongTransaction) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                          << in + bad + "transaction id 2, expected 1";
-    QTest::newRow("wrong unit id") << int(F::WrongUnit) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                   << in + bad + "unit id 2, expected 1";
-    QTest::newRow("protocol id 1") << int(F::ProtocolOne) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                   << in + bad + "protocol id 1, expected 0";
-    QTest::newRow("sister function code, read") << int(F::SisterFunction) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                                << in + bad + "function code 1, expected 2";
-    QTest::newRow("sister function code, write") << int(F::SisterFunction) << "write" << 0 << int(M::CeMalformedReply) << bound
-                                                 << out + bad + "function code 6, expected 5";
-    QTest::newRow("write echo, other address") << int(F::WrongAddress) << "write" << 0 << int(M::CeMalformedReply) << bound
-                                               << out + bad + "write echo names address 4, expected 3";
-    QTest::newRow("write echo, other value") << int(F::WrongValue) << "write" << 0 << int(M::CeMalformedReply) << bound
-                                             << out + bad + "write echo carries value 65281, expected 65280";
-    QTest::newRow("exception") << int(F::Exception) << "write" << 0 << int(M::CeModbusException) << bound
-                               << out + "Modbus exception 6 (server device busy)";
-    QTest::newRow("silent") << int(F::Silent) << "read" << 0 << int(M::CeTimeout) << bound << in + "no answer within 400 ms";
-    QTest::newRow("answer after the time-out") << int(F::Slow) << "read" << TimeoutMs + 100 << int(M::CeTimeout) << bound
-                                               << in + "no answer within 400 ms";
-    QTest::newRow("slow but in time, queued behind two others") << int(F::Slow) << "queued" << TimeoutMs - 150
-                                                                 << int(M::CeNoError) << 3 * TimeoutMs + 1000 << "";
-    QTest::newRow("dropped mid-request") << int(F::Drop) << "write" << 0 << int(M::CeNoConnection) << bound << out + "connection to 127.0.0.1:";
-    QTest::newRow("no server") << Restart << "read" << 0 << int(M::CeNoConnection) << bound << in + "cannot connect to 127.0.0.1:";
-    QTest::newRow("listen: truncated frame") << int(F::Truncated) << "listen" << 0 << int(M::CeMalformedReply) << bound
-                                             << in + bad + "only 8 bytes within 400 ms";
-    QTest::newRow("listen: silent") << int(F::Silent) << "listen" << 0 << int(M::CeTimeout) << bound << in + "no answer within 400 ms";
-    QTest::newRow("listen: restart") << Restart << "listen" << 0 << int(M::CeNoConnection) << bound << in + "cannot connect to 127.0.0.1:";
+    const auto row = [](const char *name, int fault, const char *instruction, int code, const QString &text, int delayMs = 0) {
+        QTest::newRow(name) << fault << QString::fromLatin1(instruction) << delayMs << code << text;
+    };
+    const int bad = IMessenger::CeMalformedReply, timeout = IMessenger::CeTimeout, lost = IMessenger::CeNoConnection;
+    const QString malformed = QStringLiteral("malformed reply: "), late = QStringLiteral("no answer within 400 ms");
+    row("truncated frame", F::Truncated, "read", bad, malformed + "only 8 bytes within 400 ms");
+    row("length 0", F::LengthZero, "read", bad, malformed + "length field 0, expected 3 to 254");
+    row("length 0xFFFF", F::LengthMax, "read", bad, malformed + "length field 65535, expected 3 to 254");
+    row("random bytes", F::RandomBytes, "read", bad, malformed);
+    row("bytes after the answer", F::TrailingBytes, "read", bad, malformed + "3 bytes after a frame whose length field is 4");
+    row("wrong transaction id", F::WrongTransaction, "read", bad, malformed + "transaction id 2, expected 1");
+    row("wrong unit id", F::WrongUnit, "read", bad, malformed + "unit id 2, expected 1");
+    row("protocol id 1", F::ProtocolOne, "read", bad, malformed + "protocol id 1, expected 0");
+    row("sister function code, read", F::SisterFunction, "read", bad, malformed + "function code 1, expected 2");
+    row("sister function code, write", F::SisterFunction, "write", bad, malformed + "function code 6, expected 5");
+    row("write echo, other address", F::WrongAddress, "write", bad, malformed + "write echo names address 4, expected 3");
+    row("write echo, other value", F::WrongValue, "write", bad, malformed + "write echo carries value 65281, expected 65280");
+    row("exception", F::Exception, "write", IMessenger::CeModbusException, "Modbus exception 6 (server device busy)");
+    row("silent", F::Silent, "read", timeout, late);
+    row("answer after the time-out", F::Slow, "read", timeout, late, TimeoutMs + 100);
+    row("slow but in time, queued behind two others", F::Slow, "queued", IMessenger::CeNoError, {}, TimeoutMs - 150);
+    row("dropped mid-request", F::Drop, "write", lost, "connection to 127.0.0.1:");
+    row("no server", Restart, "read", lost, "cannot connect to 127.0.0.1:");
+    row("listen: truncated frame", F::Truncated, "listen", bad, malformed + "only 8 bytes within 400 ms");
+    row("listen: silent", F::Silent, "listen", timeout, late);
+    row("listen: restart", Restart, "listen", lost, "cannot connect to 127.0.0.1:");
 }
 
 // Each fault ends with its code within its bound; once the server answers right again the
@@ -272,11 +259,12 @@ void TstModbusDriver::faults()
     QFETCH(QString, instruction);
     QFETCH(int, delayMs);
     QFETCH(int, code);
-    QFETCH(int, boundMs);
     QFETCH(QString, text);
+    const int boundMs = instruction == QLatin1String("queued") ? 3 * TimeoutMs + 1000 : TimeoutMs + 1000;
     ModbusFaultServer server;
     QVERIFY(server.start());
-    DAbstractDriver *driver = newDriver({{"port", server.port()}, {"pollIntervalMs", 20}});
+    const quint16 port = server.serverPort();
+    DAbstractDriver *driver = newDriver({{"port", port}, {"pollIntervalMs", 20}});
     QVERIFY(driver);
     const QVariantMap read = params("discreteInputs", 2);
     const QVariantMap write = params("coilsRegister", 3, "data", 1);
@@ -313,10 +301,12 @@ void TstModbusDriver::faults()
     QVERIFY2(error.code == code, qPrintable(error.text));
     QCOMPARE(error.exceptionCode, code == IMessenger::CeModbusException ? 6 : 0);
     if (code != IMessenger::CeNoError)
-        QVERIFY2(error.text.startsWith(QStringLiteral("device 127.0.0.1:%1 (unit 1), %2").arg(server.port()).arg(text)), qPrintable(error.text));
+        QVERIFY2(error.text.startsWith(QStringLiteral("device 127.0.0.1:%1 (unit 1), %2: %3").arg(port)
+                     .arg(instruction == QLatin1String("write") ? "coilsRegister register 3" : "discreteInputs register 2", text)),
+                 qPrintable(error.text));
 
     if (fault == Restart)
-        QVERIFY(server.start(server.port()));
+        QVERIFY(server.start(port));
     // The next request is still out when any late byte of the broken exchange comes.
     server.setFault(ModbusFaultServer::Slow, TimeoutMs / 2 + 50);
     if (instruction == QLatin1String("listen")) {
@@ -407,7 +397,7 @@ void TstModbusDriver::unsolicitedBytesReopen()
 {
     ModbusFaultServer server;
     QVERIFY(server.start());
-    DAbstractDriver *driver = newDriver({{"port", server.port()}});
+    DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
     const QVariantMap read = params("discreteInputs", 2);
     const Reply zero{{QStringLiteral("values"), QVariantList{0u}}};
     server.setFault(ModbusFaultServer::Unsolicited, 50);
@@ -416,6 +406,67 @@ void TstModbusDriver::unsolicitedBytesReopen()
     QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
     server.setFault(ModbusFaultServer::None);
     QCOMPARE(run(driver, QStringLiteral("read"), read), zero);
+}
+
+// The simulator's own faults, as the driver meets them.
+void TstModbusDriver::simulatorExceptionsAndDrops()
+{
+    DAbstractDriver *driver = newDriver({});
+    const auto failure = [&](const QString &instruction, const QVariantMap &parameters) {
+        const DError error = DError::fromReply(run(driver, instruction, parameters));
+        return qMakePair(int(error.code), error.exceptionCode);
+    };
+    const QPair<int, int> busy(IMessenger::CeModbusException, 4);
+    QCOMPARE(failure("read", params("discreteInputs", 8)), qMakePair(int(IMessenger::CeModbusException), 2)); // off the map
+    m_sim->setException(QModbusDataUnit::Coils, 19, QModbusPdu::ServerDeviceFailure);
+    QCOMPARE(failure("read", params("coilsRegister", 16, "dataSize", 8)), busy);
+    QCOMPARE(failure("write", params("coilsRegister", 19, "data", 1)), busy);
+    QCOMPARE(run(driver, "read", params("coilsRegister", 16, "dataSize", 3)), (Reply{{"values", QVariantList{0u, 0u, 0u}}}));
+    m_sim->clearExceptions();
+    QCOMPARE(run(driver, "read", params("coilsRegister", 19)), (Reply{{"values", QVariantList{0u}}})); // the write changed nothing
+
+    m_sim->setDropOnRequest(true);
+    QCOMPARE(failure("read", params("coilsRegister", 0)).first, int(IMessenger::CeNoConnection));
+    QCOMPARE(m_sim->connectionCount(), 0);
+    m_sim->setDropOnRequest(false);
+    QCOMPARE(run(driver, "read", params("coilsRegister", 19)), (Reply{{"values", QVariantList{0u}}}));
+    QSignalSpy count(m_sim.data(), &E1212Simulator::connectionCountChanged);
+    m_sim->dropConnections();
+    QCOMPARE(m_sim->connectionCount(), 0);
+    QCOMPARE(count.size(), 1);
+
+    E1212Simulator second;
+    QString error;
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot listen")));
+    QVERIFY(!second.start(QHostAddress::LocalHost, m_sim->port(), &error));
+    QVERIFY2(error.startsWith(QStringLiteral("cannot listen on 127.0.0.1:%1").arg(m_sim->port())), qPrintable(error));
+    QCOMPARE(second.errorString(), error);
+    QCOMPARE(second.state(), E1212Simulator::Stopped);
+}
+
+// A pulse written through the driver: on first, then alternating, each phase lasting its width.
+void TstModbusDriver::simulatorPulseGenerator()
+{
+    const int onMs = 40, offMs = 80;
+    DAbstractDriver *driver = newDriver({});
+    const Reply written{{"values", QVariantList{1u}}};
+    QCOMPARE(run(driver, "write", params("holdingRegisters", 256 + 5, "data", onMs)), written);
+    QCOMPARE(run(driver, "write", params("holdingRegisters", 512 + 5, "data", offMs)), written);
+    QElapsedTimer clock;
+    QVector<qint64> at;
+    QVector<bool> on;
+    connect(m_sim.data(), &E1212Simulator::outputChanged, this, [&](int channel, bool state) {
+        at.append(channel == 5 ? clock.elapsed() : -1000), on.append(state);
+    });
+    clock.start();
+    QCOMPARE(run(driver, "write", params("coilsRegister", 16 + 5, "data", 1)), written);
+    QVERIFY(m_sim->pulseStatus(5));
+    QTRY_VERIFY_WITH_TIMEOUT(at.size() >= 7, 5000);
+    for (int i = 1; i < 7; ++i) {
+        const qint64 width = at.at(i) - at.at(i - 1), expected = i % 2 ? onMs : offMs;
+        QVERIFY2(on.at(i - 1) == (i % 2 == 1) && on.at(i) != on.at(i - 1) && width >= expected - 2 && width <= expected + 40,
+                 qPrintable(QStringLiteral("phase %1 lasted %2 ms, expected %3").arg(i).arg(width).arg(expected)));
+    }
 }
 
 QTEST_GUILESS_MAIN(TstModbusDriver)
