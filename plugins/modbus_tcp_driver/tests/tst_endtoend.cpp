@@ -53,9 +53,8 @@ private slots:
             QTRY_COMPARE_WITH_TIMEOUT(results.size(), before + 1, 2000);
             QCOMPARE(results.last(), report(on));
         }
-        QSignalSpy finished(listen, &Execution::finished);
         QVERIFY(m_host->stop(listen));
-        QVERIFY(finished.wait(2000) || listen->isFinished());
+        QTRY_VERIFY_WITH_TIMEOUT(listen->isFinished(), 2000);
         QVERIFY(listen->isOk());
         m_sim->setInput(2, true);
         QTest::qWait(100);
@@ -67,8 +66,7 @@ private slots:
         m_sim->setException(QModbusDataUnit::DiscreteInputs, 4, QModbusPdu::IllegalDataAddress);
         LogCapture log;
         Execution *get = m_host->execute(m_device, QStringLiteral("getValue"), {{QStringLiteral("channel"), QStringLiteral("DI4")}});
-        QSignalSpy finished(get, &Execution::finished);
-        QVERIFY(get->isFinished() || finished.wait(5000));
+        QTRY_VERIFY_WITH_TIMEOUT(get->isFinished(), 5000);
         QCOMPARE(get->state(), Execution::Failed);
         QCOMPARE(get->errorCode(), IMessenger::CeModbusException);
         QCOMPARE(get->exceptionCode(), 2);

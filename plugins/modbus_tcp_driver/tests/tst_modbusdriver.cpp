@@ -187,11 +187,13 @@ private slots:
     {
         QTest::addColumn<int>("fault");
         QTest::addColumn<QString>("instruction"); // "queued": three reads at once
-        QTest::addColumn<int>("code");            // what the caller sees, within the time-out + 1 s
+        QTest::addColumn<int>("code");            // what the caller sees
+        QTest::addColumn<int>("boundMs");         // at most, from the fault to that reply
         QTest::addColumn<QString>("text");        // how the error goes on after "device <address> (unit 1), <register>: "
         using F = ModbusFaultServer;
-        const auto row = [](const char *name, int fault, const char *instruction, int code, const QString &text) {
-            QTest::newRow(name) << fault << QString::fromLatin1(instruction) << code << text;
+        const auto row = [](const char *name, int fault, const char *instruction, int code, const QString &text,
+                            int boundMs = TimeoutMs + 1000) {
+            QTest::newRow(name) << fault << QString::fromLatin1(instruction) << code << boundMs << text;
         };
         const int bad = IMessenger::CeMalformedReply, timeout = IMessenger::CeTimeout, lost = IMessenger::CeNoConnection;
         const QString malformed = QStringLiteral("malformed reply: "), late = QStringLiteral("no answer within 400 ms");
@@ -210,7 +212,7 @@ private slots:
         row("exception", F::Exception, "write", IMessenger::CeModbusException, "Modbus exception 6 (server device busy)");
         row("silent", F::Silent, "read", timeout, late);
         row("answer after the time-out", F::Slow, "read", timeout, late);
-        row("slow but in time, queued behind two others", F::Slow, "queued", IMessenger::CeNoError, {});
+        row("slow but in time, queued behind two others", F::Slow, "queued", IMessenger::CeNoError, {}, 3 * TimeoutMs + 1000);
         row("dropped mid-request", F::Drop, "write", lost, "connection to 127.0.0.1:");
         row("no server", Restart, "read", lost, "cannot connect to 127.0.0.1:");
         row("listen: truncated frame", F::Truncated, "listen", bad, malformed + "only 8 bytes within 400 ms");
@@ -225,9 +227,9 @@ private slots:
         QFETCH(int, fault);
         QFETCH(QString, instruction);
         QFETCH(int, code);
+        QFETCH(int, boundMs);
         QFETCH(QString, text);
         const bool listen = instruction == QLatin1String("listen"), queued = instruction == QLatin1String("queued");
-        const int boundMs = (queued ? 3 : 1) * TimeoutMs + 1000;
         ModbusFaultServer server;
         QVERIFY(server.start());
         const quint16 port = server.serverPort();
