@@ -15,94 +15,69 @@
 class TstEndToEnd : public QObject
 {
     Q_OBJECT
-private slots:
-    void init();
-    void cleanup();
-
-    void listenReportsInputChangesInOrder();
-    void exceptionReachesCommandAndCaller();
-
-private:
-    // Runs a command to its end (bounded) and returns the execution.
-    Execution *run(const QString &command, const QVariantMap &arguments, int waitMs = 5000);
-
     QScopedPointer<E1212Simulator> m_sim;
     QScopedPointer<PluginManager> m_plugins;
     QScopedPointer<Host> m_host;
     DAbstractPlugin *m_device = nullptr;
-};
 
-void TstEndToEnd::init()
-{
-    m_sim.reset(new E1212Simulator);
-    QString error;
-    QVERIFY2(m_sim->start(QHostAddress::LocalHost, 0, &error), qPrintable(error));
-    m_plugins.reset(new PluginManager);
-    QVERIFY(m_plugins->scan({QStringLiteral(E1212_PLUGIN_DIR)}) >= 2);
-    QList<DeviceConfig> configs = DeviceConfig::loadFile(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"), &error);
-    QVERIFY2(configs.size() == 1, qPrintable(error));
-    configs[0].connection = {{"host", "127.0.0.1"}, {"port", m_sim->port()}, {"timeoutMs", 500}, {"pollIntervalMs", 20}};
-    m_host.reset(new Host(m_plugins.data()));
-    QVERIFY2(m_host->addDevice(configs.first(), &error), qPrintable(error));
-    m_device = m_host->device(configs.first().reference);
-    QVERIFY(m_device);
-}
-
-void TstEndToEnd::cleanup()
-{
-    m_host.reset();
-    m_plugins.reset();
-    m_sim.reset();
-}
-
-Execution *TstEndToEnd::run(const QString &command, const QVariantMap &arguments, int waitMs)
-{
-    Execution *execution = m_host->execute(m_device, command, arguments);
-    QSignalSpy finished(execution, &Execution::finished);
-    if (!execution->isFinished())
-        finished.wait(waitMs);
-    return execution;
-}
-
-void TstEndToEnd::listenReportsInputChangesInOrder()
-{
-    Execution *listen = m_host->execute(m_device, QStringLiteral("listenEvents"),
-                                        {{QStringLiteral("channel"), QStringLiteral("DI2")}});
-    QSignalSpy results(listen, &Execution::resultChanged);
-    QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 2000);
-    for (bool on : {true, false, true, false}) {
-        const int before = results.size();
-        m_sim->setInput(2, on);
-        QTRY_COMPARE_WITH_TIMEOUT(results.size(), before + 1, 2000);
+private slots:
+    void init()
+    {
+        m_sim.reset(new E1212Simulator);
+        QString error;
+        QVERIFY2(m_sim->start(QHostAddress::LocalHost, 0, &error), qPrintable(error));
+        m_plugins.reset(new PluginManager);
+        QVERIFY(m_plugins->scan({QStringLiteral(E1212_PLUGIN_DIR)}) >= 2);
+        QList<DeviceConfig> configs = DeviceConfig::loadFile(QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json"), &error);
+        QVERIFY2(configs.size() == 1, qPrintable(error));
+        configs[0].connection = {{"host", "127.0.0.1"}, {"port", m_sim->port()}, {"timeoutMs", 500}, {"pollIntervalMs", 20}};
+        m_host.reset(new Host(m_plugins.data()));
+        QVERIFY2(m_host->addDevice(configs.first(), &error), qPrintable(error));
+        m_device = m_host->device(configs.first().reference);
+        QVERIFY(m_device);
     }
-    const QVariantList expected{0u, 1u, 0u, 1u, 0u};
-    QCOMPARE(results.size(), expected.size());
-    for (int i = 0; i < results.size(); ++i)
-        QCOMPARE(results.at(i), (QVariantList{"values", QVariantMap{{"values", QVariantList{expected.at(i)}}}}));
-    QSignalSpy finished(listen, &Execution::finished);
-    QVERIFY(m_host->stop(listen));
-    QVERIFY(finished.wait(2000) || listen->isFinished());
-    QVERIFY(listen->isOk());
-    m_sim->setInput(2, true);
-    QTest::qWait(100);
-    QCOMPARE(results.size(), expected.size());
-}
 
-void TstEndToEnd::exceptionReachesCommandAndCaller()
-{
-    m_sim->setException(QModbusDataUnit::DiscreteInputs, 4, QModbusPdu::IllegalDataAddress);
-    LogCapture log;
-    Execution *get = run(QStringLiteral("getValue"), {{QStringLiteral("channel"), QStringLiteral("DI4")}});
-    QCOMPARE(get->state(), Execution::Failed);
-    QCOMPARE(get->errorCode(), IMessenger::CeModbusException);
-    QCOMPARE(get->exceptionCode(), 2);
-    // The command made its own check of the reply, in its own diagnostic line.
-    const QStringList critical = log.criticalTexts();
-    QCOMPARE(critical.size(), 1);
-    QVERIFY2(critical.first().contains(QStringLiteral("d_cmd_getValue"))
-                 && critical.first().endsWith(QStringLiteral("ERROR: Reply data is not in the correct format")),
-             qPrintable(critical.first()));
-}
+    void cleanup() { m_host.reset(), m_plugins.reset(), m_sim.reset(); }
+
+    void listenReportsInputChangesInOrder()
+    {
+        Execution *listen = m_host->execute(m_device, QStringLiteral("listenEvents"),
+                                            {{QStringLiteral("channel"), QStringLiteral("DI2")}});
+        QSignalSpy results(listen, &Execution::resultChanged);
+        const auto report = [](uint value) { return QVariantList{"values", QVariantMap{{"values", QVariantList{value}}}}; };
+        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 1, 2000);
+        QCOMPARE(results.last(), report(0));
+        for (bool on : {true, false, true, false}) {
+            const int before = results.size();
+            m_sim->setInput(2, on);
+            QTRY_COMPARE_WITH_TIMEOUT(results.size(), before + 1, 2000);
+            QCOMPARE(results.last(), report(on));
+        }
+        QVERIFY(m_host->stop(listen));
+        QTRY_VERIFY_WITH_TIMEOUT(listen->isFinished(), 2000);
+        QVERIFY(listen->isOk());
+        m_sim->setInput(2, true);
+        QTest::qWait(100);
+        QCOMPARE(results.size(), 5);
+    }
+
+    void exceptionReachesCommandAndCaller()
+    {
+        m_sim->setException(QModbusDataUnit::DiscreteInputs, 4, QModbusPdu::IllegalDataAddress);
+        LogCapture log;
+        Execution *get = m_host->execute(m_device, QStringLiteral("getValue"), {{QStringLiteral("channel"), QStringLiteral("DI4")}});
+        QTRY_VERIFY_WITH_TIMEOUT(get->isFinished(), 5000);
+        QCOMPARE(get->state(), Execution::Failed);
+        QCOMPARE(get->errorCode(), IMessenger::CeModbusException);
+        QCOMPARE(get->exceptionCode(), 2);
+        // The command made its own check of the reply, in its own diagnostic line.
+        const QStringList critical = log.criticalTexts();
+        QCOMPARE(critical.size(), 1);
+        QVERIFY2(critical.first().contains(QStringLiteral("d_cmd_getValue"))
+                     && critical.first().endsWith(QStringLiteral("ERROR: Reply data is not in the correct format")),
+                 qPrintable(critical.first()));
+    }
+};
 
 QTEST_GUILESS_MAIN(TstEndToEnd)
 #include "tst_endtoend.moc"

@@ -19,88 +19,6 @@
 
 using Reply = QMap<QString, QVariant>;
 
-class TstModbusDriver : public QObject
-{
-    Q_OBJECT
-private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-
-    void badSettings_data();
-    void badSettings();
-    void readAndWriteEachTable_data();
-    void readAndWriteEachTable();
-    void badInstruction_data();
-    void badInstruction();
-    void faults_data();
-    void faults();
-    void sixteenListensShareTwoReads();
-    void stopWithdrawsQueuedRead();
-    void unansweredConnect();
-    void unsolicitedBytesReopen();
-
-private:
-    DAbstractDriver *newDriver(QVariantMap settings, QString *error = nullptr);
-    // Starts `instruction` and waits for its one final reply.
-    Reply run(DAbstractDriver *driver, const QString &instruction, const QVariantMap &parameters,
-              int timeoutMs = 1000, int waitMs = 5000);
-
-    QPluginLoader m_loader;
-    DAbstractDriver *m_root = nullptr;
-    QScopedPointer<E1212Simulator> m_sim;
-    QList<DAbstractDriver *> m_drivers;
-    unsigned long long m_nextId = 1;
-};
-
-void TstModbusDriver::initTestCase()
-{
-    m_loader.setFileName(QStringLiteral(E1212_PLUGIN_DIR "/libmodbus_tcp_driver.so"));
-    QVERIFY2(m_loader.load(), qPrintable(m_loader.errorString()));
-    m_root = qobject_cast<DAbstractDriver *>(m_loader.instance());
-    QVERIFY(m_root);
-    QLoggingCategory::setFilterRules(QStringLiteral("e1212.modbus.warning=false"));
-}
-
-void TstModbusDriver::init()
-{
-    m_sim.reset(new E1212Simulator);
-    QString error;
-    QVERIFY2(m_sim->start(QHostAddress::LocalHost, 0, &error), qPrintable(error));
-}
-
-void TstModbusDriver::cleanup()
-{
-    qDeleteAll(m_drivers);
-    m_drivers.clear();
-    m_sim.reset();
-}
-
-DAbstractDriver *TstModbusDriver::newDriver(QVariantMap settings, QString *error)
-{
-    if (!settings.contains(QStringLiteral("port")))
-        settings.insert(QStringLiteral("port"), double(m_sim->port())); // as a JSON file gives it
-    auto *driver = dynamic_cast<DAbstractDriver *>(m_root->createInstance(QUuid::createUuid()));
-    m_drivers.append(driver);
-    return driver && driver->configureConnection(settings, error) ? driver : nullptr;
-}
-
-Reply TstModbusDriver::run(DAbstractDriver *driver, const QString &instruction, const QVariantMap &parameters,
-                           int timeoutMs, int waitMs)
-{
-    QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    const unsigned long long id = m_nextId++;
-    driver->startInstruction(id, instruction, parameters, timeoutMs);
-    // Never answered from inside startInstruction.
-    if (!spy.isEmpty())
-        return {{QStringLiteral("error"), QStringLiteral("TEST: replied synchronously")}};
-    if (!spy.wait(waitMs))
-        return {{QStringLiteral("error"), QStringLiteral("TEST: no reply")}};
-    if (spy.size() != 1 || spy.at(0).at(0).toULongLong() != id || !spy.at(0).at(2).toBool())
-        return {{QStringLiteral("error"), QStringLiteral("TEST: unexpected reply shape")}};
-    return spy.at(0).at(1).value<Reply>();
-}
-
 static QVariantMap params(const QString &type, int reg, const QVariant &extraKey = {}, const QVariant &extra = {})
 {
     QVariantMap map{{QStringLiteral("registerType"), type}, {QStringLiteral("register"), reg}};
@@ -109,314 +27,400 @@ static QVariantMap params(const QString &type, int reg, const QVariant &extraKey
     return map;
 }
 
-void TstModbusDriver::badSettings_data()
-{
-    QTest::addColumn<QVariantMap>("settings");
-    QTest::addColumn<QString>("expected");
-    QTest::newRow("port 0") << QVariantMap{{"port", 0}} << "connection/port: 0 is not a whole number from 1 to 65535";
-    QTest::newRow("empty host") << QVariantMap{{"host", ""}} << "connection/host: expected a host name";
-    QTest::newRow("unit 256") << QVariantMap{{"unitId", 256}} << "connection/unitId: 256 is not a whole number from 0 to 255";
-    QTest::newRow("time-out 0") << QVariantMap{{"timeoutMs", 0}} << "connection/timeoutMs: 0 is not a whole number from 1 to 3600000";
-    QTest::newRow("fraction") << QVariantMap{{"pollIntervalMs", 1.5}} << "connection/pollIntervalMs: 1.5 is not a whole number";
-    QTest::newRow("typo") << QVariantMap{{"timeoutms", 100}} << "connection/timeoutms: unknown key";
-}
-
-void TstModbusDriver::badSettings()
-{
-    QFETCH(QVariantMap, settings);
-    QFETCH(QString, expected);
-    QString error;
-    QVERIFY(!newDriver(settings, &error));
-    QVERIFY2(error.startsWith(expected), qPrintable(error));
-    // Left unconfigured, the instance refuses every instruction.
-    const Reply reply = run(m_drivers.last(), QStringLiteral("read"), params("coilsRegister", 0));
-    QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("no connection configured for this driver instance"));
-    QCOMPARE(DError::fromReply(reply).code, IMessenger::CeNoConnection);
-}
-
-void TstModbusDriver::readAndWriteEachTable_data()
-{
-    QTest::addColumn<QString>("type");
-    QTest::addColumn<int>("reg");
-    QTest::addColumn<QVariant>("data"); // invalid: read only
-    QTest::addColumn<QVariantList>("expected");
-    QTest::newRow("FC2 discrete inputs") << "discreteInputs" << 0 << QVariant() << QVariantList{0u, 0u, 1u, 0u, 0u, 0u, 0u, 1u};
-    QTest::newRow("FC3 pulse off-widths") << "holdingRegisters" << 512 << QVariant() << QVector<QVariant>(8, 1u).toList();
-    QTest::newRow("FC4 model name") << "inputRegisters" << 5000 << QVariant() << QVariantList{0x4531u, 0x3231u, 0x3200u};
-    QTest::newRow("FC5 one coil, non-zero is ON") << "coilsRegister" << 3 << QVariant(7) << QVariantList{0u, 0u, 0u, 1u, 0u};
-    QTest::newRow("FC15 a byte of coils") << "coilsRegister" << 0 << QVariant(QVariantList{1, 1, 0, 0, 0, 0, 0, 1})
-                                          << QVariantList{1u, 1u, 0u, 0u, 0u, 0u, 0u, 1u};
-    QTest::newRow("FC6 one register") << "holdingRegisters" << 257 << QVariant(65535) << QVariantList{1u, 65535u, 1u};
-    QTest::newRow("FC16 register list") << "holdingRegisters" << 256 << QVariant(QVariantList{500, 250.0, "7"}) << QVariantList{500u, 250u, 7u};
-}
-
-void TstModbusDriver::readAndWriteEachTable()
-{
-    QFETCH(QString, type);
-    QFETCH(int, reg);
-    QFETCH(QVariant, data);
-    QFETCH(QVariantList, expected);
-    m_sim->setInput(2, true);
-    m_sim->setInput(7, true);
-    DAbstractDriver *driver = newDriver({});
-    QVERIFY(driver);
-    int readFrom = reg;
-    if (data.isValid()) {
-        const Reply written = run(driver, QStringLiteral("write"), params(type, reg, "data", data));
-        QCOMPARE(written, (Reply{{QStringLiteral("values"), QVariantList{1u}}}));
-        readFrom = type == QLatin1String("coilsRegister") ? 0 : 256;
-    }
-    const Reply read = run(driver, QStringLiteral("read"), params(type, readFrom, "dataSize", expected.size()));
-    QCOMPARE(read, (Reply{{QStringLiteral("values"), expected}}));
-}
-
-void TstModbusDriver::badInstruction_data()
-{
-    QTest::addColumn<QString>("instruction");
-    QTest::addColumn<QVariantMap>("parameters");
-    QTest::addColumn<QString>("expected"); // after "device <address> (unit 1), "
-    QTest::newRow("type in other case") << "read" << params("CoilsRegister", 3) << "CoilsRegister register 3: unknown register type "
-        "\"CoilsRegister\" (expected coilsRegister, discreteInputs, inputRegisters or holdingRegisters)";
-    QTest::newRow("write read-only inputs") << "write" << params("discreteInputs", 2, "data", 1)
-        << "discreteInputs register 2: discreteInputs is read-only, it cannot be written";
-    QTest::newRow("no register") << "read" << QVariantMap{{"registerType", "coilsRegister"}} << "coilsRegister register (none): no \"register\" given";
-    QTest::newRow("unreduced sum 65537") << "write" << params("holdingRegisters", 65537, "data", 1)
-        << "holdingRegisters register 65537: address 65537 is outside 0-65535";
-    QTest::newRow("run past 65535") << "read" << params("holdingRegisters", 65535, "dataSize", 2)
-        << "holdingRegisters register 65535: 2 addresses from 65535 run past the end of the table (last address 65535)";
-    QTest::newRow("too many registers") << "read" << params("inputRegisters", 0, "dataSize", 126)
-        << "inputRegisters register 0: 126 values to read in one request, at most 125 allowed";
-    QTest::newRow("too many bits") << "read" << params("coilsRegister", 0, "dataSize", 65535)
-        << "coilsRegister register 0: 65535 values to read in one request, at most 2000 allowed";
-    QTest::newRow("too many coils") << "write" << params("coilsRegister", 0, "data", QVector<QVariant>(1969, 1).toList())
-        << "coilsRegister register 0: 1969 values to write in one request, at most 1968 allowed";
-    QTest::newRow("value too big") << "write" << params("holdingRegisters", 256, "data", 70000)
-        << "holdingRegisters register 256: data value \"70000\" for address 256 is not a number from 0 to 65535";
-    QTest::newRow("unknown instruction") << "poke" << params("coilsRegister", 0) << "unknown instruction \"poke\" (expected read, write or listen)";
-}
-
-void TstModbusDriver::badInstruction()
-{
-    QFETCH(QString, instruction);
-    QFETCH(QVariantMap, parameters);
-    QFETCH(QString, expected);
-    DAbstractDriver *driver = newDriver({});
-    QVERIFY(driver);
-    const Reply reply = run(driver, instruction, parameters);
-    QCOMPARE(DError::fromReply(reply).code, IMessenger::CeBadInstruction);
-    QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("device 127.0.0.1:%1 (unit 1), %2").arg(m_sim->port()).arg(expected));
-    QCOMPARE(m_sim->connectionCount(), 0); // nothing was sent
-}
+static Reply values(const QVariantList &list) { return {{QStringLiteral("values"), list}}; }
 
 namespace {
 constexpr int TimeoutMs = 400;
 constexpr int Restart = -1; // not a wrong answer: the server goes away and comes back
 } // namespace
 
-void TstModbusDriver::faults_data()
+class TstModbusDriver : public QObject
 {
-    QTest::addColumn<int>("fault");
-    QTest::addColumn<QString>("instruction"); // "queued": three reads at once
-    QTest::addColumn<int>("delayMs");
-    QTest::addColumn<int>("code");            // what the caller sees
-    QTest::addColumn<int>("boundMs");         // at most, from the fault to that reply
-    QTest::addColumn<QString>("text");        // how the error starts, after "device <address> (unit 1), "
-    using F = ModbusFaultServer;
-    using M = IMessenger;
-    const int bound = TimeoutMs + 1000;
-    const QString in = QStringLiteral("discreteInputs register 2: "), out = QStringLiteral("coilsRegister register 3: ");
-    const QString bad = QStringLiteral("malformed reply: ");
-    QTest::newRow("truncated frame") << int(F::Truncated) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                     << in + bad + "only 8 bytes within 400 ms";
-    QTest::newRow("length 0") << int(F::LengthZero) << "read" << 0 << int(M::CeMalformedReply) << bound
-                              << in + bad + "length field 0, expected 3 to 254";
-    QTest::newRow("length 0xFFFF") << int(F::LengthMax) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                   << in + bad + "length field 65535, expected 3 to 254";
-    QTest::newRow("random bytes") << int(F::RandomBytes) << "read" << 0 << int(M::CeMalformedReply) << bound << in + bad;
-    QTest::newRow("bytes after the answer") << int(F::TrailingBytes) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                            << in + bad + "3 bytes after a frame whose length field is 4";
-    QTest::newRow("wrong transaction id") << int(F::WrongTransaction) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                          << in + bad + "transaction id 2, expected 1";
-    QTest::newRow("wrong unit id") << int(F::WrongUnit) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                   << in + bad + "unit id 2, expected 1";
-    QTest::newRow("protocol id 1") << int(F::ProtocolOne) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                   << in + bad + "protocol id 1, expected 0";
-    QTest::newRow("sister function code, read") << int(F::SisterFunction) << "read" << 0 << int(M::CeMalformedReply) << bound
-                                                << in + bad + "function code 1, expected 2";
-    QTest::newRow("sister function code, write") << int(F::SisterFunction) << "write" << 0 << int(M::CeMalformedReply) << bound
-                                                 << out + bad + "function code 6, expected 5";
-    QTest::newRow("write echo, other address") << int(F::WrongAddress) << "write" << 0 << int(M::CeMalformedReply) << bound
-                                               << out + bad + "write echo names address 4, expected 3";
-    QTest::newRow("write echo, other value") << int(F::WrongValue) << "write" << 0 << int(M::CeMalformedReply) << bound
-                                             << out + bad + "write echo carries value 65281, expected 65280";
-    QTest::newRow("exception") << int(F::Exception) << "write" << 0 << int(M::CeModbusException) << bound
-                               << out + "Modbus exception 6 (server device busy)";
-    QTest::newRow("silent") << int(F::Silent) << "read" << 0 << int(M::CeTimeout) << bound << in + "no answer within 400 ms";
-    QTest::newRow("answer after the time-out") << int(F::Slow) << "read" << TimeoutMs + 100 << int(M::CeTimeout) << bound
-                                               << in + "no answer within 400 ms";
-    QTest::newRow("slow but in time, queued behind two others") << int(F::Slow) << "queued" << TimeoutMs - 150
-                                                                 << int(M::CeNoError) << 3 * TimeoutMs + 1000 << "";
-    QTest::newRow("dropped mid-request") << int(F::Drop) << "write" << 0 << int(M::CeNoConnection) << bound << out + "connection to 127.0.0.1:";
-    QTest::newRow("no server") << Restart << "read" << 0 << int(M::CeNoConnection) << bound << in + "cannot connect to 127.0.0.1:";
-    QTest::newRow("listen: truncated frame") << int(F::Truncated) << "listen" << 0 << int(M::CeMalformedReply) << bound
-                                             << in + bad + "only 8 bytes within 400 ms";
-    QTest::newRow("listen: silent") << int(F::Silent) << "listen" << 0 << int(M::CeTimeout) << bound << in + "no answer within 400 ms";
-    QTest::newRow("listen: restart") << Restart << "listen" << 0 << int(M::CeNoConnection) << bound << in + "cannot connect to 127.0.0.1:";
-}
+    Q_OBJECT
+    QPluginLoader m_loader;
+    DAbstractDriver *m_root = nullptr;
+    QScopedPointer<E1212Simulator> m_sim;
+    QList<DAbstractDriver *> m_drivers;
+    unsigned long long m_nextId = 1;
 
-// Each fault ends with its code within its bound; once the server answers right again the
-// next request gets its own answer and a listen reports again (having told the outage once).
-void TstModbusDriver::faults()
-{
-    QFETCH(int, fault);
-    QFETCH(QString, instruction);
-    QFETCH(int, delayMs);
-    QFETCH(int, code);
-    QFETCH(int, boundMs);
-    QFETCH(QString, text);
-    ModbusFaultServer server;
-    QVERIFY(server.start());
-    DAbstractDriver *driver = newDriver({{"port", server.port()}, {"pollIntervalMs", 20}});
-    QVERIFY(driver);
-    const QVariantMap read = params("discreteInputs", 2);
-    const QVariantMap write = params("coilsRegister", 3, "data", 1);
-    const Reply zero{{QStringLiteral("values"), QVariantList{0u}}};
-    QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    if (instruction == QLatin1String("listen")) {
-        driver->startInstruction(m_nextId++, instruction, read, TimeoutMs);
-        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
+    DAbstractDriver *newDriver(QVariantMap settings, QString *error = nullptr)
+    {
+        if (!settings.contains(QStringLiteral("port")))
+            settings.insert(QStringLiteral("port"), double(m_sim->port())); // as a JSON file gives it
+        auto *driver = dynamic_cast<DAbstractDriver *>(m_root->createInstance(QUuid::createUuid()));
+        m_drivers.append(driver);
+        return driver && driver->configureConnection(settings, error) ? driver : nullptr;
     }
 
-    QElapsedTimer clock;
-    clock.start();
-    if (fault == Restart)
-        server.stop();
-    else
-        server.setFault(ModbusFaultServer::Fault(fault), delayMs);
-    Reply reply;
-    if (instruction == QLatin1String("listen")) {
-        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 2, boundMs + 500);
-        QVERIFY(!spy.at(1).at(2).toBool());
-        reply = spy.at(1).at(1).value<Reply>();
-    } else if (instruction == QLatin1String("queued")) {
-        for (int i = 0; i < 3; ++i)
-            driver->startInstruction(m_nextId++, QStringLiteral("read"), read, TimeoutMs);
-        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 3, boundMs + 500);
+    // Starts `instruction` and waits for its one final reply.
+    Reply run(DAbstractDriver *driver, const QString &instruction, const QVariantMap &parameters,
+              int timeoutMs = 1000, int waitMs = 5000)
+    {
+        QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
+        const unsigned long long id = m_nextId++;
+        driver->startInstruction(id, instruction, parameters, timeoutMs);
+        // Never answered from inside startInstruction.
+        if (!spy.isEmpty())
+            return {{QStringLiteral("error"), QStringLiteral("TEST: replied synchronously")}};
+        if (!spy.wait(waitMs))
+            return {{QStringLiteral("error"), QStringLiteral("TEST: no reply")}};
+        if (spy.size() != 1 || spy.at(0).at(0).toULongLong() != id || !spy.at(0).at(2).toBool())
+            return {{QStringLiteral("error"), QStringLiteral("TEST: unexpected reply shape")}};
+        return spy.at(0).at(1).value<Reply>();
+    }
+
+private slots:
+    void initTestCase()
+    {
+        m_loader.setFileName(QStringLiteral(E1212_PLUGIN_DIR "/libmodbus_tcp_driver.so"));
+        QVERIFY2(m_loader.load(), qPrintable(m_loader.errorString()));
+        m_root = qobject_cast<DAbstractDriver *>(m_loader.instance());
+        QVERIFY(m_root);
+        QLoggingCategory::setFilterRules(QStringLiteral("e1212.modbus.warning=false"));
+    }
+
+    void init()
+    {
+        m_sim.reset(new E1212Simulator);
+        QString error;
+        QVERIFY2(m_sim->start(QHostAddress::LocalHost, 0, &error), qPrintable(error));
+    }
+
+    void cleanup() { qDeleteAll(m_drivers), m_drivers.clear(), m_sim.reset(); }
+
+    void badSettings_data()
+    {
+        QTest::addColumn<QVariantMap>("settings");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("port 0") << QVariantMap{{"port", 0}} << "connection/port: 0 is not a whole number from 1 to 65535";
+        QTest::newRow("empty host") << QVariantMap{{"host", ""}} << "connection/host: expected a host name";
+        QTest::newRow("unit 256") << QVariantMap{{"unitId", 256}} << "connection/unitId: 256 is not a whole number from 0 to 255";
+        QTest::newRow("time-out 0") << QVariantMap{{"timeoutMs", 0}} << "connection/timeoutMs: 0 is not a whole number from 1 to 3600000";
+        QTest::newRow("fraction") << QVariantMap{{"pollIntervalMs", 1.5}} << "connection/pollIntervalMs: 1.5 is not a whole number";
+        QTest::newRow("typo") << QVariantMap{{"timeoutms", 100}} << "connection/timeoutms: unknown key";
+    }
+
+    void badSettings()
+    {
+        QFETCH(QVariantMap, settings);
+        QFETCH(QString, expected);
+        QString error;
+        QVERIFY(!newDriver(settings, &error));
+        QVERIFY2(error.startsWith(expected), qPrintable(error));
+        // Left unconfigured, the instance refuses every instruction.
+        const Reply reply = run(m_drivers.last(), QStringLiteral("read"), params("coilsRegister", 0));
+        QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("no connection configured for this driver instance"));
+        QCOMPARE(DError::fromReply(reply).code, IMessenger::CeNoConnection);
+    }
+
+    void readAndWriteEachTable_data()
+    {
+        QTest::addColumn<QString>("type");
+        QTest::addColumn<int>("reg");
+        QTest::addColumn<QVariant>("data"); // invalid: read only
+        QTest::addColumn<QVariantList>("expected");
+        QTest::newRow("FC2 discrete inputs") << "discreteInputs" << 0 << QVariant() << QVariantList{0u, 0u, 1u, 0u, 0u, 0u, 0u, 1u};
+        QTest::newRow("FC3 pulse off-widths") << "holdingRegisters" << 512 << QVariant() << QVector<QVariant>(8, 1u).toList();
+        QTest::newRow("FC4 model name") << "inputRegisters" << 5000 << QVariant() << QVariantList{0x4531u, 0x3231u, 0x3200u};
+        QTest::newRow("FC5 one coil, non-zero is ON") << "coilsRegister" << 3 << QVariant(7) << QVariantList{0u, 0u, 0u, 1u, 0u};
+        QTest::newRow("FC15 a byte of coils") << "coilsRegister" << 0 << QVariant(QVariantList{1, 1, 0, 0, 0, 0, 0, 1}) << QVariantList{1u, 1u, 0u, 0u, 0u, 0u, 0u, 1u};
+        QTest::newRow("FC6 one register") << "holdingRegisters" << 257 << QVariant(65535) << QVariantList{1u, 65535u, 1u};
+        QTest::newRow("FC16 register list") << "holdingRegisters" << 256 << QVariant(QVariantList{500, 250.0, "7"}) << QVariantList{500u, 250u, 7u};
+    }
+
+    void readAndWriteEachTable()
+    {
+        QFETCH(QString, type);
+        QFETCH(int, reg);
+        QFETCH(QVariant, data);
+        QFETCH(QVariantList, expected);
+        m_sim->setInput(2, true);
+        m_sim->setInput(7, true);
+        DAbstractDriver *driver = newDriver({});
+        QVERIFY(driver);
+        int readFrom = reg;
+        if (data.isValid()) {
+            QCOMPARE(run(driver, QStringLiteral("write"), params(type, reg, "data", data)), values({1u}));
+            readFrom = type == QLatin1String("coilsRegister") ? 0 : 256;
+        }
+        QCOMPARE(run(driver, QStringLiteral("read"), params(type, readFrom, "dataSize", expected.size())), values(expected));
+    }
+
+    void badInstruction_data()
+    {
+        QTest::addColumn<QString>("instruction");
+        QTest::addColumn<QVariantMap>("parameters");
+        QTest::addColumn<QString>("expected"); // after "device <address> (unit 1), "
+        const auto row = [](const char *name, const char *instruction, const QVariantMap &parameters, const QString &expected) {
+            QTest::newRow(name) << QString::fromLatin1(instruction) << parameters << expected;
+        };
+        row("type in other case", "read", params("CoilsRegister", 3), "CoilsRegister register 3: unknown register type "
+            "\"CoilsRegister\" (expected coilsRegister, discreteInputs, inputRegisters or holdingRegisters)");
+        row("write read-only inputs", "write", params("discreteInputs", 2, "data", 1), "discreteInputs register 2: discreteInputs is read-only, it cannot be written");
+        row("no register", "read", {{"registerType", "coilsRegister"}}, "coilsRegister register (none): no \"register\" given");
+        row("unreduced sum 65537", "write", params("holdingRegisters", 65537, "data", 1), "holdingRegisters register 65537: address 65537 is outside 0-65535");
+        row("run past 65535", "read", params("holdingRegisters", 65535, "dataSize", 2),
+            "holdingRegisters register 65535: 2 addresses from 65535 run past the end of the table (last address 65535)");
+        row("too many registers", "read", params("inputRegisters", 0, "dataSize", 126), "inputRegisters register 0: 126 values to read in one request, at most 125 allowed");
+        row("too many bits", "read", params("coilsRegister", 0, "dataSize", 65535), "coilsRegister register 0: 65535 values to read in one request, at most 2000 allowed");
+        row("too many coils", "write", params("coilsRegister", 0, "data", QVector<QVariant>(1969, 1).toList()),
+            "coilsRegister register 0: 1969 values to write in one request, at most 1968 allowed");
+        row("value too big", "write", params("holdingRegisters", 256, "data", 70000),
+            "holdingRegisters register 256: data value \"70000\" for address 256 is not a number from 0 to 65535");
+        row("unknown instruction", "poke", params("coilsRegister", 0), "unknown instruction \"poke\" (expected read, write or listen)");
+    }
+
+    void badInstruction()
+    {
+        QFETCH(QString, instruction);
+        QFETCH(QVariantMap, parameters);
+        QFETCH(QString, expected);
+        DAbstractDriver *driver = newDriver({});
+        QVERIFY(driver);
+        const Reply reply = run(driver, instruction, parameters);
+        QCOMPARE(DError::fromReply(reply).code, IMessenger::CeBadInstruction);
+        QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("device 127.0.0.1:%1 (unit 1), %2").arg(m_sim->port()).arg(expected));
+        QCOMPARE(m_sim->connectionCount(), 0); // nothing was sent
+    }
+
+    void faults_data()
+    {
+        QTest::addColumn<int>("fault");
+        QTest::addColumn<QString>("instruction"); // "queued": three reads at once
+        QTest::addColumn<int>("code");            // what the caller sees
+        QTest::addColumn<int>("boundMs");         // at most, from the fault to that reply
+        QTest::addColumn<QString>("text");        // how the error goes on after "device <address> (unit 1), <register>: "
+        using F = ModbusFaultServer;
+        const auto row = [](const char *name, int fault, const char *instruction, int code, const QString &text,
+                            int boundMs = TimeoutMs + 1000) {
+            QTest::newRow(name) << fault << QString::fromLatin1(instruction) << code << boundMs << text;
+        };
+        const int bad = IMessenger::CeMalformedReply, timeout = IMessenger::CeTimeout, lost = IMessenger::CeNoConnection;
+        const QString malformed = QStringLiteral("malformed reply: "), late = QStringLiteral("no answer within 400 ms");
+        row("truncated frame", F::Truncated, "read", bad, malformed + "only 8 bytes within 400 ms");
+        row("length 0", F::LengthZero, "read", bad, malformed + "length field 0, expected 3 to 254");
+        row("length 0xFFFF", F::LengthMax, "read", bad, malformed + "length field 65535, expected 3 to 254");
+        row("random bytes", F::RandomBytes, "read", bad, malformed);
+        row("bytes after the answer", F::TrailingBytes, "read", bad, malformed + "3 bytes after a frame whose length field is 4");
+        row("wrong transaction id", F::WrongTransaction, "read", bad, malformed + "transaction id 2, expected 1");
+        row("wrong unit id", F::WrongUnit, "read", bad, malformed + "unit id 2, expected 1");
+        row("protocol id 1", F::ProtocolOne, "read", bad, malformed + "protocol id 1, expected 0");
+        row("sister function code, read", F::SisterFunction, "read", bad, malformed + "function code 1, expected 2");
+        row("sister function code, write", F::SisterFunction, "write", bad, malformed + "function code 6, expected 5");
+        row("write echo, other address", F::WrongAddress, "write", bad, malformed + "write echo names address 4, expected 3");
+        row("write echo, other value", F::WrongValue, "write", bad, malformed + "write echo carries value 65281, expected 65280");
+        row("exception", F::Exception, "write", IMessenger::CeModbusException, "Modbus exception 6 (server device busy)");
+        row("silent", F::Silent, "read", timeout, late);
+        row("answer after the time-out", F::Slow, "read", timeout, late);
+        row("slow but in time, queued behind two others", F::Slow, "queued", IMessenger::CeNoError, {}, 3 * TimeoutMs + 1000);
+        row("dropped mid-request", F::Drop, "write", lost, "connection to 127.0.0.1:");
+        row("no server", Restart, "read", lost, "cannot connect to 127.0.0.1:");
+        row("listen: truncated frame", F::Truncated, "listen", bad, malformed + "only 8 bytes within 400 ms");
+        row("listen: silent", F::Silent, "listen", timeout, late);
+        row("listen: restart", Restart, "listen", lost, "cannot connect to 127.0.0.1:");
+    }
+
+    // Each fault ends with its code within its bound; once the server answers right again the
+    // next request gets its own answer and a listen reports again (having told the outage once).
+    void faults()
+    {
+        QFETCH(int, fault);
+        QFETCH(QString, instruction);
+        QFETCH(int, code);
+        QFETCH(int, boundMs);
+        QFETCH(QString, text);
+        const bool listen = instruction == QLatin1String("listen"), queued = instruction == QLatin1String("queued");
+        ModbusFaultServer server;
+        QVERIFY(server.start());
+        const quint16 port = server.serverPort();
+        DAbstractDriver *driver = newDriver({{"port", port}, {"pollIntervalMs", 20}});
+        QVERIFY(driver);
+        const QVariantMap read = params("discreteInputs", 2);
+        QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
+        if (listen) {
+            driver->startInstruction(m_nextId++, instruction, read, TimeoutMs);
+            QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
+        }
+
+        QElapsedTimer clock;
+        clock.start();
+        // A slow answer comes after the time-out, or in time for each of three queued reads.
+        fault == Restart ? server.stop() : server.setFault(ModbusFaultServer::Fault(fault), queued ? TimeoutMs - 150 : TimeoutMs + 100);
+        Reply reply;
+        if (listen || queued) {
+            for (int i = 0; queued && i < 3; ++i)
+                driver->startInstruction(m_nextId++, QStringLiteral("read"), read, TimeoutMs);
+            QTRY_COMPARE_WITH_TIMEOUT(spy.size(), listen ? 2 : 3, boundMs + 500);
+            for (int i = 0; queued && i < 3; ++i)
+                QCOMPARE(spy.at(i).at(1).value<Reply>(), values({0u}));
+            QCOMPARE(spy.last().at(2).toBool(), queued); // a listen's report of the outage is not its end
+            reply = spy.last().at(1).value<Reply>();
+        } else {
+            reply = run(driver, instruction, instruction == QLatin1String("read") ? read : params("coilsRegister", 3, "data", 1), TimeoutMs, boundMs + 500);
+        }
+        QVERIFY2(clock.elapsed() <= boundMs, qPrintable(QString::number(clock.elapsed())));
+        const DError error = DError::fromReply(reply);
+        QVERIFY2(error.code == code && error.exceptionCode == (code == IMessenger::CeModbusException ? 6 : 0), qPrintable(error.text));
+        const QString where = instruction == QLatin1String("write") ? "coilsRegister register 3" : "discreteInputs register 2";
+        QVERIFY2(code == IMessenger::CeNoError || error.text.startsWith(QStringLiteral("device 127.0.0.1:%1 (unit 1), %2: %3").arg(port).arg(where, text)),
+                 qPrintable(error.text));
+
+        if (fault == Restart)
+            QVERIFY(server.start(port));
+        // The next request is still out when any late byte of the broken exchange comes.
+        server.setFault(ModbusFaultServer::Slow, TimeoutMs / 2 + 50);
+        if (listen) // resumes within the longest back-off and one poll
+            QTRY_COMPARE_WITH_TIMEOUT(spy.size() > 2 ? spy.at(2).at(1).value<Reply>() : Reply(), values({0u}), 2000 + TimeoutMs + 1000);
+        else
+            QCOMPARE(run(driver, QStringLiteral("read"), read, TimeoutMs), values({0u}));
+    }
+
+    void sixteenListensShareTwoReads()
+    {
+        const int interval = 40;
+        DAbstractDriver *driver = newDriver({{"pollIntervalMs", interval}});
+        QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
+        m_sim->setInput(3, true);
+        for (int i = 0; i < 16; ++i) // DI0-DI7, the pulse status of DO0-DO7
+            driver->startInstruction(100 + i, QStringLiteral("listen"),
+                                     params(i < 8 ? "discreteInputs" : "coilsRegister", i < 8 ? i : i + 8), 1000);
+        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 16, 2000);
         for (const QList<QVariant> &each : qAsConst(spy))
-            QCOMPARE(each.at(1).value<Reply>(), zero);
-        reply = spy.at(2).at(1).value<Reply>();
-    } else {
-        reply = run(driver, instruction, instruction == QLatin1String("read") ? read : write, TimeoutMs, boundMs + 500);
+            QCOMPARE(each.at(1).value<Reply>(), values({each.at(0).toULongLong() == 103 ? 1u : 0u}));
+
+        // At most two requests per interval: twenty requests take at least ten intervals.
+        const int before = m_sim->requestCount();
+        QElapsedTimer clock;
+        clock.start();
+        QTRY_VERIFY_WITH_TIMEOUT(m_sim->requestCount() >= before + 20, 5000);
+        QVERIFY2(clock.elapsed() >= 9 * interval, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(spy.size(), 16);
+
+        // A change goes to its own listener; a stopped one hears nothing more.
+        driver->stopInstruction(105);
+        m_sim->setInput(5, true);
+        m_sim->setInput(6, true);
+        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 17, 2000);
+        QCOMPARE(spy.at(16).at(0).toULongLong(), 106ull);
+
+        // An exception at one address is that listener's alone; its neighbours go on.
+        m_sim->setException(QModbusDataUnit::DiscreteInputs, 4, QModbusPdu::ServerDeviceBusy);
+        m_sim->setInput(7, true);
+        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 19, 2000);
+        QCOMPARE(spy.at(17).at(0).toULongLong(), 104ull);
+        QCOMPARE(DError::fromReply(spy.at(17).at(1).value<Reply>()).exceptionCode, 6);
+        QCOMPARE(spy.at(18).at(0).toULongLong(), 107ull);
+        QCOMPARE(spy.at(18).at(1).value<Reply>(), values({1u}));
     }
-    QVERIFY2(clock.elapsed() <= boundMs, qPrintable(QString::number(clock.elapsed())));
-    const DError error = DError::fromReply(reply);
-    QVERIFY2(error.code == code, qPrintable(error.text));
-    QCOMPARE(error.exceptionCode, code == IMessenger::CeModbusException ? 6 : 0);
-    if (code != IMessenger::CeNoError)
-        QVERIFY2(error.text.startsWith(QStringLiteral("device 127.0.0.1:%1 (unit 1), %2").arg(server.port()).arg(text)), qPrintable(error.text));
 
-    if (fault == Restart)
-        QVERIFY(server.start(server.port()));
-    // The next request is still out when any late byte of the broken exchange comes.
-    server.setFault(ModbusFaultServer::Slow, TimeoutMs / 2 + 50);
-    if (instruction == QLatin1String("listen")) {
-        const int resumeMs = 2000 + TimeoutMs + 1000; // longest back-off, then one poll
-        QTRY_VERIFY_WITH_TIMEOUT(spy.size() >= 3, resumeMs);
-        QCOMPARE(spy.at(2).at(1).value<Reply>(), zero);
-    } else {
-        QCOMPARE(run(driver, QStringLiteral("read"), read, TimeoutMs), zero);
+    void stopWithdrawsQueuedRead()
+    {
+        DAbstractDriver *driver = newDriver({});
+        QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
+        driver->startInstruction(1, QStringLiteral("read"), params("coilsRegister", 0), 1000);
+        driver->startInstruction(2, QStringLiteral("read"), params("coilsRegister", 1), 1000);
+        driver->startInstruction(3, QStringLiteral("read"), params("bogus", 1), 1000);
+        driver->stopInstruction(2);
+        driver->stopInstruction(3);
+        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
+        QTest::qWait(100); // nothing more may come for the stopped ones
+        QCOMPARE(spy.size(), 1);
+        QCOMPARE(spy.at(0).at(0).toULongLong(), 1ull);
     }
-}
 
-void TstModbusDriver::sixteenListensShareTwoReads()
-{
-    const int interval = 40;
-    DAbstractDriver *driver = newDriver({{"pollIntervalMs", interval}});
-    QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    m_sim->setInput(3, true);
-    for (int i = 0; i < 16; ++i) // DI0-DI7, the pulse status of DO0-DO7
-        driver->startInstruction(100 + i, QStringLiteral("listen"),
-                                 params(i < 8 ? "discreteInputs" : "coilsRegister", i < 8 ? i : i + 8), 1000);
-    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 16, 2000);
-    for (const QList<QVariant> &each : qAsConst(spy))
-        QCOMPARE(each.at(1).value<Reply>(),
-                 (Reply{{QStringLiteral("values"), QVariantList{each.at(0).toULongLong() == 103 ? 1u : 0u}}}));
+    void unansweredConnect()
+    {
+        // A listening socket whose accept queue is full leaves the next handshake unanswered.
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t size = sizeof address;
+        QVERIFY(::bind(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 && ::listen(fd, 0) == 0
+                && ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0);
+        const quint16 port = ntohs(address.sin_port);
+        QTcpSocket filler;
+        filler.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(filler.waitForConnected(1000));
+        const Reply reply = run(newDriver({{"port", port}}), QStringLiteral("read"), params("discreteInputs", 2), 300);
+        ::close(fd);
+        QCOMPARE(DError::fromReply(reply).code, IMessenger::CeTimeout);
+        QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("device 127.0.0.1:%1 (unit 1), discreteInputs register 2: "
+                                                                                 "cannot connect to 127.0.0.1:%1: no connection within 300 ms").arg(port));
+    }
 
-    // At most two requests per interval: twenty requests take at least ten intervals.
-    const int before = m_sim->requestCount();
-    QElapsedTimer clock;
-    clock.start();
-    QTRY_VERIFY_WITH_TIMEOUT(m_sim->requestCount() >= before + 20, 5000);
-    QVERIFY2(clock.elapsed() >= 9 * interval, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(spy.size(), 16);
+    void unsolicitedBytesReopen()
+    {
+        ModbusFaultServer server;
+        QVERIFY(server.start());
+        DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
+        server.setFault(ModbusFaultServer::Unsolicited, 50);
+        QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
+        // The copy comes while nothing is asked: that connection is dropped, the next request opens a new one.
+        QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
+        server.setFault(ModbusFaultServer::None);
+        QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
+    }
 
-    // A change goes to its own listener; a stopped one hears nothing more.
-    driver->stopInstruction(105);
-    m_sim->setInput(5, true);
-    m_sim->setInput(6, true);
-    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 17, 2000);
-    QCOMPARE(spy.at(16).at(0).toULongLong(), 106ull);
+    // The simulator's own faults, as the driver meets them.
+    void simulatorExceptionsAndDrops()
+    {
+        DAbstractDriver *driver = newDriver({});
+        const auto failure = [&](const QString &instruction, const QVariantMap &parameters) {
+            const DError error = DError::fromReply(run(driver, instruction, parameters));
+            return qMakePair(int(error.code), error.exceptionCode);
+        };
+        const QPair<int, int> deviceFailure(IMessenger::CeModbusException, 4);
+        QCOMPARE(failure("read", params("discreteInputs", 8)), qMakePair(int(IMessenger::CeModbusException), 2)); // off the map
+        m_sim->setException(QModbusDataUnit::Coils, 19, QModbusPdu::ServerDeviceFailure);
+        QCOMPARE(failure("read", params("coilsRegister", 16, "dataSize", 8)), deviceFailure);
+        QCOMPARE(failure("write", params("coilsRegister", 19, "data", 1)), deviceFailure);
+        QCOMPARE(run(driver, "read", params("coilsRegister", 16, "dataSize", 3)), values({0u, 0u, 0u}));
+        m_sim->clearExceptions();
+        QCOMPARE(run(driver, "read", params("coilsRegister", 19)), values({0u})); // the write changed nothing
 
-    // An exception at one address is that listener's alone; its neighbours go on.
-    m_sim->setException(QModbusDataUnit::DiscreteInputs, 4, QModbusPdu::ServerDeviceBusy);
-    m_sim->setInput(7, true);
-    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 19, 2000);
-    QCOMPARE(spy.at(17).at(0).toULongLong(), 104ull);
-    QCOMPARE(DError::fromReply(spy.at(17).at(1).value<Reply>()).exceptionCode, 6);
-    QCOMPARE(spy.at(18).at(0).toULongLong(), 107ull);
-    QCOMPARE(spy.at(18).at(1).value<Reply>(), (Reply{{QStringLiteral("values"), QVariantList{1u}}}));
-}
+        m_sim->setDropOnRequest(true);
+        QCOMPARE(failure("read", params("coilsRegister", 0)).first, int(IMessenger::CeNoConnection));
+        QCOMPARE(m_sim->connectionCount(), 0);
+        m_sim->setDropOnRequest(false);
+        QCOMPARE(run(driver, "read", params("coilsRegister", 19)), values({0u}));
+        QSignalSpy count(m_sim.data(), &E1212Simulator::connectionCountChanged);
+        m_sim->dropConnections();
+        QCOMPARE(m_sim->connectionCount(), 0);
+        QCOMPARE(count.size(), 1);
 
-void TstModbusDriver::stopWithdrawsQueuedRead()
-{
-    DAbstractDriver *driver = newDriver({});
-    QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-    driver->startInstruction(1, QStringLiteral("read"), params("coilsRegister", 0), 1000);
-    driver->startInstruction(2, QStringLiteral("read"), params("coilsRegister", 1), 1000);
-    driver->startInstruction(3, QStringLiteral("read"), params("bogus", 1), 1000);
-    driver->stopInstruction(2);
-    driver->stopInstruction(3);
-    QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
-    QTest::qWait(100); // nothing more may come for the stopped ones
-    QCOMPARE(spy.size(), 1);
-    QCOMPARE(spy.at(0).at(0).toULongLong(), 1ull);
-}
+        E1212Simulator second;
+        QString error;
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot listen")));
+        QVERIFY(!second.start(QHostAddress::LocalHost, m_sim->port(), &error));
+        QVERIFY2(error.startsWith(QStringLiteral("cannot listen on 127.0.0.1:%1").arg(m_sim->port())), qPrintable(error));
+        QCOMPARE(second.errorString(), error);
+        QCOMPARE(second.state(), E1212Simulator::Stopped);
+    }
 
-void TstModbusDriver::unansweredConnect()
-{
-    // A listening socket whose accept queue is full leaves the next handshake unanswered.
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    QVERIFY(::bind(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 && ::listen(fd, 0) == 0
-            && ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0);
-    const quint16 port = ntohs(address.sin_port);
-    QTcpSocket filler;
-    filler.connectToHost(QHostAddress::LocalHost, port);
-    QVERIFY(filler.waitForConnected(1000));
-    const Reply reply = run(newDriver({{"port", port}}), QStringLiteral("read"), params("discreteInputs", 2), 300);
-    ::close(fd);
-    QCOMPARE(DError::fromReply(reply).code, IMessenger::CeTimeout);
-    QCOMPARE(reply.value(QStringLiteral("error")).toString(), QStringLiteral("device 127.0.0.1:%1 (unit 1), discreteInputs register 2: "
-                                                                             "cannot connect to 127.0.0.1:%1: no connection within 300 ms").arg(port));
-}
-
-void TstModbusDriver::unsolicitedBytesReopen()
-{
-    ModbusFaultServer server;
-    QVERIFY(server.start());
-    DAbstractDriver *driver = newDriver({{"port", server.port()}});
-    const QVariantMap read = params("discreteInputs", 2);
-    const Reply zero{{QStringLiteral("values"), QVariantList{0u}}};
-    server.setFault(ModbusFaultServer::Unsolicited, 50);
-    QCOMPARE(run(driver, QStringLiteral("read"), read), zero);
-    // The copy comes while nothing is asked: that connection is dropped, the next request opens a new one.
-    QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
-    server.setFault(ModbusFaultServer::None);
-    QCOMPARE(run(driver, QStringLiteral("read"), read), zero);
-}
+    // A pulse written through the driver: on first, then alternating, each phase lasting its width.
+    void simulatorPulseGenerator()
+    {
+        const int onMs = 40, offMs = 80;
+        DAbstractDriver *driver = newDriver({});
+        const Reply written = values({1u});
+        QCOMPARE(run(driver, "write", params("holdingRegisters", 256 + 5, "data", onMs)), written);
+        QCOMPARE(run(driver, "write", params("holdingRegisters", 512 + 5, "data", offMs)), written);
+        QElapsedTimer clock;
+        QVector<qint64> at;
+        QVector<bool> on;
+        connect(m_sim.data(), &E1212Simulator::outputChanged, this, [&](int channel, bool state) {
+            at.append(channel == 5 ? clock.elapsed() : -1000), on.append(state);
+        });
+        clock.start();
+        QCOMPARE(run(driver, "write", params("coilsRegister", 16 + 5, "data", 1)), written);
+        QVERIFY(m_sim->pulseStatus(5));
+        QTRY_VERIFY_WITH_TIMEOUT(at.size() >= 7, 5000);
+        for (int i = 1; i < 7; ++i) {
+            const qint64 width = at.at(i) - at.at(i - 1), expected = i % 2 ? onMs : offMs;
+            QVERIFY2(on.at(i - 1) == (i % 2 == 1) && on.at(i) != on.at(i - 1) && width >= expected - 2 && width <= expected + 40,
+                     qPrintable(QStringLiteral("phase %1 lasted %2 ms, expected %3").arg(i).arg(width).arg(expected)));
+        }
+    }
+};
 
 QTEST_GUILESS_MAIN(TstModbusDriver)
 #include "tst_modbusdriver.moc"
