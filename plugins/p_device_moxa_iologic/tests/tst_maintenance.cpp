@@ -274,6 +274,7 @@ void TstMaintenance::faultShownAtEverySize()
     QCOMPARE(tileText(QStringLiteral("DI1"), QStringLiteral("label")), QStringLiteral("Digital input 1"));
     QVERIFY(!findItem(m_view->rootObject(), QStringLiteral("errorText"))->isVisible());
 }
+
 void TstMaintenance::screenshot()
 {
     // Outputs DO1 and DO4 on, DO6 blinking, inputs DI0 and DI5 on: the pictures in the README.
@@ -285,17 +286,13 @@ void TstMaintenance::screenshot()
     m_simulator.setPulseStatus(6, true);
     m_simulator.setInput(0, true);
     m_simulator.setInput(5, true);
-    for (const QString &id : {QStringLiteral("DO1"), QStringLiteral("DO4"), QStringLiteral("DI0"), QStringLiteral("DI5")})
-        QTRY_COMPARE_WITH_TIMEOUT(tileText(id), QStringLiteral("ON"), c_waitMs);
-    QTRY_COMPARE_WITH_TIMEOUT(tileText(QStringLiteral("DO6")), QStringLiteral("blinking"), c_waitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(QStringList({tileText("DO1"), tileText("DO4"), tileText("DI0"), tileText("DI5"), tileText("DO6")}),
+                              QStringList({"ON", "ON", "ON", "ON", "blinking"}), c_waitMs);
     // The header names the module, the configured device and its address.
-    QTRY_COMPARE_WITH_TIMEOUT(text(QStringLiteral("modelName")), E1212Simulator::modelName(), c_waitMs);
-    QCOMPARE(QStringList({text(QStringLiteral("reference")), text(QStringLiteral("connection")), text(QStringLiteral("firmware")),
-                          text(QStringLiteral("mac"))}),
-             QStringList({QStringLiteral("Moxa E1212 io1"), QStringLiteral("127.0.0.1:%1").arg(m_port),
-                          E1212Simulator::firmwareVersion(), E1212Simulator::macAddress()}));
+    QTRY_COMPARE_WITH_TIMEOUT(QStringList({text("modelName"), text("reference"), text("connection"), text("firmware"), text("mac")}),
+                              QStringList({E1212Simulator::modelName(), "Moxa E1212 io1", QStringLiteral("127.0.0.1:%1").arg(m_port),
+                                           E1212Simulator::firmwareVersion(), E1212Simulator::macAddress()}), c_waitMs);
     QTest::mouseMove(m_view.data(), QPoint(1, 1)); // no hover frame in the picture
-
     const QString target = qEnvironmentVariable("E1212_PANEL_SCREENSHOT"); // docs/maintenance-panel.png
     for (const QSize &size : {QSize(800, 480), QSize(1920, 1080)}) {
         m_view->resize(size);
@@ -304,12 +301,8 @@ void TstMaintenance::screenshot()
         const QSharedPointer<QQuickItemGrabResult> grab = m_view->rootObject()->grabToImage();
         QSignalSpy ready(grab.data(), &QQuickItemGrabResult::ready);
         QVERIFY(ready.wait(c_waitMs));
-        QCOMPARE(grab->image().size(), size);
-        // An "on" output tile is drawn in its own colour, not the background's.
-        QQuickItem *on = tile(QStringLiteral("DO1"));
-        QVERIFY(grab->image().pixelColor(on->mapToScene(QPointF(on->width() / 2, 6)).toPoint()) != grab->image().pixelColor(2, 2));
         const QString file = size.width() == 800 ? target : QString(target).replace(QStringLiteral(".png"), QStringLiteral("-1920x1080.png"));
-        QVERIFY2(target.isEmpty() || grab->image().save(file), qPrintable(file));
+        QVERIFY2(grab->image().size() == size && (target.isEmpty() || grab->image().save(file)), qPrintable(file));
     }
     // A click turns an output off again, a blinking one included.
     click(QStringLiteral("DO1"));
@@ -377,9 +370,10 @@ void TstMaintenance::recorded()
     QFETCH(QVariantList, steps);
     bench::Device device(table());
     QQmlComponent component(&m_engine);
-    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic { connectionPath: \"10.0.0.9:502\" }\n", QUrl());
+    // Both QML types come with the plug-in.
+    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic { connectionPath: \"10.0.0.9:502\"; property var channel: DMoxaChannel {} }\n", QUrl());
     QScopedPointer<QObject> backend(component.create());
-    QVERIFY2(backend, qPrintable(component.errorString()));
+    QVERIFY2(backend && backend->property("channel").value<QObject *>()->inherits("DMoxaChannel"), qPrintable(component.errorString()));
     backend->setProperty("device", QVariant::fromValue<QObject *>(device.plugin.get()));
     QVERIFY(QMetaObject::invokeMethod(backend.data(), "initBackend"));
     auto *hooks = qobject_cast<DAbstractPluginBackend *>(backend.data());
@@ -399,42 +393,38 @@ void TstMaintenance::recorded()
     int lines = 0;
     for (const QVariant &s : qAsConst(steps)) {
         const QVariantList step = s.toList();
-        const QString kind = step.at(0).toString(), command = step.value(1).toString();
+        const QString command = step.value(1).toString();
+        const auto is = [&step](const char *kind) { return step.at(0).toString() == QLatin1String(kind); };
         unsigned long long id = 0; // the latest run of `command` on the step's channel
         for (const TestMessenger::Run &run : runs)
             id = run.command == command && run.arguments.value("channel").toString() == step.value(2).toString() ? run.id : id;
-        if (kind == QLatin1String("report") || kind == QLatin1String("answer")) {
+        bool taken = !step.value(3).toBool();
+        if (is("report") || is("answer")) {
             const QString name = command == QLatin1String("setValue") ? QStringLiteral("doneOk") : QStringLiteral("values");
             hooks->commandResultChanged(id, command, name, step.at(3));
-            if (kind == QLatin1String("answer"))
+            if (is("answer"))
                 hooks->commandFinished(id, command, {{name, step.at(3)}});
-        } else if (kind == QLatin1String("fail")) {
+        } else if (is("fail")) {
             hooks->commandFailed(id, command, DError{IMessenger::EnErrorCode(step.at(3).toInt()), step.at(4).toInt(), "the host's own words"});
-        } else if (kind == QLatin1String("click") || kind == QLatin1String("detach")) {
-            // Detached from its plug-in, the back-end cannot start again.
-            bool taken = !step.value(3).toBool();
-            if (kind == QLatin1String("detach"))
-                backend->setProperty("device", QVariant::fromValue<QObject *>(nullptr));
-            if (kind == QLatin1String("detach"))
-                QMetaObject::invokeMethod(backend.data(), "initBackend", Q_RETURN_ARG(bool, taken));
-            else
-                QMetaObject::invokeMethod(backend.data(), "clickedOnChannel", Q_RETURN_ARG(bool, taken), Q_ARG(QString, step.at(2).toString()));
-            QCOMPARE(taken, step.value(3).toBool());
-        } else if (kind == QLatin1String("started") || kind == QLatin1String("stopped")) {
-            QCOMPARE(describe(kind == QLatin1String("started") ? initRuns : 0, kind == QLatin1String("stopped")), step.at(3).toStringList());
-        } else if (kind == QLatin1String("logged")) {
+        } else if (is("click")) {
+            QMetaObject::invokeMethod(backend.data(), "clickedOnChannel", Q_RETURN_ARG(bool, taken), Q_ARG(QString, step.at(2).toString()));
+            QCOMPARE(taken, step.at(3).toBool());
+        } else if (is("detach")) { // without its plug-in the back-end cannot start again
+            backend->setProperty("device", QVariant::fromValue<QObject *>(nullptr));
+            QVERIFY(QMetaObject::invokeMethod(backend.data(), "initBackend", Q_RETURN_ARG(bool, taken)) && !taken);
+        } else if (is("started") || is("stopped")) {
+            QCOMPARE(describe(is("started") ? initRuns : 0, is("stopped")), step.at(3).toStringList());
+        } else if (is("logged")) {
             QVERIFY2(lines < log.messages().size(), qPrintable(command));
             QString tail;
             QDebug(&tail) << qUtf8Printable(command) << step.at(2).toString();
             tail.chop(1);
             const QString why = bench::diagnosticMismatch(log.messages().at(lines++), backend.data(), "be_maintenance_plugin", -1, tail);
             QVERIFY2(why.isEmpty(), qPrintable(why));
-        } else if (step.at(3).type() == QVariant::StringList) {
-            QCOMPARE(backend->property(qPrintable(command)).toStringList(), step.at(3).toStringList());
-        } else if (step.at(3).type() == QVariant::Int) {
-            QCOMPARE(backend->property(qPrintable(command)).toInt(), step.at(3).toInt());
         } else {
-            QCOMPARE(backend->property(qPrintable(command)).toString(), step.at(3).toString());
+            QVariant actual = backend->property(qPrintable(command));
+            QVERIFY(actual.convert(step.at(3).userType()));
+            QCOMPARE(actual, step.at(3));
         }
     }
     QCOMPARE(log.messages().size(), lines);
