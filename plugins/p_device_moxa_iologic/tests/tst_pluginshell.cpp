@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The device plug-in as a host loads it: metadata, root instance, identity, virtual tables,
-// channel table selection, the declared commands, QML types and the embedded panel.
+// channel table selection and the declared commands (QML types and panel: tst_maintenance).
 #include "devicebench.h"
 #include "hostutils.h"
 
@@ -8,8 +8,6 @@
 #include <QCborStreamReader>
 #include <QCborValue>
 #include <QFile>
-#include <QQmlComponent>
-#include <QQmlEngine>
 #include <QSignalSpy>
 
 namespace {
@@ -55,7 +53,6 @@ private slots:
     void channelTable_data();
     void channelTable();
     void declarations();
-    void qmlAndPanel();
 };
 
 void TstPluginShell::metadata()
@@ -202,22 +199,6 @@ void TstPluginShell::declarations()
         "setValues: Return the mesured value on the GPIO pin", pulse[0], pulse[1], pulse[2], pulse[3],
         "setBlink: Return the mesured value on the GPIO pin", pulse[0], pulse[1], pulse[2], pulse[3],
         "listenEvents: Return the mesured value on the GPIO pin", "0 channel strg Channel name = QVariant(Invalid) ", "1 values vart " + interger}));
-}
-
-void TstPluginShell::qmlAndPanel()
-{
-    // Every construction registers the types again; that stays harmless.
-    delete bench::rootPlugin()->createInstance(QUuid());
-    QQmlEngine engine;
-    QQmlComponent component(&engine);
-    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nDMoxaChannel { property var backend: BeMaintenanceDeviceMoxaIoLogic {} }\n", QUrl());
-    QScopedPointer<QObject> channel(component.create());
-    QVERIFY2(channel, qPrintable(component.errorString()));
-    QVERIFY(channel->inherits("DMoxaChannel"));
-    QVERIFY(channel->property("backend").value<QObject *>()->inherits("BeMaintenanceDeviceMoxaIoLogic"));
-    QFile panel(QStringLiteral(":/{43ae4651-f855-42c1-81e2-c73130e79008}/maintenance_panel.qml"));
-    QVERIFY(panel.open(QIODevice::ReadOnly));
-    QVERIFY(panel.readAll().contains("import QtQuick"));
 }
 
 QTEST_MAIN(TstPluginShell)
