@@ -242,16 +242,32 @@ int main(int argc, char **argv)
         // Connections up and caches warm before anything is counted.
         runLoops(1, 200, full.issue(QStringLiteral("getValue")));
         runLoops(1, 200, bare.issue(1));
-        const Figures fullValue = runLoops(1, sequential, full.issue(QStringLiteral("getValue")));
-        const Figures bareValue = runLoops(1, sequential, bare.issue(1));
-        const Figures fullValues = runLoops(1, sequential, full.issue(QStringLiteral("getValues")));
-        const Figures bareValues = runLoops(1, sequential, bare.issue(8));
-        printRow("getValue full stack", 1, fullValue);
-        printRow("read 1 bit bare Qt", 1, bareValue);
-        printRow("getValues full stack", 1, fullValues);
-        printRow("read 8 bits bare Qt", 1, bareValues);
-        std::printf("ratio full/bare (medians): getValue %.2f, getValues %.2f\n\n", fullValue.medianUs / bareValue.medianUs,
-                    fullValues.medianUs / bareValues.medianUs);
+        // Rounds alternate the clients, so that a drift of the machine (frequency, other load)
+        // weighs on both alike; each figure is the median over the rounds.
+        constexpr int rounds = 7;
+        std::vector<Figures> figures[4];
+        for (int round = 0; round < rounds; ++round) {
+            figures[0].push_back(runLoops(1, sequential / rounds, full.issue(QStringLiteral("getValue"))));
+            figures[1].push_back(runLoops(1, sequential / rounds, bare.issue(1)));
+            figures[2].push_back(runLoops(1, sequential / rounds, full.issue(QStringLiteral("getValues"))));
+            figures[3].push_back(runLoops(1, sequential / rounds, bare.issue(8)));
+        }
+        const auto median = [](std::vector<Figures> runs, double Figures::*field) {
+            std::nth_element(runs.begin(), runs.begin() + rounds / 2, runs.end(),
+                             [field](const Figures &a, const Figures &b) { return a.*field < b.*field; });
+            return runs[rounds / 2].*field;
+        };
+        const char *names[4] = {"getValue full stack", "read 1 bit bare Qt", "getValues full stack", "read 8 bits bare Qt"};
+        Figures result[4];
+        for (int i = 0; i < 4; ++i) {
+            result[i] = figures[i].back();
+            result[i].medianUs = median(figures[i], &Figures::medianUs);
+            result[i].requestsPerSecond = median(figures[i], &Figures::requestsPerSecond);
+            result[i].cpuUsPerRequest = median(figures[i], &Figures::cpuUsPerRequest);
+            printRow(names[i], 1, result[i]);
+        }
+        std::printf("ratio full/bare (medians over %d alternating rounds): getValue %.2f, getValues %.2f\n\n", rounds,
+                    result[0].medianUs / result[1].medianUs, result[2].medianUs / result[3].medianUs);
     }
     double fullCpuOne = 0;
     double bareCpuOne = 0;
