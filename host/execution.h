@@ -48,9 +48,9 @@ signals:
     void stateChanged(Execution::State state);
     // Every result the command posts; for a listening command, one per report.
     void resultChanged(const QString &name, const QVariant &value);
-    // A listening execution's driver reported an error and goes on (an outage); the text
-    // names the command, the device and the driver's reason.
-    void errorReported(const QString &error);
+    // A listening execution's driver reported an error and goes on (an outage): the driver's
+    // code and exception number, and a text naming the command, the device and the reason.
+    void errorReported(const DError &error);
     // Emitted once, when the state becomes Succeeded, Failed or Stopped.
     void finished();
 

@@ -494,7 +494,7 @@ void Host::onDriverReply(unsigned long long id, const QVariantMap &reply, bool l
         } else if (!last && execution->isListening()) {
             // A listen outlives an outage: the driver goes on and reports again once it can.
             qCWarning(lcHost).noquote() << error;
-            emit execution->errorReported(error);
+            emit execution->errorReported(DError{driverError.code, driverError.exceptionCode, error});
         } else {
             finish(execution, Execution::Failed, driverError.code, error, driverError.exceptionCode);
         }

@@ -280,7 +280,7 @@ QString CtlSession::toText(const QVariant &value)
     return value.toString();
 }
 
-void CtlSession::watchListen(Execution *execution, int device, const QString &channel, int *events, QString *outage)
+void CtlSession::watchListen(Execution *execution, int device, const QString &channel, int *events, DError *outage)
 {
     const QString reference = config(device).reference;
     const int line = m_line; // events carry the line of the step that started the listen
@@ -289,7 +289,7 @@ void CtlSession::watchListen(Execution *execution, int device, const QString &ch
         if (!execution->isListening())
             return;
         ++*events;
-        outage->clear();
+        *outage = DError();
         const QVariant value = eventValue(report);
         if (m_options.json)
             printJson({{QStringLiteral("event"), QStringLiteral("value")}, {QStringLiteral("device"), reference},
@@ -300,15 +300,15 @@ void CtlSession::watchListen(Execution *execution, int device, const QString &ch
             m_out << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  " << label
                   << " = " << toText(value) << Qt::endl;
     });
-    connect(execution, &Execution::errorReported, this, [=](const QString &error) {
+    connect(execution, &Execution::errorReported, this, [=](const DError &error) {
         *outage = error;
         if (m_options.json)
             printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("device"), reference},
                        {QStringLiteral("line"), line},
-                       {QStringLiteral("channel"), channel}, {QStringLiteral("error"), error},
-                       {QStringLiteral("code"), DError::codeName(IMessenger::CeDriverError)},
+                       {QStringLiteral("channel"), channel}, {QStringLiteral("error"), error.text},
+                       {QStringLiteral("code"), DError::codeName(error.code)},
                        {QStringLiteral("time"), now()}, {QStringLiteral("seq"), ++m_seq}});
-        fail(ExitFailed, error);
+        fail(ExitFailed, error.text);
     });
 }
 
@@ -320,7 +320,7 @@ int CtlSession::runAndReport(int device, const QString &command, const QVariantM
     SignalWatcher watcher;
     int events = 0;
     // The driver's last word on a listen, while the device does not answer.
-    QString outage;
+    DError outage;
     connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
     connect(&watcher, &SignalWatcher::interrupted, execution, [this, execution](int number) {
         qCInfo(lcCtl) << "signal" << number << "received: stopping";
@@ -343,9 +343,8 @@ int CtlSession::runAndReport(int device, const QString &command, const QVariantM
     disconnect(execution, nullptr, this, nullptr);
 
     // A listen stopped while the device was not answering has failed, though it ended normally.
-    const bool ok = execution->isOk() && outage.isEmpty();
-    // An outage carries only the driver's text: it is reported as a driver error.
-    const DError error = execution->isOk() ? DError{IMessenger::CeDriverError, 0, outage} : execution->error();
+    const bool ok = execution->isOk() && !outage.isError();
+    const DError error = execution->isOk() ? outage : execution->error();
     const QVariantMap results = shape ? shape(execution->results()) : execution->results();
     delete execution;
     if (m_options.json) {
@@ -361,7 +360,7 @@ int CtlSession::runAndReport(int device, const QString &command, const QVariantM
     }
     if (ok)
         return ExitOk;
-    if (!outage.isEmpty())
+    if (outage.isError())
         return ExitFailed; // the outage is on stderr already
     const int code = isRefusal(error.code) ? ExitUsage : ExitFailed;
     const bool json = m_options.json;

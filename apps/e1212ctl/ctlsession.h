@@ -4,6 +4,7 @@
 // simulators) and kept for every later step of a script.
 #pragma once
 
+#include "derror.h"
 #include "deviceconfig.h"
 
 #include <QJsonObject>
@@ -129,7 +130,7 @@ private:
     bool loadConfig(QString *error);
     // Prints the events and outages of a listening execution; *outage holds the driver's
     // last word while the device does not answer, *events counts the events.
-    void watchListen(Execution *execution, int device, const QString &channel, int *events, QString *outage);
+    void watchListen(Execution *execution, int device, const QString &channel, int *events, DError *outage);
 
     Options m_options;
     QTextStream m_out;
@@ -146,7 +147,7 @@ private:
     struct Background
     {
         QPointer<Execution> execution;
-        QString outage;
+        DError outage;
         int events = 0;
     };
     std::vector<std::unique_ptr<Background>> m_background;

@@ -291,7 +291,7 @@ private slots:
         QList<QStringList> seen{{}, {}, {}, {}};
         for (int i = 0; i < 4; ++i) {
             runs << m_host->execute(m_device, QStringLiteral("listenEvents"), {{c_channel, QStringLiteral("C%1").arg(i)}});
-            connect(runs.last(), &Execution::errorReported, this, [&seen, i](const QString &error) { seen[i] << error.section(QStringLiteral("): "), -1); });
+            connect(runs.last(), &Execution::errorReported, this, [&seen, i](const DError &error) { seen[i] << error.text.section(QStringLiteral("): "), -1); });
             // The second one is stopped from inside its first report: the driver is told once
             // the reply has been handled.
             connect(runs.last(), &Execution::resultChanged, this, [&, i](const QString &, const QVariant &value) {
