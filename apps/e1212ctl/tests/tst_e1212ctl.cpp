@@ -139,6 +139,7 @@ private slots:
         row("run mask -1", {"run", "setValue", "channel=DO1", "value=1", "bitMask=-1"}, "argument \"bitMask\" is -1, " + ui16);
         row("run unknown channel", {"run", "setValue", "channel=DO9", "value=1"}, "unknown channel \"DO9\"");
         row("run not KEY=VALUE", {"run", "getValue", "DI0"}, "argument \"DI0\" is not KEY=VALUE");
+        row("run without a key", {"run", "getValue", "=DI0"}, "argument \"=DI0\" is not KEY=VALUE");
         row("unknown command", {"frobnicate"}, "unknown command \"frobnicate\"");
         row("script step on the line", {"use", "io2"}, "unknown command \"use\"");
         row("no command", {}, "no command given");
@@ -187,10 +188,10 @@ private slots:
     // expect that names its line and stops the script; one connection for all of it.
     void script()
     {
-        const QString file = write(QStringLiteral("sequence.txt"), "listen DI2 &   # line 1\n"
+        const QString file = write(QStringLiteral("sequence.txt"), "listen DI2 &   #line 1\n"
                                                                    "set DO1 1\n"
                                                                    "expect DO1 1 --within 1000\n"
-                                                                   "\n"
+                                                                   "# a comment line\n"
                                                                    "expect DI2 1 --within 5000\n"
                                                                    "wait 1000   # the listen reports it too\n"
                                                                    "expect DI0 1\n"
