@@ -14,6 +14,7 @@
 #include <QModbusTcpClient>
 #include <QVariant>
 
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -176,10 +177,39 @@ private:
     std::vector<std::unique_ptr<QModbusTcpClient>> m_clients;
 };
 
+constexpr int c_rounds = 7;
+
+// Runs the two clients in turn over c_rounds rounds of total / c_rounds requests, so that a
+// drift of the machine (frequency, other load) weighs on both alike; each figure is the median
+// over the rounds.
+std::pair<Figures, Figures> alternate(int clients, int total, const Issue &first, const Issue &second)
+{
+    std::vector<Figures> runs[2];
+    for (int round = 0; round < c_rounds; ++round) {
+        runs[0].push_back(runLoops(clients, total / c_rounds, first));
+        runs[1].push_back(runLoops(clients, total / c_rounds, second));
+    }
+    Figures result[2];
+    for (int i = 0; i < 2; ++i) {
+        result[i] = runs[i].back();
+        for (const Figures &run : runs[i])
+            result[i].failures += run.failures;
+        result[i].failures -= runs[i].back().failures;
+        for (double Figures::*field : {&Figures::medianUs, &Figures::requestsPerSecond, &Figures::cpuUsPerRequest}) {
+            std::nth_element(runs[i].begin(), runs[i].begin() + c_rounds / 2, runs[i].end(),
+                             [field](const Figures &a, const Figures &b) { return a.*field < b.*field; });
+            result[i].*field = runs[i][c_rounds / 2].*field;
+        }
+    }
+    return {result[0], result[1]};
+}
+
+// An RSS of 0 is not measured (shown as "-").
 void printRow(const char *what, int devices, const Figures &figures)
 {
-    std::printf("%-22s %8d %12.0f %14.1f %10.1f %10.1f %8d\n", what, devices, figures.requestsPerSecond,
-                figures.cpuUsPerRequest, figures.medianUs, figures.rssMiB, figures.failures);
+    const QByteArray rss = figures.rssMiB > 0 ? QByteArray::number(figures.rssMiB, 'f', 1) : QByteArray("-");
+    std::printf("%-22s %8d %12.0f %14.1f %10.1f %10s %8d\n", what, devices, figures.requestsPerSecond,
+                figures.cpuUsPerRequest, figures.medianUs, rss.constData(), figures.failures);
 }
 
 // Serves the simulator on a free loopback port in a child process and returns the port
@@ -237,55 +267,50 @@ int main(int argc, char **argv)
     std::printf("e1212bench: %d sequential requests per command; loopback simulator in a child process\n", sequential);
     std::printf("%-22s %8s %12s %14s %10s %10s %8s\n", "client", "devices", "requests/s", "CPU us/request", "median us", "RSS MiB", "failed");
     {
+        // One request at a time, client and server on one CPU: each request costs what both
+        // sides execute, not how fast a sleeping CPU wakes up (--spread lets them apart).
+        cpu_set_t all;
+        sched_getaffinity(0, sizeof all, &all);
+        const bool pin = !app.arguments().contains(QStringLiteral("--spread"));
+        if (pin) {
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            for (int cpu = CPU_SETSIZE - 1; cpu >= 0 && !CPU_COUNT(&one); --cpu) {
+                if (CPU_ISSET(cpu, &all))
+                    CPU_SET(cpu, &one);
+            }
+            sched_setaffinity(0, sizeof one, &one);
+            sched_setaffinity(server, sizeof one, &one);
+        }
         FullStack full(&plugins, configs.first(), port, 1);
         BareQt bare(port, 1);
         // Connections up and caches warm before anything is counted.
         runLoops(1, 200, full.issue(QStringLiteral("getValue")));
         runLoops(1, 200, bare.issue(1));
-        // Rounds alternate the clients, so that a drift of the machine (frequency, other load)
-        // weighs on both alike; each figure is the median over the rounds.
-        constexpr int rounds = 7;
-        std::vector<Figures> figures[4];
-        for (int round = 0; round < rounds; ++round) {
-            figures[0].push_back(runLoops(1, sequential / rounds, full.issue(QStringLiteral("getValue"))));
-            figures[1].push_back(runLoops(1, sequential / rounds, bare.issue(1)));
-            figures[2].push_back(runLoops(1, sequential / rounds, full.issue(QStringLiteral("getValues"))));
-            figures[3].push_back(runLoops(1, sequential / rounds, bare.issue(8)));
-        }
-        const auto median = [](std::vector<Figures> runs, double Figures::*field) {
-            std::nth_element(runs.begin(), runs.begin() + rounds / 2, runs.end(),
-                             [field](const Figures &a, const Figures &b) { return a.*field < b.*field; });
-            return runs[rounds / 2].*field;
-        };
-        const char *names[4] = {"getValue full stack", "read 1 bit bare Qt", "getValues full stack", "read 8 bits bare Qt"};
-        Figures result[4];
-        for (int i = 0; i < 4; ++i) {
-            result[i] = figures[i].back();
-            result[i].medianUs = median(figures[i], &Figures::medianUs);
-            result[i].requestsPerSecond = median(figures[i], &Figures::requestsPerSecond);
-            result[i].cpuUsPerRequest = median(figures[i], &Figures::cpuUsPerRequest);
-            printRow(names[i], 1, result[i]);
-        }
-        std::printf("ratio full/bare (medians over %d alternating rounds): getValue %.2f, getValues %.2f\n\n", rounds,
-                    result[0].medianUs / result[1].medianUs, result[2].medianUs / result[3].medianUs);
+        const auto [fullOne, bareOne] = alternate(1, sequential, full.issue(QStringLiteral("getValue")), bare.issue(1));
+        const auto [fullEight, bareEight] = alternate(1, sequential, full.issue(QStringLiteral("getValues")), bare.issue(8));
+        printRow("getValue full stack", 1, fullOne);
+        printRow("read 1 bit bare Qt", 1, bareOne);
+        printRow("getValues full stack", 1, fullEight);
+        printRow("read 8 bits bare Qt", 1, bareEight);
+        std::printf("ratio full/bare (medians over %d alternating rounds%s): getValue %.2f, getValues %.2f\n\n", c_rounds,
+                    pin ? ", client and server on one CPU" : "", fullOne.medianUs / bareOne.medianUs, fullEight.medianUs / bareEight.medianUs);
+        sched_setaffinity(0, sizeof all, &all);
+        sched_setaffinity(server, sizeof all, &all);
     }
     double fullCpuOne = 0;
     double bareCpuOne = 0;
     const QList<int> deviceCounts = app.arguments().contains(QStringLiteral("--sequential")) ? QList<int>() : QList<int>{1, 16, 64, 256};
     for (int devices : deviceCounts) {
-        const int total = qMax(sequential, devices * 20);
-        Figures fullFigures;
-        Figures bareFigures;
-        {
-            FullStack full(&plugins, configs.first(), port, devices);
-            runLoops(devices, devices * 2, full.issue(QStringLiteral("getValue")));
-            fullFigures = runLoops(devices, total, full.issue(QStringLiteral("getValue")));
-        }
-        {
-            BareQt bare(port, devices);
-            runLoops(devices, devices * 2, bare.issue(1));
-            bareFigures = runLoops(devices, total, bare.issue(1));
-        }
+        FullStack full(&plugins, configs.first(), port, devices);
+        runLoops(devices, devices * 2, full.issue(QStringLiteral("getValue")));
+        // The host's memory, before the bare clients are made.
+        const double rss = rssMiB();
+        BareQt bare(port, devices);
+        runLoops(devices, devices * 2, bare.issue(1));
+        auto [fullFigures, bareFigures] = alternate(devices, qMax(sequential, devices * 20), full.issue(QStringLiteral("getValue")), bare.issue(1));
+        fullFigures.rssMiB = rss;
+        bareFigures.rssMiB = 0;
         if (devices == 1) {
             fullCpuOne = fullFigures.cpuUsPerRequest;
             bareCpuOne = bareFigures.cpuUsPerRequest;
