@@ -11,7 +11,6 @@
 #include <QHash>
 #include <QObject>
 #include <QPointer>
-#include <QSet>
 
 class DAbstractDriver;
 class DAbstractPlugin;
@@ -152,8 +151,6 @@ private:
     QHash<unsigned long long, Pending> m_pending;
     // Instruction guards and the next runs of schedules.
     DeadlineQueue m_deadlines;
-    // Instructions that timed out, until their late reply (if any) has been reported.
-    QSet<unsigned long long> m_timedOut;
     QHash<DAbstractCommand *, CommandState> m_commands;
     // The execution on whose behalf a command runs now (inside commandExecute or a reply
     // callback): what the command posts or sends belongs to it.

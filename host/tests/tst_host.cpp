@@ -276,6 +276,11 @@ private slots:
         QVERIFY(runs.at(0)->isOk() && runs.at(2)->isOk());
         if (perRun == 1)
             QCOMPARE(runs.at(2)->results().value(QStringLiteral("value")), QVariant(3u));
+        // Once the others are released, a new execution's object (fresh or not) is wired anew.
+        QCoreApplication::processEvents();
+        Execution *again = m_host->execute(m_device, command, runs.at(0)->arguments());
+        QVERIFY(waitFinished(again));
+        QCOMPARE(again->results(), runs.at(0)->results());
     }
 
     // Listens run at once on the declared object and outlive a driver outage; each report
