@@ -33,7 +33,6 @@ E1212Simulator::E1212Simulator(QObject *parent)
     , m_server(new SimulatorModbusServer(this))
     , m_proxy(new SimulatorFaultProxy(this))
     , m_lastOutputs(ChannelCount, false)
-    , m_toggleCounts(ChannelCount, 0)
 {
     qRegisterMetaType<E1212Simulator::State>();
     QModbusDataUnitMap map;
@@ -199,17 +198,6 @@ quint16 E1212Simulator::pulseOffWidth(int channel) const
     return validChannel(channel) ? value(QModbusDataUnit::HoldingRegisters, PulseOffWidthBase + channel) : 0;
 }
 
-int E1212Simulator::toggleCount(int channel) const
-{
-    return validChannel(channel) ? m_toggleCounts.at(channel) : 0;
-}
-
-void E1212Simulator::resetToggleCount(int channel)
-{
-    if (validChannel(channel))
-        m_toggleCounts[channel] = 0;
-}
-
 quint16 E1212Simulator::value(QModbusDataUnit::RegisterType table, int address) const
 {
     quint16 result = 0;
@@ -246,11 +234,6 @@ void E1212Simulator::setDropOnRequest(bool drop)
     m_proxy->setDropOnRequest(drop);
 }
 
-void E1212Simulator::dropConnections()
-{
-    m_proxy->dropConnections();
-}
-
 int E1212Simulator::connectionCount() const
 {
     return m_proxy->connectionCount();
@@ -271,7 +254,6 @@ void E1212Simulator::onDataWritten(QModbusDataUnit::RegisterType table, int addr
             const bool on = output(a);
             if (on != m_lastOutputs.at(a)) {
                 m_lastOutputs[a] = on;
-                ++m_toggleCounts[a];
                 emit outputChanged(a, on);
             }
         } else if (table == QModbusDataUnit::Coils && validChannel(a - PulseStatusBase)) {

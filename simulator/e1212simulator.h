@@ -76,9 +76,6 @@ public:
     void setPulseStatus(int channel, bool on);
     quint16 pulseOnWidth(int channel) const;
     quint16 pulseOffWidth(int channel) const;
-    // Number of on/off changes of an output since start or the last resetToggleCount().
-    int toggleCount(int channel) const;
-    void resetToggleCount(int channel);
 
     // Raw access to any mapped address; value() gives 0 and setValue() false when unmapped.
     quint16 value(QModbusDataUnit::RegisterType table, int address) const;
@@ -94,8 +91,6 @@ public:
     // While set, a connection that sends a request is closed before it is answered.
     void setDropOnRequest(bool drop);
     bool dropOnRequest() const { return m_dropOnRequest; }
-    // Closes every open client connection now (the listening socket stays open).
-    void dropConnections();
     int connectionCount() const;
     // Requests received since start.
     int requestCount() const;
@@ -120,7 +115,6 @@ private:
     SimulatorFaultProxy *m_proxy = nullptr;
     QVector<QTimer *> m_pulseTimers;
     QVector<bool> m_lastOutputs;
-    QVector<int> m_toggleCounts;
     State m_state = Stopped;
     QString m_errorString;
     QHostAddress m_address;

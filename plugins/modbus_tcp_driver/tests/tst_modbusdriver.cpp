@@ -322,10 +322,10 @@ private slots:
         driver->startInstruction(3, QStringLiteral("read"), params("bogus", 1), 1000);
         driver->stopInstruction(2);
         driver->stopInstruction(3);
-        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 1, 2000);
-        QTest::qWait(100); // nothing more may come for the stopped ones
-        QCOMPARE(spy.size(), 1);
-        QCOMPARE(spy.at(0).at(0).toULongLong(), 1ull);
+        // Answers keep their order: once the next read is answered, nothing came for the stopped ones.
+        driver->startInstruction(4, QStringLiteral("read"), params("coilsRegister", 2), 1000);
+        QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 2, 2000);
+        QCOMPARE(QString::number(spy.at(0).at(0).toULongLong()) + QString::number(spy.at(1).at(0).toULongLong()), QStringLiteral("14"));
     }
 
     void unansweredConnect()
@@ -382,18 +382,6 @@ private slots:
         QCOMPARE(m_sim->connectionCount(), 0);
         m_sim->setDropOnRequest(false);
         QCOMPARE(run(driver, "read", params("coilsRegister", 19)), values({0u}));
-        QSignalSpy count(m_sim.data(), &E1212Simulator::connectionCountChanged);
-        m_sim->dropConnections();
-        QCOMPARE(m_sim->connectionCount(), 0);
-        QCOMPARE(count.size(), 1);
-
-        E1212Simulator second;
-        QString error;
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot listen")));
-        QVERIFY(!second.start(QHostAddress::LocalHost, m_sim->port(), &error));
-        QVERIFY2(error.startsWith(QStringLiteral("cannot listen on 127.0.0.1:%1").arg(m_sim->port())), qPrintable(error));
-        QCOMPARE(second.errorString(), error);
-        QCOMPARE(second.state(), E1212Simulator::Stopped);
     }
 
     // A pulse written through the driver: on first, then alternating, each phase lasting its width.
