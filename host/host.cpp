@@ -555,7 +555,7 @@ void Host::runEnded(unsigned long long runId, Execution *execution)
     const QString command = it->command;
     it->current = nullptr;
     // The next run is due `repeatMs` after this one's end, whatever its outcome.
-    if (it->repeatMs > 0 && !it->stopped && backend)
+    if (it->repeatMs != 0 && !it->stopped && backend)
         it->next = m_deadlines.add(runId, it->repeatMs);
     else
         m_runs.erase(it);

@@ -88,6 +88,8 @@ private slots:
                                           << "parameters.io1_channels: expected a list of channel records, found an object";
         QTest::newRow("no channel id") << table({QStringLiteral(R"({"id": null, "value": []})")}) << QString() << 0ll
                                        << "devices[0].parameters.io2_channels[0].id: expected a channel id text, found null";
+        QTest::newRow("name not text") << table({QStringLiteral(R"({"id": "DI0", "name": 5, "value": []})")}) << QString() << 0ll
+                                       << "devices[0].parameters.io2_channels[0].name: expected a text, found a number";
         QTest::newRow("empty channel id") << table({record("", {})}) << QString() << 0ll
                                           << "devices[0].parameters.io2_channels[0].id: the channel id is empty";
         QTest::newRow("duplicate channel id") << table({record("DI0", {}), record("DI1", {}), record("DI0", {})}) << QString() << 0ll
