@@ -318,14 +318,9 @@ QList<DeviceConfig> DeviceConfig::loadFile(const QString &path, QString *error)
     };
     if (!file.isSequential() && file.size() > c_maxFileSize)
         return tooLarge();
-    // A stream (a device, a pipe) has no size: it is read up to one byte past the limit.
-    QByteArray json;
-    while (json.size() <= c_maxFileSize) {
-        const QByteArray chunk = file.read(c_maxFileSize + 1 - json.size());
-        if (chunk.isEmpty())
-            break;
-        json += chunk;
-    }
+    // A stream (a device, a pipe) has no size: it is read to its end or one byte past the
+    // limit, whichever comes first (a file read returns short only at the end).
+    const QByteArray json = file.read(c_maxFileSize + 1);
     if (json.size() > c_maxFileSize)
         return tooLarge();
     return fromJson(json, path, error);
