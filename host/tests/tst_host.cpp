@@ -103,6 +103,15 @@ private slots:
         QVERIFY(m_plugins.refusals().isEmpty());
     }
 
+    // Plug-ins next to the executable (installed, then build tree), the caller's folders, $E1212_PLUGIN_PATH's.
+    void searchPath()
+    {
+        qputenv("E1212_PLUGIN_PATH", "/a::/b");
+        const QString bin = QCoreApplication::applicationDirPath();
+        QCOMPARE(PluginManager::searchPath({"/x"}), (QStringList{bin + "/../lib/e1212/plugins", bin + "/../plugins", "/x", "/a", "/b"}));
+        qunsetenv("E1212_PLUGIN_PATH");
+    }
+
     void pluginRefusals_data()
     {
         QTest::addColumn<QString>("file");
