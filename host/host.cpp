@@ -123,7 +123,6 @@ bool Host::addDevice(const DeviceConfig &config, QString *error)
         delete driver;
         return fail(where(config, QStringLiteral("connection")) + QStringLiteral(": ") + connectionError);
     }
-    driver->setProperty(QStringLiteral("reference"), config.reference, false);
     // Drivers reply on a later event-loop turn than startInstruction, so replies are
     // handled as they come.
     connect(driver, &DAbstractDriver::sigInstructionReply, this, &Host::onDriverReply);

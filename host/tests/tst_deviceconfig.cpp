@@ -109,6 +109,8 @@ private slots:
         QTest::newRow("register fraction") << oneEntry("register", "1.5") << QString() << 0ll << entryAt + "\"register\" must be";
         QTest::newRow("size of words") << oneEntry("size", "126") << QString() << 0ll
                                        << entryAt + "\"size\" must be a whole number 1-125 for \"holdingRegisters\", found 126";
+        QTest::newRow("size of input words") << table({record("X", {entry("readRegisterType", "\"inputRegisters\""), entry("size", "126")})}) << QString() << 0ll
+                                             << entryAt + "\"size\" must be a whole number 1-125 for \"inputRegisters\", found 126";
         QTest::newRow("size of bits") << table({record("X", {entry("size", "2001")})}) << QString() << 0ll
                                       << "devices[0].parameters.io2_channels[0].value[0].value: \"size\" must be a whole number 1-2000, found 2001";
         QTest::newRow("size 0") << oneEntry("size", "0") << QString() << 0ll << entryAt + "\"size\" must be";

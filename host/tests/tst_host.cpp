@@ -251,6 +251,13 @@ private slots:
         QVERIFY(second->errorString().endsWith(QStringLiteral(" within %1 ms").arg(guard + sent)));
     }
 
+    // A command that gives no time-out of its own gets 3000 ms.
+    void defaultTimeOut()
+    {
+        m_host->sendInstruction(m_device->command(QStringLiteral("getValue")), QStringLiteral("driver"), QStringLiteral("read"), {}, 0, {});
+        QCOMPARE(record("started").value(0).toMap().value(QStringLiteral("timeoutMs")).toInt(), 3000);
+    }
+
     void executions_data()
     {
         QTest::addColumn<QString>("command");
