@@ -50,321 +50,11 @@ QVariantMap entry(const QString &id, const QVariant &value)
 
 QVariantList channelTable()
 {
-    return {
-        QVariantMap{{QStringLiteral("id"), QStringLiteral("DO3")},
-                    {QStringLiteral("name"), QStringLiteral("Output 3")},
-                    {QStringLiteral("value"), QVariantList{
-                         entry(QStringLiteral("register"), 3),
-                         entry(QStringLiteral("registerText"), QStringLiteral("12")),
-                         entry(QStringLiteral("readRegisterType"), QStringLiteral("coilsRegister")),
-                         QStringLiteral("not a map"),
-                         entry(QStringLiteral("badNumber"), QStringLiteral("twelve")),
-                     }}},
-        QVariantMap{{QStringLiteral("id"), QStringLiteral("DO3")},
-                    {QStringLiteral("value"), QVariantList{entry(QStringLiteral("register"), 99)}}},
-    };
+    return {QVariantMap{{"id", "DO3"}, {"name", "Output 3"}, {"value", QVariantList{entry("register", 3), entry("registerText", "12"),
+                entry("readRegisterType", "coilsRegister"), QStringLiteral("not a map"), entry("badNumber", "twelve")}}},
+            QVariantMap{{"id", "DO3"}, {"value", QVariantList{entry("register", 99)}}}};
 }
 
-} // namespace
-
-class TstFramework : public QObject
-{
-    Q_OBJECT
-private slots:
-    void getInfoFromChannel_data();
-    void getInfoFromChannel();
-    void parameterValues_data();
-    void parameterValues();
-    void executeRefusals_data();
-    void executeRefusals();
-    void typeCodes_data();
-    void typeCodes();
-    void resultsOnlyForDeclaredNames();
-    void declaredCommands();
-    void pluginIdentity();
-    void errorNames();
-    void errorReplies_data();
-    void errorReplies();
-    void backendReachesHost();
-    void configurationPaths();
-    void propertiesNotifyOnRealChange();
-};
-
-void TstFramework::getInfoFromChannel_data()
-{
-    QTest::addColumn<bool>("withTable");
-    QTest::addColumn<QString>("channel");
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QVariant>("defaultValue");
-    QTest::addColumn<QVariant>("expected");
-
-    const QVariant invalid;
-    QTest::newRow("text converts to uint") << true << "DO3" << "registerText" << int(QMetaType::UInt) << invalid << QVariant(12u);
-    QTest::newRow("string") << true << "DO3" << "readRegisterType" << int(QMetaType::QString) << invalid << QVariant(QStringLiteral("coilsRegister"));
-    QTest::newRow("first record wins") << true << "DO3" << "register" << int(QMetaType::Int) << invalid << QVariant(3);
-    QTest::newRow("missing record") << true << "DO9" << "register" << int(QMetaType::UInt) << invalid << invalid;
-    QTest::newRow("missing entry, default") << true << "DO3" << "size" << int(QMetaType::UInt) << QVariant(7u) << QVariant(7u);
-    QTest::newRow("does not convert, default") << true << "DO3" << "badNumber" << int(QMetaType::UInt) << QVariant(false) << QVariant(false);
-    QTest::newRow("no table") << false << "DO3" << "register" << int(QMetaType::UInt) << QVariant(5u) << QVariant(5u);
-}
-
-void TstFramework::getInfoFromChannel()
-{
-    QFETCH(bool, withTable);
-    QFETCH(QString, channel);
-    QFETCH(QString, key);
-    QFETCH(int, type);
-    QFETCH(QVariant, defaultValue);
-    QFETCH(QVariant, expected);
-
-    TestPlugin plugin;
-    if (withTable)
-        plugin.addToParameters(QStringLiteral("channels"), channelTable());
-    TestCommand command(&plugin);
-    const QVariant actual = command.getInfoFromChannel(channel, key, QMetaType::Type(type), defaultValue);
-    QCOMPARE(actual.userType(), expected.userType());
-    QCOMPARE(actual, expected);
-}
-
-void TstFramework::parameterValues_data()
-{
-    QTest::addColumn<QVariantMap>("arguments");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QVariant>("fallback");
-    QTest::addColumn<QVariant>("expected");
-
-    QTest::newRow("declared default") << QVariantMap{} << "bitMask" << QVariant() << QVariant(int(65535));
-    QTest::newRow("declared text default") << QVariantMap{} << "channel" << QVariant() << QVariant(QStringLiteral("DO0"));
-    QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "width" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
-    QTest::newRow("invalid vart default -> fallback") << QVariantMap{} << "any" << QVariant(2) << QVariant(2);
-    QTest::newRow("default of another type -> fallback") << QVariantMap{} << "values" << QVariant() << QVariant();
-    QTest::newRow("undeclared -> fallback") << QVariantMap{} << "other" << QVariant(2) << QVariant(2);
-}
-
-void TstFramework::parameterValues()
-{
-    QFETCH(QVariantMap, arguments);
-    QFETCH(QString, name);
-    QFETCH(QVariant, fallback);
-    QFETCH(QVariant, expected);
-    TestPlugin plugin;
-    TestCommand command(&plugin);
-    command.setParameters(arguments);
-    QCOMPARE(command.getParameterValue(name, fallback), expected);
-}
-
-void TstFramework::executeRefusals_data()
-{
-    QTest::addColumn<bool>("withMessenger");
-    QTest::addColumn<bool>("checks");
-    QTest::addColumn<QVariantMap>("arguments");
-    QTest::addColumn<bool>("ok");
-    QTest::addColumn<QString>("error");
-
-    const QVariantMap wrongType{{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("bitMask"), QStringLiteral("abc")}};
-    QTest::newRow("no messenger") << false << false << QVariantMap{} << false
-                                  << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
-    QTest::newRow("unknown parameter, unchecked") << true << false << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
-                                                  << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values, width, on, any)";
-    QTest::newRow("wrong type, unchecked") << true << false << wrongType << true << QString();
-}
-
-void TstFramework::executeRefusals()
-{
-    QFETCH(bool, withMessenger);
-    QFETCH(bool, checks);
-    QFETCH(QVariantMap, arguments);
-    QFETCH(bool, ok);
-    QFETCH(QString, error);
-
-    TestMessenger messenger;
-    TestPlugin plugin;
-    if (withMessenger)
-        plugin.setMessenger(&messenger);
-    TestCommand command(&plugin);
-    command.setArgumentChecks(checks);
-    command.setParameters(arguments);
-    QCOMPARE(command.commandExecute(), ok);
-    QCOMPARE(command.errorString(), error);
-    // Unchecked, the command reads its arguments as given.
-    if (ok && !checks)
-        QCOMPARE(command.getParameterValue(QStringLiteral("bitMask")), arguments.value(QStringLiteral("bitMask")));
-}
-
-void TstFramework::typeCodes_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QVariant>("value");
-    // What the command reads once checked; invalid when the argument is refused.
-    QTest::addColumn<QVariant>("converted");
-    // How the refusal shows the value.
-    QTest::addColumn<QString>("shown");
-
-    const QVariant refused;
-    QTest::newRow("strg text") << "channel" << QVariant(QStringLiteral("DO3")) << QVariant(QStringLiteral("DO3")) << "";
-    QTest::newRow("strg number") << "channel" << QVariant(3) << refused << "3";
-    QTest::newRow("ui16 zero") << "bitMask" << QVariant(0u) << QVariant(0) << "";
-    QTest::newRow("ui16 above") << "bitMask" << QVariant(65536) << refused << "65536";
-    QTest::newRow("ui16 negative") << "bitMask" << QVariant(-1) << refused << "-1";
-    QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2) << "";
-    QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused << "1.5";
-    QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused << "1e+300";
-    QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255) << "";
-    QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535) << "";
-    QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused
-                                    << "\"99999999999999999999999\"";
-    QTest::newRow("ui16 word") << "bitMask" << QVariant(QStringLiteral("abc")) << refused << "\"abc\"";
-    QTest::newRow("int lowest text") << "width" << QVariant(QStringLiteral("-2147483648")) << QVariant(std::numeric_limits<int>::min()) << "";
-    QTest::newRow("int negative hex digit") << "width" << QVariant(QStringLiteral("-0xF")) << QVariant(-15) << "";
-    QTest::newRow("int above") << "width" << QVariant(qint64(2147483648LL)) << refused << "2147483648";
-    QTest::newRow("int below") << "width" << QVariant(qint64(-2147483649LL)) << refused << "-2147483649";
-    QTest::newRow("int not a number") << "width" << QVariant(qQNaN()) << refused << "nan";
-    QTest::newRow("int float infinity") << "width" << QVariant(float(qInf())) << refused << "inf";
-    QTest::newRow("bool") << "on" << QVariant(true) << QVariant(true) << "";
-    QTest::newRow("bool text") << "on" << QVariant(QStringLiteral("false")) << QVariant(false) << "";
-    QTest::newRow("bool digit text") << "on" << QVariant(QStringLiteral("1")) << QVariant(true) << "";
-    QTest::newRow("bool other text") << "on" << QVariant(QStringLiteral("yes")) << refused << "\"yes\"";
-    QTest::newRow("bool number") << "on" << QVariant(0) << refused << "0";
-    QTest::newRow("varL list") << "values" << QVariant(QVariantList{1, QStringLiteral("x")}) << QVariant(QVariantList{1, QStringLiteral("x")}) << "";
-    QTest::newRow("varL text") << "values" << QVariant(QStringLiteral("1,0")) << refused << "\"1,0\"";
-    QTest::newRow("vart anything") << "any" << QVariant(QStringLiteral("0x10")) << QVariant(QStringLiteral("0x10")) << "";
-}
-
-void TstFramework::typeCodes()
-{
-    QFETCH(QString, name);
-    QFETCH(QVariant, value);
-    QFETCH(QVariant, converted);
-    QFETCH(QString, shown);
-
-    TestMessenger messenger;
-    TestPlugin plugin;
-    plugin.setMessenger(&messenger);
-    TestCommand command(&plugin);
-    command.setArgumentChecks(true);
-    command.setParameters({{name, value}});
-    QCOMPARE(command.commandExecute(), converted.isValid());
-    if (converted.isValid()) {
-        const QVariant actual = command.getParameterValue(name);
-        QCOMPARE(actual.userType(), converted.userType());
-        QCOMPARE(actual, converted);
-        return;
-    }
-    // What each type code accepts, as the refusal tells the caller.
-    static const QMap<QString, QString> expected{
-        {QStringLiteral("channel"), QStringLiteral("\"strg\" (a text)")},
-        {QStringLiteral("bitMask"), QStringLiteral("\"ui16\" (a whole number from 0 to 65535, decimal or 0x hex)")},
-        {QStringLiteral("width"), QStringLiteral("\"int\" (a whole number from -2147483648 to 2147483647, decimal or 0x hex)")},
-        {QStringLiteral("on"), QStringLiteral("\"bool\" (true, false, \"true\", \"false\", \"1\" or \"0\")")},
-        {QStringLiteral("values"), QStringLiteral("\"varL\" (a list)")},
-    };
-    QCOMPARE(command.errorString(), QStringLiteral("command \"probe\": argument \"%1\" is %2, expected %3").arg(name, shown, expected.value(name)));
-}
-
-void TstFramework::resultsOnlyForDeclaredNames()
-{
-    TestMessenger messenger;
-    TestPlugin plugin;
-    plugin.setMessenger(&messenger);
-    TestCommand command(&plugin);
-    QSignalSpy spy(&command, &DAbstractCommand::sigResultChanged);
-
-    QVERIFY(!command.commandSetReply({{QStringLiteral("value"), 5u}, {QStringLiteral("doneOk"), true}}));
-    QCOMPARE(command.errorString(), QStringLiteral("command \"probe\" has no result \"doneOk\""));
-    QCOMPARE(spy.count(), 1);
-    QCOMPARE(command.results(), (QVariantMap{{QStringLiteral("value"), 5u}}));
-    QVERIFY(command.commandSetReply({{QStringLiteral("value"), 6u}}));
-
-    // A new execution starts with no results and no error.
-    QVERIFY(command.commandExecute());
-    QVERIFY(command.results().isEmpty());
-    QVERIFY(command.errorString().isEmpty());
-}
-
-void TstFramework::declaredCommands()
-{
-    TestPlugin plugin;
-    QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("listen"), QStringLiteral("stopListening"))));
-    QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("get"))));
-    QPointer<TestCommand> duplicate = new TestCommand(nullptr, QStringLiteral("stopListening"));
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"stopListening\" is declared already")));
-    QVERIFY(!plugin.declareInstructionCommand(duplicate));
-    QVERIFY(duplicate.isNull());
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"set\" is declared already")));
-    QVERIFY(!plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("set"), QStringLiteral("get"))));
-    QVERIFY(!plugin.declareInstructionCommand(nullptr));
-    QCOMPARE(plugin.commandNames(), (QStringList{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"), QStringLiteral("get")}));
-    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("get")), QStringLiteral("Probe"));
-    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("stopListening")), QString());
-}
-
-void TstFramework::pluginIdentity()
-{
-    TestMessenger messenger;
-    TestPlugin plugin;
-    plugin.setMessenger(&messenger);
-    plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), false);
-    QCOMPARE(plugin.getFunctionDescription(QStringLiteral("getPluginIdentity")),
-             QStringLiteral("Return the plug-in's name, UUID, version and instance"));
-    DAbstractCommand *identity = plugin.command(QStringLiteral("getPluginIdentity"));
-    QSignalSpy finished(identity, &DAbstractCommand::sigFinished);
-    QVERIFY(identity->commandExecute());
-    QVERIFY(finished.isEmpty());
-    QVERIFY(finished.wait(1000));
-    QCOMPARE(finished.at(0).at(0).toBool(), true);
-    QCOMPARE(identity->results().value(QStringLiteral("identity")), QVariant(QVariantMap{
-        {QStringLiteral("name"), QStringLiteral("Test plug-in")},
-        {QStringLiteral("pluginUuid"), plugin.pluginUuid().toString()},
-        {QStringLiteral("version"), QStringLiteral("2.3")},
-        {QStringLiteral("instanceUuid"), plugin.objectUuid().toString()},
-        {QStringLiteral("reference"), QStringLiteral("dev io1")}}));
-}
-
-void TstFramework::errorNames()
-{
-    QStringList codes;
-    for (int code = IMessenger::CeNoError; code <= IMessenger::_CeNbr; ++code)
-        codes << DError::codeName(IMessenger::EnErrorCode(code));
-    QCOMPARE(codes.join(QLatin1Char(' ')), QStringLiteral("ok timeout reply_rejected driver_error no_route refused stopped "
-                                                          "no_connection modbus_exception malformed_reply bad_instruction unknown"));
-    QStringList exceptions;
-    for (int exception = 1; exception <= 12; ++exception)
-        exceptions << DError::exceptionName(exception);
-    QCOMPARE(exceptions.join(QLatin1Char('|')), QStringLiteral("illegal function|illegal data address|illegal data value|"
-        "server device failure|acknowledge|server device busy|exception 7|memory parity error|exception 9|"
-        "gateway path unavailable|gateway target device failed to respond|exception 12"));
-}
-
-void TstFramework::errorReplies_data()
-{
-    QTest::addColumn<QVariantMap>("reply");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<int>("exception");
-    const QString e = QStringLiteral("error"), c = QStringLiteral("errorCode"), x = QStringLiteral("exceptionCode");
-    QTest::newRow("values") << QVariantMap{{QStringLiteral("values"), QVariantList{}}, {e, "x"}} << int(IMessenger::CeNoError) << 0;
-    QTest::newRow("timeout") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeTimeout)}, {x, 2}} << int(IMessenger::CeTimeout) << 0;
-    QTest::newRow("exception") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeModbusException)}, {x, 2}} << int(IMessenger::CeModbusException) << 2;
-    QTest::newRow("last code") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeBadInstruction)}} << int(IMessenger::CeBadInstruction) << 0;
-    QTest::newRow("code 0") << QVariantMap{{e, "x"}, {c, 0}} << int(IMessenger::CeDriverError) << 0;
-    QTest::newRow("code past the last") << QVariantMap{{e, "x"}, {c, int(IMessenger::_CeNbr)}} << int(IMessenger::CeDriverError) << 0;
-}
-
-void TstFramework::errorReplies()
-{
-    QFETCH(QVariantMap, reply);
-    QFETCH(int, code);
-    QFETCH(int, exception);
-    const DError error = DError::fromReply(reply);
-    QCOMPARE(int(error.code), code);
-    QCOMPARE(error.exceptionCode, exception);
-    QCOMPARE(error.text, code ? QStringLiteral("x") : QString());
-    // A failure goes back out as the reply it came from.
-    if (code == IMessenger::CeModbusException || code == IMessenger::CeBadInstruction)
-        QCOMPARE(error.toReply(), reply);
-}
-
-namespace {
 class TestBackend : public DAbstractPluginBackend
 {
 public:
@@ -374,68 +64,349 @@ public:
     }
     QStringList failures;
 };
+
 } // namespace
 
-void TstFramework::backendReachesHost()
+class TstFramework : public QObject
 {
-    TestBackend backend;
-    QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 0ull);
-    TestPlugin plugin;
-    backend.setPlugin(&plugin);
-    QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 0ull);
-    QVERIFY(!backend.stopCommand(1));
-    const QString failure = QStringLiteral("0 getValue %1 0 cannot run \"getValue\": the back-end is not attached to a plug-in with a host")
-                                .arg(int(IMessenger::CeNoRoute));
-    QCOMPARE(backend.failures, (QStringList{failure, failure}));
+    Q_OBJECT
+private slots:
+    void getInfoFromChannel_data()
+    {
+        QTest::addColumn<bool>("withTable");
+        QTest::addColumn<QString>("channel");
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QVariant>("defaultValue");
+        QTest::addColumn<QVariant>("expected");
 
-    TestMessenger messenger;
-    plugin.setMessenger(&messenger);
-    QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 1ull);
-    QVERIFY(backend.stopCommand(1));
-    QCOMPARE(backend.failures.size(), 2);
-}
+        const QVariant invalid;
+        QTest::newRow("text converts to uint") << true << "DO3" << "registerText" << int(QMetaType::UInt) << invalid << QVariant(12u);
+        QTest::newRow("string") << true << "DO3" << "readRegisterType" << int(QMetaType::QString) << invalid << QVariant(QStringLiteral("coilsRegister"));
+        QTest::newRow("first record wins") << true << "DO3" << "register" << int(QMetaType::Int) << invalid << QVariant(3);
+        QTest::newRow("missing record") << true << "DO9" << "register" << int(QMetaType::UInt) << invalid << invalid;
+        QTest::newRow("missing entry, default") << true << "DO3" << "size" << int(QMetaType::UInt) << QVariant(7u) << QVariant(7u);
+        QTest::newRow("does not convert, default") << true << "DO3" << "badNumber" << int(QMetaType::UInt) << QVariant(false) << QVariant(false);
+        QTest::newRow("no table") << false << "DO3" << "register" << int(QMetaType::UInt) << QVariant(5u) << QVariant(5u);
+    }
 
-void TstFramework::configurationPaths()
-{
-    TestPlugin plugin;
-    bool ok = true;
-    QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(1), &ok), QJsonValue(1));
-    QVERIFY(!ok);
-    QVERIFY(!plugin.setInMainConfig(QStringLiteral("a/b"), 2));
+    void getInfoFromChannel()
+    {
+        QFETCH(bool, withTable);
+        QFETCH(QString, channel);
+        QFETCH(QString, key);
+        QFETCH(int, type);
+        QFETCH(QVariant, defaultValue);
+        QFETCH(QVariant, expected);
 
-    plugin.setMainConfig(QSharedPointer<QJsonObject>::create(QJsonObject{{QStringLiteral("a"), QJsonObject{{QStringLiteral("b"), 2}}},
-                                                                          {QStringLiteral("leaf"), 3}}));
-    QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(), &ok), QJsonValue(2));
-    QVERIFY(ok);
-    QVERIFY(!plugin.setInMainConfig(QStringLiteral("leaf/x"), 1));
-    QVERIFY(plugin.setInPluginConfig(QStringLiteral("timeouts/read"), 500));
-    QCOMPARE(plugin.getInPluginConfig(QStringLiteral("timeouts/read"), QJsonValue(), &ok), QJsonValue(500));
-    QVERIFY(ok);
-    // The plug-in's section lives in the shared main configuration.
-    QCOMPARE(plugin.getMainConfig()->value(QStringLiteral("plugins")).toObject()
-                 .value(plugin.pluginUuid().toString()).toObject().value(QStringLiteral("timeouts")).toObject()
-                 .value(QStringLiteral("read")), QJsonValue(500));
-    QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(), &ok), QJsonValue(2));
-}
+        TestPlugin plugin;
+        if (withTable)
+            plugin.addToParameters(QStringLiteral("channels"), channelTable());
+        TestCommand command(&plugin);
+        const QVariant actual = command.getInfoFromChannel(channel, key, QMetaType::Type(type), defaultValue);
+        QCOMPARE(actual.userType(), expected.userType());
+        QCOMPARE(actual, expected);
+    }
 
-void TstFramework::propertiesNotifyOnRealChange()
-{
-    TestPlugin plugin;
-    QSignalSpy spy(&plugin, &DAbstractPlugin::sigPropertyChanged);
-    bool ok = true;
-    QVERIFY(!plugin.getProperty(QStringLiteral("reference"), &ok).isValid());
-    QVERIFY(!ok);
+    void parameterValues_data()
+    {
+        QTest::addColumn<QVariantMap>("arguments");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QVariant>("fallback");
+        QTest::addColumn<QVariant>("expected");
 
-    plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), true);
-    plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), true);
-    plugin.setProperty(QStringLiteral("silent"), 1, false);
-    QCOMPARE(spy.count(), 1);
-    QCOMPARE(spy.at(0).at(0).toString(), QStringLiteral("reference"));
-    QCOMPARE(plugin.getProperty(QStringLiteral("reference"), &ok).toString(), QStringLiteral("dev io1"));
-    QVERIFY(ok);
-    QCOMPARE(plugin.getProperty(QStringLiteral("silent"), QVariant()), QVariant(1));
-    QCOMPARE(plugin.getName(), QStringLiteral("dev io1"));
-}
+        QTest::newRow("declared default") << QVariantMap{} << "bitMask" << QVariant() << QVariant(int(65535));
+        QTest::newRow("declared text default") << QVariantMap{} << "channel" << QVariant() << QVariant(QStringLiteral("DO0"));
+        QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "width" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
+        QTest::newRow("invalid vart default -> fallback") << QVariantMap{} << "any" << QVariant(2) << QVariant(2);
+        QTest::newRow("default of another type -> fallback") << QVariantMap{} << "values" << QVariant() << QVariant();
+        QTest::newRow("undeclared -> fallback") << QVariantMap{} << "other" << QVariant(2) << QVariant(2);
+    }
+
+    void parameterValues()
+    {
+        QFETCH(QVariantMap, arguments);
+        QFETCH(QString, name);
+        QFETCH(QVariant, fallback);
+        QFETCH(QVariant, expected);
+        TestPlugin plugin;
+        TestCommand command(&plugin);
+        command.setParameters(arguments);
+        QCOMPARE(command.getParameterValue(name, fallback), expected);
+    }
+
+    void executeRefusals_data()
+    {
+        QTest::addColumn<bool>("withMessenger");
+        QTest::addColumn<bool>("checks");
+        QTest::addColumn<QVariantMap>("arguments");
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<QString>("error");
+
+        const QVariantMap wrongType{{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("bitMask"), QStringLiteral("abc")}};
+        QTest::newRow("no messenger") << false << false << QVariantMap{} << false
+                                      << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
+        QTest::newRow("unknown parameter, unchecked") << true << false << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
+                                                      << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values, width, on, any)";
+        QTest::newRow("wrong type, unchecked") << true << false << wrongType << true << QString();
+    }
+
+    void executeRefusals()
+    {
+        QFETCH(bool, withMessenger);
+        QFETCH(bool, checks);
+        QFETCH(QVariantMap, arguments);
+        QFETCH(bool, ok);
+        QFETCH(QString, error);
+
+        TestMessenger messenger;
+        TestPlugin plugin;
+        if (withMessenger)
+            plugin.setMessenger(&messenger);
+        TestCommand command(&plugin);
+        command.setArgumentChecks(checks);
+        command.setParameters(arguments);
+        QCOMPARE(command.commandExecute(), ok);
+        QCOMPARE(command.errorString(), error);
+        // Unchecked, the command reads its arguments as given.
+        if (ok && !checks)
+            QCOMPARE(command.getParameterValue(QStringLiteral("bitMask")), arguments.value(QStringLiteral("bitMask")));
+    }
+
+    void typeCodes_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QVariant>("value");
+        // What the command reads once checked; invalid when the argument is refused.
+        QTest::addColumn<QVariant>("converted");
+        // How the refusal shows the value.
+        QTest::addColumn<QString>("shown");
+
+        const QVariant refused;
+        QTest::newRow("strg text") << "channel" << QVariant(QStringLiteral("DO3")) << QVariant(QStringLiteral("DO3")) << "";
+        QTest::newRow("strg number") << "channel" << QVariant(3) << refused << "3";
+        QTest::newRow("ui16 zero") << "bitMask" << QVariant(0u) << QVariant(0) << "";
+        QTest::newRow("ui16 above") << "bitMask" << QVariant(65536) << refused << "65536";
+        QTest::newRow("ui16 negative") << "bitMask" << QVariant(-1) << refused << "-1";
+        QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2) << "";
+        QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused << "1.5";
+        QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused << "1e+300";
+        QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255) << "";
+        QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535) << "";
+        QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused
+                                        << "\"99999999999999999999999\"";
+        QTest::newRow("ui16 word") << "bitMask" << QVariant(QStringLiteral("abc")) << refused << "\"abc\"";
+        QTest::newRow("int lowest text") << "width" << QVariant(QStringLiteral("-2147483648")) << QVariant(std::numeric_limits<int>::min()) << "";
+        QTest::newRow("int negative hex digit") << "width" << QVariant(QStringLiteral("-0xF")) << QVariant(-15) << "";
+        QTest::newRow("int above") << "width" << QVariant(qint64(2147483648LL)) << refused << "2147483648";
+        QTest::newRow("int below") << "width" << QVariant(qint64(-2147483649LL)) << refused << "-2147483649";
+        QTest::newRow("int not a number") << "width" << QVariant(qQNaN()) << refused << "nan";
+        QTest::newRow("int float infinity") << "width" << QVariant(float(qInf())) << refused << "inf";
+        QTest::newRow("bool") << "on" << QVariant(true) << QVariant(true) << "";
+        QTest::newRow("bool text") << "on" << QVariant(QStringLiteral("false")) << QVariant(false) << "";
+        QTest::newRow("bool digit text") << "on" << QVariant(QStringLiteral("1")) << QVariant(true) << "";
+        QTest::newRow("bool other text") << "on" << QVariant(QStringLiteral("yes")) << refused << "\"yes\"";
+        QTest::newRow("bool number") << "on" << QVariant(0) << refused << "0";
+        QTest::newRow("varL list") << "values" << QVariant(QVariantList{1, QStringLiteral("x")}) << QVariant(QVariantList{1, QStringLiteral("x")}) << "";
+        QTest::newRow("varL text") << "values" << QVariant(QStringLiteral("1,0")) << refused << "\"1,0\"";
+        QTest::newRow("vart anything") << "any" << QVariant(QStringLiteral("0x10")) << QVariant(QStringLiteral("0x10")) << "";
+    }
+
+    void typeCodes()
+    {
+        QFETCH(QString, name);
+        QFETCH(QVariant, value);
+        QFETCH(QVariant, converted);
+        QFETCH(QString, shown);
+
+        TestMessenger messenger;
+        TestPlugin plugin;
+        plugin.setMessenger(&messenger);
+        TestCommand command(&plugin);
+        command.setArgumentChecks(true);
+        command.setParameters({{name, value}});
+        QCOMPARE(command.commandExecute(), converted.isValid());
+        if (converted.isValid()) {
+            const QVariant actual = command.getParameterValue(name);
+            QCOMPARE(actual.userType(), converted.userType());
+            QCOMPARE(actual, converted);
+            return;
+        }
+        // What each type code accepts, as the refusal tells the caller.
+        static const QMap<QString, QString> expected{
+            {QStringLiteral("channel"), QStringLiteral("\"strg\" (a text)")},
+            {QStringLiteral("bitMask"), QStringLiteral("\"ui16\" (a whole number from 0 to 65535, decimal or 0x hex)")},
+            {QStringLiteral("width"), QStringLiteral("\"int\" (a whole number from -2147483648 to 2147483647, decimal or 0x hex)")},
+            {QStringLiteral("on"), QStringLiteral("\"bool\" (true, false, \"true\", \"false\", \"1\" or \"0\")")},
+            {QStringLiteral("values"), QStringLiteral("\"varL\" (a list)")},
+        };
+        QCOMPARE(command.errorString(), QStringLiteral("command \"probe\": argument \"%1\" is %2, expected %3").arg(name, shown, expected.value(name)));
+    }
+
+    void resultsOnlyForDeclaredNames()
+    {
+        TestMessenger messenger;
+        TestPlugin plugin;
+        plugin.setMessenger(&messenger);
+        TestCommand command(&plugin);
+        QSignalSpy spy(&command, &DAbstractCommand::sigResultChanged);
+
+        QVERIFY(!command.commandSetReply({{QStringLiteral("value"), 5u}, {QStringLiteral("doneOk"), true}}));
+        QCOMPARE(command.errorString(), QStringLiteral("command \"probe\" has no result \"doneOk\""));
+        QCOMPARE(spy.count(), 1);
+        QCOMPARE(command.results(), (QVariantMap{{QStringLiteral("value"), 5u}}));
+        QVERIFY(command.commandSetReply({{QStringLiteral("value"), 6u}}));
+
+        // A new execution starts with no results and no error.
+        QVERIFY(command.commandExecute());
+        QVERIFY(command.results().isEmpty());
+        QVERIFY(command.errorString().isEmpty());
+    }
+
+    void declaredCommands()
+    {
+        TestPlugin plugin;
+        QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("listen"), QStringLiteral("stopListening"))));
+        QVERIFY(plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("get"))));
+        QPointer<TestCommand> duplicate = new TestCommand(nullptr, QStringLiteral("stopListening"));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"stopListening\" is declared already")));
+        QVERIFY(!plugin.declareInstructionCommand(duplicate));
+        QVERIFY(duplicate.isNull());
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("command \"set\" is declared already")));
+        QVERIFY(!plugin.declareInstructionCommand(new TestCommand(nullptr, QStringLiteral("set"), QStringLiteral("get"))));
+        QVERIFY(!plugin.declareInstructionCommand(nullptr));
+        QCOMPARE(plugin.commandNames(), (QStringList{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"), QStringLiteral("get")}));
+        QCOMPARE(plugin.getFunctionDescription(QStringLiteral("get")), QStringLiteral("Probe"));
+        QCOMPARE(plugin.getFunctionDescription(QStringLiteral("stopListening")), QString());
+    }
+
+    void pluginIdentity()
+    {
+        TestMessenger messenger;
+        TestPlugin plugin;
+        plugin.setMessenger(&messenger);
+        plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), false);
+        QCOMPARE(plugin.getFunctionDescription(QStringLiteral("getPluginIdentity")),
+                 QStringLiteral("Return the plug-in's name, UUID, version and instance"));
+        DAbstractCommand *identity = plugin.command(QStringLiteral("getPluginIdentity"));
+        QSignalSpy finished(identity, &DAbstractCommand::sigFinished);
+        QVERIFY(identity->commandExecute());
+        QVERIFY(finished.isEmpty());
+        QVERIFY(finished.wait(1000));
+        QCOMPARE(finished.at(0).at(0).toBool(), true);
+        QCOMPARE(identity->results().value(QStringLiteral("identity")), QVariant(QVariantMap{
+            {QStringLiteral("name"), QStringLiteral("Test plug-in")},
+            {QStringLiteral("pluginUuid"), plugin.pluginUuid().toString()},
+            {QStringLiteral("version"), QStringLiteral("2.3")},
+            {QStringLiteral("instanceUuid"), plugin.objectUuid().toString()},
+            {QStringLiteral("reference"), QStringLiteral("dev io1")}}));
+    }
+
+    void errorNames()
+    {
+        QStringList codes;
+        for (int code = IMessenger::CeNoError; code <= IMessenger::_CeNbr; ++code)
+            codes << DError::codeName(IMessenger::EnErrorCode(code));
+        QCOMPARE(codes.join(QLatin1Char(' ')), QStringLiteral("ok timeout reply_rejected driver_error no_route refused stopped "
+                                                              "no_connection modbus_exception malformed_reply bad_instruction unknown"));
+        QStringList exceptions;
+        for (int exception = 1; exception <= 12; ++exception)
+            exceptions << DError::exceptionName(exception);
+        QCOMPARE(exceptions.join(QLatin1Char('|')), QStringLiteral("illegal function|illegal data address|illegal data value|"
+            "server device failure|acknowledge|server device busy|exception 7|memory parity error|exception 9|"
+            "gateway path unavailable|gateway target device failed to respond|exception 12"));
+    }
+
+    void errorReplies_data()
+    {
+        QTest::addColumn<QVariantMap>("reply");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<int>("exception");
+        const QString e = QStringLiteral("error"), c = QStringLiteral("errorCode"), x = QStringLiteral("exceptionCode");
+        QTest::newRow("values") << QVariantMap{{QStringLiteral("values"), QVariantList{}}, {e, "x"}} << int(IMessenger::CeNoError) << 0;
+        QTest::newRow("timeout") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeTimeout)}, {x, 2}} << int(IMessenger::CeTimeout) << 0;
+        QTest::newRow("exception") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeModbusException)}, {x, 2}} << int(IMessenger::CeModbusException) << 2;
+        QTest::newRow("last code") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeBadInstruction)}} << int(IMessenger::CeBadInstruction) << 0;
+        QTest::newRow("code 0") << QVariantMap{{e, "x"}, {c, 0}} << int(IMessenger::CeDriverError) << 0;
+        QTest::newRow("code past the last") << QVariantMap{{e, "x"}, {c, int(IMessenger::_CeNbr)}} << int(IMessenger::CeDriverError) << 0;
+    }
+
+    void errorReplies()
+    {
+        QFETCH(QVariantMap, reply);
+        QFETCH(int, code);
+        QFETCH(int, exception);
+        const DError error = DError::fromReply(reply);
+        QCOMPARE(int(error.code), code);
+        QCOMPARE(error.exceptionCode, exception);
+        QCOMPARE(error.text, code ? QStringLiteral("x") : QString());
+        // A failure goes back out as the reply it came from.
+        if (code == IMessenger::CeModbusException || code == IMessenger::CeBadInstruction)
+            QCOMPARE(error.toReply(), reply);
+    }
+
+
+    void backendReachesHost()
+    {
+        TestBackend backend;
+        QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 0ull);
+        TestPlugin plugin;
+        backend.setPlugin(&plugin);
+        QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 0ull);
+        QVERIFY(!backend.stopCommand(1));
+        const QString failure = QStringLiteral("0 getValue %1 0 cannot run \"getValue\": the back-end is not attached to a plug-in with a host")
+                                    .arg(int(IMessenger::CeNoRoute));
+        QCOMPARE(backend.failures, (QStringList{failure, failure}));
+
+        TestMessenger messenger;
+        plugin.setMessenger(&messenger);
+        QCOMPARE(backend.runCommand(QStringLiteral("getValue"), {}), 1ull);
+        QVERIFY(backend.stopCommand(1));
+        QCOMPARE(backend.failures.size(), 2);
+    }
+
+    void configurationPaths()
+    {
+        TestPlugin plugin;
+        bool ok = true;
+        QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(1), &ok), QJsonValue(1));
+        QVERIFY(!ok);
+        QVERIFY(!plugin.setInMainConfig(QStringLiteral("a/b"), 2));
+
+        plugin.setMainConfig(QSharedPointer<QJsonObject>::create(QJsonObject{{QStringLiteral("a"), QJsonObject{{QStringLiteral("b"), 2}}},
+                                                                              {QStringLiteral("leaf"), 3}}));
+        QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(), &ok), QJsonValue(2));
+        QVERIFY(ok);
+        QVERIFY(!plugin.setInMainConfig(QStringLiteral("leaf/x"), 1));
+        QVERIFY(plugin.setInPluginConfig(QStringLiteral("timeouts/read"), 500));
+        QCOMPARE(plugin.getInPluginConfig(QStringLiteral("timeouts/read"), QJsonValue(), &ok), QJsonValue(500));
+        QVERIFY(ok);
+        // The plug-in's section lives in the shared main configuration.
+        QCOMPARE(plugin.getMainConfig()->value(QStringLiteral("plugins")).toObject()
+                     .value(plugin.pluginUuid().toString()).toObject().value(QStringLiteral("timeouts")).toObject()
+                     .value(QStringLiteral("read")), QJsonValue(500));
+        QCOMPARE(plugin.getInMainConfig(QStringLiteral("a/b"), QJsonValue(), &ok), QJsonValue(2));
+    }
+
+    void propertiesNotifyOnRealChange()
+    {
+        TestPlugin plugin;
+        QSignalSpy spy(&plugin, &DAbstractPlugin::sigPropertyChanged);
+        bool ok = true;
+        QVERIFY(!plugin.getProperty(QStringLiteral("reference"), &ok).isValid());
+        QVERIFY(!ok);
+
+        plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), true);
+        plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), true);
+        plugin.setProperty(QStringLiteral("silent"), 1, false);
+        QCOMPARE(spy.count(), 1);
+        QCOMPARE(spy.at(0).at(0).toString(), QStringLiteral("reference"));
+        QCOMPARE(plugin.getProperty(QStringLiteral("reference"), &ok).toString(), QStringLiteral("dev io1"));
+        QVERIFY(ok);
+        QCOMPARE(plugin.getProperty(QStringLiteral("silent"), QVariant()), QVariant(1));
+        QCOMPARE(plugin.getName(), QStringLiteral("dev io1"));
+    }
+};
 
 QTEST_GUILESS_MAIN(TstFramework)
 #include "tst_framework.moc"
