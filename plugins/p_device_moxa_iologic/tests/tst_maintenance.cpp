@@ -86,9 +86,8 @@ private slots:
     void init();
     void cleanup();
 
-    void faultShownAtEverySize_data();
-    void faultShownAtEverySize();
-    void clicks();
+    void panelAtEverySize_data();
+    void panelAtEverySize();
     void recorded_data();
     void recorded();
 
@@ -179,11 +178,11 @@ void TstMaintenance::cleanup()
         QVERIFY(m_simulator.start(QHostAddress::LocalHost, m_port));
 }
 
-void TstMaintenance::faultShownAtEverySize_data()
+void TstMaintenance::panelAtEverySize_data()
 {
     QTest::addColumn<QString>("fault");
     QTest::addColumn<QSize>("size");
-    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("error");
 
     const QString noAnswer = QStringLiteral("No answer from 127.0.0.1:%1 for ");
     QTest::newRow("too slow, 640x400") << "delay" << QSize(640, 400) << noAnswer;
@@ -192,17 +191,24 @@ void TstMaintenance::faultShownAtEverySize_data()
     QTest::newRow("too slow, 3840x2160") << "delay" << QSize(3840, 2160) << noAnswer;
 }
 
-void TstMaintenance::faultShownAtEverySize()
+void TstMaintenance::panelAtEverySize()
 {
     QFETCH(QString, fault);
     QFETCH(QSize, size);
-    QFETCH(QString, text);
+    QFETCH(QString, error);
 
     // The widest texts a tile shows: "blinking" and the age of a stale value.
     m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 2, 200);
     m_simulator.setPulseStatus(2, true);
     m_simulator.setInput(1, true);
-    QTRY_VERIFY_WITH_TIMEOUT(tile("DO2") == QLatin1String("blinking") && tile("DI1") == QLatin1String("ON"), c_waitMs);
+    click(QStringLiteral("DO1"));
+    // "…" until the device shows the new state: the display does not follow the click.
+    QCOMPARE(tile("DO1"), QStringLiteral("…"));
+    QTRY_COMPARE_WITH_TIMEOUT(QStringList({tile("DO1"), tile("DI1"), tile("DO2")}), QStringList({"ON", "ON", "blinking"}), c_waitMs);
+    // The header names the module, the configured device and its address.
+    QTRY_COMPARE_WITH_TIMEOUT(QStringList({text({"modelName"}), text({"reference"}), text({"connection"}), text({"firmware"}), text({"mac"})}),
+             QStringList({E1212Simulator::modelName(), "Moxa E1212 io1", QStringLiteral("127.0.0.1:%1").arg(m_port),
+                          E1212Simulator::firmwareVersion(), E1212Simulator::macAddress()}), c_waitMs);
     if (fault == QLatin1String("stop"))
         m_simulator.stop();
     else if (fault == QLatin1String("delay"))
@@ -213,7 +219,7 @@ void TstMaintenance::faultShownAtEverySize()
     const bool stale = fault != QLatin1String("exception");
     QTRY_COMPARE_WITH_TIMEOUT(state(), stale ? int(NotAnswering) : int(Error), c_waitMs);
     QTRY_VERIFY_WITH_TIMEOUT(tile("DI1", "label").endsWith(QLatin1String(" s old")) == stale, c_waitMs);
-    QVERIFY2(this->text({"errorText"}).startsWith(text.arg(m_port)), qPrintable(this->text({"errorText"})));
+    QVERIFY2(text({"errorText"}).startsWith(error.arg(m_port)), qPrintable(text({"errorText"})));
     QVERIFY(!m_backend->property("errorDetails").toString().isEmpty());
     QCOMPARE(tile("DI1"), QStringLiteral("ON"));
 
@@ -251,26 +257,11 @@ void TstMaintenance::faultShownAtEverySize()
     QTRY_COMPARE_WITH_TIMEOUT(tile("DI1"), QStringLiteral("OFF"), c_waitMs);
     QCOMPARE(tile("DI1", "label"), QStringLiteral("Digital input 1"));
     QVERIFY(!findItem(m_view->rootObject(), QStringLiteral("errorText")));
-}
-
-void TstMaintenance::clicks()
-{
-    click(QStringLiteral("DO1"));
-    // "…" until the device shows the new state: the display does not follow the click.
-    QCOMPARE(tile("DO1"), QStringLiteral("…"));
-    m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 6, 500);
-    m_simulator.setPulseStatus(6, true);
-    m_simulator.setInput(5, true);
-    QTRY_COMPARE_WITH_TIMEOUT(QStringList({tile("DO1"), tile("DI5"), tile("DO6")}), QStringList({"ON", "ON", "blinking"}), c_waitMs);
-    // The header names the module, the configured device and its address.
-    QTRY_COMPARE_WITH_TIMEOUT(QStringList({text({"modelName"}), text({"reference"}), text({"connection"}), text({"firmware"}), text({"mac"})}),
-                              QStringList({E1212Simulator::modelName(), "Moxa E1212 io1", QStringLiteral("127.0.0.1:%1").arg(m_port),
-                                           E1212Simulator::firmwareVersion(), E1212Simulator::macAddress()}), c_waitMs);
     // A click turns an output off again, a blinking one included.
     click(QStringLiteral("DO1"));
-    click(QStringLiteral("DO6"));
-    QTRY_VERIFY_WITH_TIMEOUT(tile("DO1") == QLatin1String("OFF") && tile("DO6") == QLatin1String("OFF"), c_waitMs);
-    QVERIFY(!m_simulator.output(1) && !m_simulator.pulseStatus(6));
+    click(QStringLiteral("DO2"));
+    QTRY_VERIFY_WITH_TIMEOUT(tile("DO1") == QLatin1String("OFF") && tile("DO2") == QLatin1String("OFF"), c_waitMs);
+    QVERIFY(!m_simulator.output(1) && !m_simulator.pulseStatus(2));
 }
 
 void TstMaintenance::recorded_data()
@@ -290,6 +281,9 @@ void TstMaintenance::recorded_data()
         fail("getValues", status, IMessenger::CeTimeout), started({}), answer("getValues", status, off), check("stale", false),
         check("connectionState", Connected), check("errorText", QString()), started({"listenEvents DI3"}),
         answer("getValues", status, off), started({"listenEvents DI3"})};
+    // An age is whole seconds, rounded: 1.6 s of silence read as 2.
+    QTest::newRow("age rounded") << QVariantList{listen("DI0", 0), QVariantList{"wait", 1600}, fail("listenEvents", "DI3", IMessenger::CeTimeout),
+                                                 check("staleSeconds", 2), logged("No answer from 10.0.0.9:502 for 2 s")};
     QTest::newRow("a refusal stays until the same kind of run goes through") << QVariantList{
         listen("DI0", 0), fail("listenEvents", "DI0", IMessenger::CeModbusException, 2),
         logged("Module refused: illegal data address at discrete input 0"), fail("listenEvents", "DI3", IMessenger::CeModbusException, 4),
@@ -374,6 +368,8 @@ void TstMaintenance::recorded()
         } else if (is("detach")) { // without its plug-in the back-end cannot start again
             backend->setProperty("device", QVariant::fromValue<QObject *>(nullptr));
             QVERIFY(QMetaObject::invokeMethod(backend.data(), "initBackend", Q_RETURN_ARG(bool, taken)) && !taken);
+        } else if (is("wait")) {
+            QTest::qWait(command.toInt());
         } else if (is("started") || is("stopped")) {
             QCOMPARE(describe(is("started") ? initRuns : 0, is("stopped")), step.at(3).toStringList());
         } else if (is("logged")) {

@@ -71,32 +71,24 @@ void TstPluginShell::metadata()
 
 void TstPluginShell::rootInstanceAndIdentity()
 {
-    QPluginLoader loader(QString::fromLatin1(bench::c_pluginPath));
-    QObject *first = loader.instance();
-    QVERIFY(first);
-    QCOMPARE(loader.instance(), first);
-    QCOMPARE(first->metaObject()->className(), "PDeviceMoxaIoLogic");
-    QCOMPARE(first->metaObject()->superClass(), &DAbstractPlugin::staticMetaObject);
-    QCOMPARE(first->metaObject()->methodCount() + first->metaObject()->propertyCount(),
+    DAbstractPlugin *root = bench::rootPlugin();
+    QVERIFY(root && root->objectUuid().isNull());
+    QCOMPARE(root->metaObject()->className(), "PDeviceMoxaIoLogic");
+    QCOMPARE(root->metaObject()->superClass(), &DAbstractPlugin::staticMetaObject);
+    QCOMPARE(root->metaObject()->methodCount() + root->metaObject()->propertyCount(),
              DAbstractPlugin::staticMetaObject.methodCount() + DAbstractPlugin::staticMetaObject.propertyCount());
-    QCOMPARE(first->qt_metacast("PDeviceMoxaIoLogic"), static_cast<void *>(first));
-    delete first;
-    auto *second = qobject_cast<IPlugin *>(loader.instance());
-    QVERIFY(second && static_cast<void *>(second) != static_cast<void *>(first));
-    QVERIFY(second->objectUuid().isNull());
 
     const QUuid uuid = QUuid::createUuid();
-    const QScopedPointer<IPlugin> instance(second->createInstance(uuid));
-    QVERIFY(!dynamic_cast<QObject *>(instance.data())->parent());
+    const QScopedPointer<IPlugin> instance(root->createInstance(uuid));
+    auto *plugin = dynamic_cast<DAbstractPlugin *>(instance.data());
+    QVERIFY(!plugin->parent() && !plugin->isHidden());
     QCOMPARE(instance->objectUuid(), uuid);
     QCOMPARE(instance->pluginUuid(), c_pluginUuid);
     QCOMPARE(instance->pluginName(), QStringLiteral("Device Moxa IoLogic E1212"));
     QCOMPARE(instance->pluginVersion(), versionFromString(QStringLiteral("1.0"), nullptr, QLatin1Char('.')));
     QCOMPARE(quint32(instance->pluginType()), 0x44657669u);
     QCOMPARE(instance->pluginSubTypeName(), "");
-    QVERIFY(!dynamic_cast<DAbstractPlugin *>(instance.data())->isHidden());
     BENCH_COMPARE(instance->getProperty(QStringLiteral("typeName"), QVariant()), QStringLiteral(""));
-    auto *plugin = dynamic_cast<DAbstractPlugin *>(instance.data());
     QVERIFY(plugin->commandNames().isEmpty() && !plugin->getFromParameters(QStringLiteral("channels")).isValid());
 }
 
