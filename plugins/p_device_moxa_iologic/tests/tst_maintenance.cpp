@@ -27,27 +27,24 @@ constexpr int c_waitMs = 5000;
 // Values of BeMaintenanceDeviceMoxaIoLogic::EnConnectionState.
 enum { Connected = 2, NotAnswering = 3, Error = 4 };
 
-// The first visible item named `name` under `parent`. Each group makes a tile for every channel
-// and shows only its own kind: the visible tile is the one on screen.
-QQuickItem *findItem(QQuickItem *parent, const QString &name)
+// The items shown under `parent`, depth first.
+QList<QQuickItem *> shown(QQuickItem *parent)
 {
-    for (QQuickItem *child : parent->childItems()) {
-        QQuickItem *found = !child->isVisible() ? nullptr : child->objectName() == name ? child : findItem(child, name);
-        if (found)
-            return found;
-    }
-    return nullptr;
+    QList<QQuickItem *> items;
+    for (QQuickItem *child : parent->childItems())
+        if (child->isVisible() && child->opacity() > 0)
+            items << child << shown(child);
+    return items;
 }
 
-// Every visible text item under `item`.
-void visibleTexts(QQuickItem *item, QList<QQuickItem *> *texts)
+// The first item named `name` shown under `parent`. Each group makes a tile for every channel
+// and shows only its own kind: the tile shown is the one on screen.
+QQuickItem *findItem(QQuickItem *parent, const QString &name)
 {
-    if (!item->isVisible() || item->opacity() == 0)
-        return;
-    if (item->metaObject()->indexOfProperty("truncated") >= 0 && !item->property("text").toString().isEmpty())
-        texts->append(item);
-    for (QQuickItem *child : item->childItems())
-        visibleTexts(child, texts);
+    for (QQuickItem *item : shown(parent))
+        if (item->objectName() == name)
+            return item;
+    return nullptr;
 }
 
 // The recorded back-end's table: inputs, outputs at pulse offsets 0 and 3, an analog input, the pulse records.
@@ -83,7 +80,6 @@ class TstMaintenance : public QObject
     Q_OBJECT
 private slots:
     void initTestCase();
-    void init();
     void cleanup();
 
     void panelAtEverySize_data();
@@ -117,7 +113,6 @@ private:
     QScopedPointer<QQuickView> m_view;
     QObject *m_backend = nullptr;
     QList<QQmlError> m_qmlWarnings;
-    QQmlEngine m_engine;
 };
 
 void TstMaintenance::initTestCase()
@@ -137,33 +132,6 @@ void TstMaintenance::initTestCase()
     m_host->setTimeoutOverride(c_timeoutMs);
     QVERIFY2(m_host->addDevice(config, &error), qPrintable(error));
     QVERIFY(m_device = m_host->device(config.reference));
-}
-
-void TstMaintenance::init()
-{
-    if (QByteArray(QTest::currentTestFunction()) == "recorded")
-        return;
-    m_simulator.clearExceptions();
-    m_simulator.setResponseDelay(0);
-    for (int channel = 0; channel < E1212Simulator::ChannelCount; ++channel) {
-        m_simulator.setInput(channel, false);
-        m_simulator.setPulseStatus(channel, false);
-    }
-    m_qmlWarnings.clear();
-    m_view.reset(new QQuickView);
-    connect(m_view->engine(), &QQmlEngine::warnings, this, [this](const QList<QQmlError> &w) { m_qmlWarnings << w; });
-    m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceDevice"), m_device);
-    m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceConnectionPath"), QStringLiteral("127.0.0.1:%1").arg(m_port));
-    m_view->rootContext()->setContextProperty(QStringLiteral("maintenancePollIntervalMs"), c_pollMs);
-    m_view->setResizeMode(QQuickView::SizeRootObjectToView);
-    m_view->resize(800, 480);
-    m_view->setSource(c_panelUrl);
-    QVERIFY(m_view->status() == QQuickView::Ready);
-    m_view->show();
-    QVERIFY(QTest::qWaitForWindowExposed(m_view.data()));
-    QVERIFY(m_backend = m_view->rootObject()->findChild<QObject *>(QStringLiteral("backend")));
-    QTRY_COMPARE_WITH_TIMEOUT(state(), int(Connected), c_waitMs);
-    QTRY_VERIFY_WITH_TIMEOUT(tile("DO7") == QLatin1String("OFF") && tile("DI7") == QLatin1String("OFF"), c_waitMs);
 }
 
 void TstMaintenance::cleanup()
@@ -196,6 +164,27 @@ void TstMaintenance::panelAtEverySize()
     QFETCH(QString, fault);
     QFETCH(QSize, size);
     QFETCH(QString, error);
+    m_simulator.clearExceptions();
+    m_simulator.setResponseDelay(0);
+    for (int channel = 0; channel < E1212Simulator::ChannelCount; ++channel) {
+        m_simulator.setInput(channel, false);
+        m_simulator.setPulseStatus(channel, false);
+    }
+    m_qmlWarnings.clear();
+    m_view.reset(new QQuickView);
+    connect(m_view->engine(), &QQmlEngine::warnings, this, [this](const QList<QQmlError> &w) { m_qmlWarnings << w; });
+    m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceDevice"), m_device);
+    m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceConnectionPath"), QStringLiteral("127.0.0.1:%1").arg(m_port));
+    m_view->rootContext()->setContextProperty(QStringLiteral("maintenancePollIntervalMs"), c_pollMs);
+    m_view->setResizeMode(QQuickView::SizeRootObjectToView);
+    m_view->resize(800, 480);
+    m_view->setSource(c_panelUrl);
+    QVERIFY(m_view->status() == QQuickView::Ready);
+    m_view->show();
+    QVERIFY(QTest::qWaitForWindowExposed(m_view.data()));
+    QVERIFY(m_backend = m_view->rootObject()->findChild<QObject *>(QStringLiteral("backend")));
+    QTRY_COMPARE_WITH_TIMEOUT(state(), int(Connected), c_waitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(tile("DO7") == QLatin1String("OFF") && tile("DI7") == QLatin1String("OFF"), c_waitMs);
 
     // The widest texts a tile shows: "blinking" and the age of a stale value.
     m_simulator.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 2, 200);
@@ -229,11 +218,10 @@ void TstMaintenance::panelAtEverySize()
     QSignalSpy frame(m_view.data(), &QQuickWindow::frameSwapped);
     m_view->update();
     QVERIFY(frame.wait(c_waitMs));
-    QList<QQuickItem *> texts;
-    visibleTexts(m_view->rootObject(), &texts);
-    QVERIFY(texts.size() > 40);
     QList<QRectF> boxes;
-    for (QQuickItem *item : qAsConst(texts)) {
+    for (QQuickItem *item : shown(m_view->rootObject())) {
+        if (item->metaObject()->indexOfProperty("truncated") < 0 || item->property("text").toString().isEmpty())
+            continue;
         const QByteArray what = item->property("text").toString().toUtf8();
         const QSizeF drawn(item->property("contentWidth").toReal(), item->property("contentHeight").toReal());
         QVERIFY2(!item->property("truncated").toBool() && drawn.width() <= item->width() + 0.5, QByteArray("cut: ").append(what).constData());
@@ -243,6 +231,7 @@ void TstMaintenance::panelAtEverySize()
             QVERIFY2(!other.intersects(box), QByteArray("overlaps another text: ").append(what).constData());
         boxes << box;
     }
+    QVERIFY(boxes.size() > 40);
     // Fonts and tiles grow together: a tile stays three to six lines of its state text high.
     QQuickItem *t = findItem(m_view->rootObject(), QStringLiteral("tile_DO2"));
     const qreal lines = t->height() / findItem(t, QStringLiteral("state"))->property("font").value<QFont>().pixelSize();
@@ -325,7 +314,8 @@ void TstMaintenance::recorded()
 {
     QFETCH(QVariantList, steps);
     bench::Device device(table());
-    QQmlComponent component(&m_engine);
+    QQmlEngine engine;
+    QQmlComponent component(&engine);
     // Both QML types come with the plug-in.
     component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic { connectionPath: \"10.0.0.9:502\"; property var channel: DMoxaChannel {} }\n", QUrl());
     QScopedPointer<QObject> backend(component.create());
@@ -335,16 +325,6 @@ void TstMaintenance::recorded()
     auto *hooks = qobject_cast<DAbstractPluginBackend *>(backend.data());
     const QList<TestMessenger::Run> &runs = device.messenger.runs();
     const int initRuns = runs.size();
-    const auto describe = [&runs](int from, bool stoppedOnly) {
-        QStringList described;
-        for (const TestMessenger::Run &run : runs.mid(from)) {
-            if (run.stopped || !stoppedOnly)
-                described << QStringLiteral("%1 %2 %3%4").arg(run.command, run.arguments.value("channel").toString(),
-                                                               run.arguments.value("value").toString(), run.repeatMs ? " every" : "")
-                                 .simplified();
-        }
-        return described;
-    };
     LogCapture log;
     int lines = 0;
     for (const QVariant &s : qAsConst(steps)) {
@@ -371,7 +351,12 @@ void TstMaintenance::recorded()
         } else if (is("wait")) {
             QTest::qWait(command.toInt());
         } else if (is("started") || is("stopped")) {
-            QCOMPARE(describe(is("started") ? initRuns : 0, is("stopped")), step.at(3).toStringList());
+            QStringList described;
+            for (const TestMessenger::Run &run : runs.mid(is("started") ? initRuns : 0))
+                if (run.stopped || is("started"))
+                    described << QStringLiteral("%1 %2 %3%4").arg(run.command, run.arguments.value("channel").toString(),
+                                                                   run.arguments.value("value").toString(), run.repeatMs ? " every" : "").simplified();
+            QCOMPARE(described, step.at(3).toStringList());
         } else if (is("logged")) {
             QVERIFY2(lines < log.messages().size(), qPrintable(command));
             QString tail;
