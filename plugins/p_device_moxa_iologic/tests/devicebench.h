@@ -70,10 +70,11 @@ inline QString describe(const QVariant &value)
 
 #define BENCH_COMPARE(actual, expected) QCOMPARE(bench::describe(QVariant(actual)), bench::describe(QVariant(expected)))
 
-// Empty when `message` is the diagnostic line `emitter` writes from the plug-in source `file`
-// at `line` (any line when negative) with `tail` after its items; otherwise why not.
-inline QString diagnosticMismatch(const LogCapture::Message &message, const QObject *emitter, const QString &file,
-                                  int line, const QString &tail)
+// `message` as {text, "type category file:line function", date valid}, then the same for the diagnostic
+// line `emitter` writes from the plug-in source `file` at `line` (any line when negative) with `tail`
+// after its items: critical, in category "default", without context.
+inline QPair<QStringList, QStringList> logged(const LogCapture::Message &message, const QObject *emitter, const QString &file,
+                                              int line, const QString &tail)
 {
     const QByteArray path = "plugins/p_device_moxa_iologic/source/" + file.toLatin1();
     const QString date = QRegularExpression(QStringLiteral("^\n \"([^\"]*)\"")).match(message.text).captured(1);
@@ -82,14 +83,16 @@ inline QString diagnosticMismatch(const LogCapture::Message &message, const QObj
     QString expected;
     QDebug(&expected) << "\n" << date << ";\t" << "Thread =" << static_cast<QObject *>(QThread::currentThread()) << ";\t"
                       << "This =" << emitter << ";\t" << path.constData() << ";\t" << line << ";\t";
-    expected += tail;
-    if (message.type == QtCriticalMsg && message.category == QLatin1String("default") && !message.file && !message.line
-        && !message.function && QDateTime::fromString(date, QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).isValid()
-        && message.text == expected)
-        return QString();
-    return QStringLiteral("got %1 in category %2 with context %3:%4 %5, expected %6 in \"default\" without")
-        .arg(describe(message.text), message.category, QLatin1String(message.file)).arg(message.line)
-        .arg(QLatin1String(message.function), describe(expected));
+    const QString context = QStringLiteral("%1 %2 %3:%4 %5").arg(message.type).arg(message.category, QLatin1String(message.file))
+                                .arg(message.line).arg(QLatin1String(message.function));
+    const bool dated = QDateTime::fromString(date, QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).isValid();
+    return {{message.text, context, QString::number(dated)}, {expected + tail, QStringLiteral("2 default :0 "), QStringLiteral("1")}};
 }
+
+#define BENCH_LOGGED(message, emitter, file, line, tail)                                           \
+    do {                                                                                           \
+        const auto got = bench::logged(message, emitter, file, line, tail);                        \
+        QCOMPARE(got.first, got.second);                                                           \
+    } while (false)
 
 } // namespace bench

@@ -362,8 +362,7 @@ void TstMaintenance::recorded()
             QString tail;
             QDebug(&tail) << qUtf8Printable(command) << step.at(2).toString();
             tail.chop(1);
-            const QString why = bench::diagnosticMismatch(log.messages().at(lines++), backend.data(), "be_maintenance_plugin", -1, tail);
-            QVERIFY2(why.isEmpty(), qPrintable(why));
+            BENCH_LOGGED(log.messages().at(lines++), backend.data(), "be_maintenance_plugin", -1, tail);
         } else {
             QVariant actual = backend->property(qPrintable(command));
             QVERIFY(actual.convert(step.at(3).userType()));
