@@ -53,16 +53,13 @@ struct Device
 inline QString describe(const QVariant &value)
 {
     QString text;
-    if (value.userType() == QMetaType::QVariantList) {
+    if (value.userType() == QMetaType::QVariantList || value.userType() == QMetaType::QVariantMap) {
+        const QVariantMap map = value.toMap(); // empty for a list, as the list is for a map
         for (const QVariant &item : value.toList())
             text += describe(item) + QLatin1Char(',');
-        return QStringLiteral("QVariantList(%1)").arg(text);
-    }
-    if (value.userType() == QMetaType::QVariantMap) {
-        const QVariantMap map = value.toMap();
         for (auto it = map.constBegin(); it != map.constEnd(); ++it)
             text += it.key() + QStringLiteral(": ") + describe(it.value()) + QLatin1Char(',');
-        return QStringLiteral("QVariantMap(%1)").arg(text);
+        return QStringLiteral("%1(%2)").arg(QLatin1String(value.typeName()), text);
     }
     QDebug(&text) << value;
     return value.userType() == QMetaType::QString && value.toString().isNull() ? text + QStringLiteral("null") : text;

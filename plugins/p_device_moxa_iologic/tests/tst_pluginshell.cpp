@@ -14,7 +14,6 @@
 using bench::record;
 
 namespace {
-const QUuid c_pluginUuid(QStringLiteral("{43ae4651-f855-42c1-81e2-c73130e79008}"));
 
 // A plug-in of the same framework that overrides only what it must, so that every entry it
 // inherits in its virtual tables is DAbstractPlugin's (or QObject's).
@@ -38,12 +37,6 @@ QList<int> differences(const void *a, const void *b, int size)
     return indices;
 }
 
-// One declared argument as "kind name type description = default".
-QString describe(const DCommandArgument &argument)
-{
-    return QStringLiteral("%1 %2 %3 %4 = %5").arg(argument.kind).arg(argument.name, argument.typeCode, argument.description,
-                                                                    bench::describe(argument.defaultValue));
-}
 const QString c_coils = QStringLiteral("coilsRegister");
 const QString c_holding = QStringLiteral("holdingRegisters");
 const QString c_inputs = QStringLiteral("inputRegisters");
@@ -59,8 +52,7 @@ QVariantList channels()
         record("DO4", {{"register", 4}, {"readRegisterType", "coilsregister"}, {"activeLevelHigh", false}}),
         record("DO_PulseStatus", {{"register", 0x10}, {"writeRegisterType", c_coils}}),
         record("DO_PulseOnWidth", {{"register", 0x10100}, {"writeRegisterType", c_holding}}),
-        record("DO_PulseOffWidth", {{"register", 0xFFFF}, {"writeRegisterType", c_holding}}),
-    };
+        record("DO_PulseOffWidth", {{"register", 0xFFFF}, {"writeRegisterType", c_holding}}), };
 }
 
 // One driver instruction as the test compares it: name, whether a callback is bound, parameters.
@@ -116,8 +108,7 @@ private slots:
 void TstPluginShell::metadata()
 {
     QFile library(QString::fromLatin1(bench::c_pluginPath));
-    QVERIFY(library.open(QIODevice::ReadOnly));
-    const QByteArray bytes = library.readAll();
+    const QByteArray bytes = library.open(QIODevice::ReadOnly) ? library.readAll() : QByteArray();
     const int at = bytes.indexOf("QTMETADATA !");
     QVERIFY(at >= 0);
     // Format 0, Qt 5.15, no architecture or debug requirements, then an indefinite-length map.
@@ -141,7 +132,7 @@ void TstPluginShell::rootInstanceAndIdentity()
     auto *plugin = dynamic_cast<DAbstractPlugin *>(instance.data());
     QVERIFY(!plugin->parent() && !plugin->isHidden());
     QCOMPARE(instance->objectUuid(), uuid);
-    QCOMPARE(instance->pluginUuid(), c_pluginUuid);
+    QCOMPARE(instance->pluginUuid(), QUuid("{43ae4651-f855-42c1-81e2-c73130e79008}"));
     QCOMPARE(instance->pluginName(), QStringLiteral("Device Moxa IoLogic E1212"));
     QCOMPARE(instance->pluginVersion(), versionFromString(QStringLiteral("1.0"), nullptr, QLatin1Char('.')));
     QCOMPARE(quint32(instance->pluginType()), 0x44657669u);
@@ -161,15 +152,6 @@ void TstPluginShell::virtualTables()
     QCOMPARE(table(plugin)[35], reinterpret_cast<const void *>(-16));
     // IPlugin's table: destructors, createInstance and pluginSubTypeName are the plug-in's.
     QCOMPARE(differences(instance.data(), static_cast<const IPlugin *>(&probe), 23), (QList<int>{0, 1, 16, 17}));
-
-    // The three overrides, called through the slots that hold them.
-    QCOMPARE(reinterpret_cast<const char *(*)(const void *)>(table(plugin)[34])(plugin), plugin->pluginSubTypeName());
-    QCOMPARE(reinterpret_cast<const char *(*)(const void *)>(table(instance.data())[17])(instance.data()), plugin->pluginSubTypeName());
-    const QUuid uuid = QUuid::createUuid();
-    const QScopedPointer<IPlugin> made(reinterpret_cast<IPlugin *(*)(const void *, const QUuid &)>(table(plugin)[33])(plugin, uuid));
-    QCOMPARE(made->objectUuid(), uuid);
-    reinterpret_cast<void (*)(void *)>(table(plugin)[32])(dynamic_cast<DAbstractPlugin *>(made.data()));
-    QVERIFY(dynamic_cast<DAbstractPlugin *>(made.data())->command(QStringLiteral("getInfo")));
 }
 
 void TstPluginShell::channelTable_data()
@@ -187,7 +169,6 @@ void TstPluginShell::channelTable_data()
     QTest::newRow("empty list") << QVariant("a io2") << all << QVariant(QVariantList());
     QTest::newRow("not a list") << QVariant("a io3") << all << QVariant(7);
     QTest::newRow("missing table") << QVariant("dev io9") << all << QVariant();
-    QTest::newRow("no parameters") << QVariant("dev io1") << QVariant() << QVariant();
     QTest::newRow("no reference") << QVariant() << all << QVariant();
 }
 
@@ -231,7 +212,8 @@ void TstPluginShell::declarations()
     for (const QString &name : device.plugin->commandNames().mid(1)) {
         declared << name + ": " + device.plugin->getFunctionDescription(name);
         for (const DCommandArgument &argument : device.plugin->getCommandParameters(name))
-            declared << describe(argument);
+            declared << QStringLiteral("%1 %2 %3 %4 = %5").arg(argument.kind).arg(argument.name, argument.typeCode, argument.description,
+                                                                        bench::describe(argument.defaultValue));
     }
     const QString gpio = QStringLiteral(" = QVariant(QString, \"\") ");
     const QString pulse[] = {"0 channel strg Channel name" + gpio, "0 pulseOnWidth int On pulse width (ms)" + gpio,
@@ -273,15 +255,12 @@ void TstPluginShell::commands_data()
            reads, information(QStringLiteral("ABC\u00e9"), "V10.11.12 Build17339966", "AB:CD:EF:89:23:45"));
     addRow("empty name, unread numbers", "getInfo", {},
            {reply(0, values(QVariantList{0x0045, 0x4142}), true), reply(1, values(QVariantList{"a", 1, 2, 3}), true),
-            reply(2, values(QVariantList{0, 0, 1}), true)},
-           reads, information("", "V0.0.0 Build00020003", "00:00:00:00:00:01"));
-    addRow("short firmware", "getInfo", {}, {reply(0, c_model, true), reply(1, values(QVariantList{1, 2, 3}), false),
-                                                   reply(2, c_mac, true)},
-           reads, {}, {log(-1, "DCmdGetInfo::rplFirmwareInfo : expected 4 words, got 3")});
-    addRow("short MAC, model not a list, firmware without values", "getInfo", {},
-           {reply(2, values(QVariantList{1, 2}), false), reply(0, values(0x4142), false), reply(1, {}, false)}, reads, {},
+            reply(2, values(QVariantList{0, 0, 1}), true)}, reads, information("", "V0.0.0 Build00020003", "00:00:00:00:00:01"));
+    // Broken replies (MAC short, model not a list, firmware without values, then short) leave no result.
+    addRow("broken replies", "getInfo", {}, {reply(2, values(QVariantList{1, 2}), false), reply(0, values(0x4142), false), reply(1, {}, false),
+                                             reply(1, values(QVariantList{1, 2, 3}), false), reply(0, c_model, true), reply(2, c_mac, true)}, reads, {},
            {log(-1, "DCmdGetInfo::rplMacAddress : expected 3 words, got 2"), log(-1, "DCmdGetInfo::rplModelName : reply values are not a list"),
-            log(-1, "DCmdGetInfo::rplFirmwareInfo : reply does not contain values")});
+            log(-1, "DCmdGetInfo::rplFirmwareInfo : reply does not contain values"), log(-1, "DCmdGetInfo::rplFirmwareInfo : expected 4 words, got 3")});
     addRow("coil read at pulse status", "getValue", {{"channel", "DO3"}}, {reply(0, values(QVariantList{1, 0, 1}), true)},
            {read(19, c_coils)}, {{"value", 1u}});
     addRow("other case, no offset", "getValue", {{"channel", "DO4"}}, {reply(0, values(QVariantList{"12"}), true)},
@@ -311,8 +290,7 @@ void TstPluginShell::commands_data()
            {read(4465, c_inputs), write(4465, 0x1254, c_holding)}, {{"doneOk", true}});
     addRow("masked: value fetched at the reply", "setValue", masked,
            {QVariantList{"arguments", QVariantMap{{"channel", "DO3"}, {"value", 0x12345}, {"bitMask", 0}}},
-            reply(0, values(QVariantList{0x1FFFF}), true)},
-           {read(4465, c_inputs), write(4465, 0xFF4F, c_holding)});
+            reply(0, values(QVariantList{0x1FFFF}), true)}, {read(4465, c_inputs), write(4465, 0xFF4F, c_holding)});
     addRow("masked: read empty, not a list, without values", "setValue", masked,
            {reply(0, values(QVariantList()), false), reply(0, values(QStringList{"1"}), false), reply(0, {}, false)},
            {read(4465, c_inputs)}, {}, {log(136, c_empty), log(139, c_notList), log(142, c_noValues)});
@@ -342,10 +320,8 @@ void TstPluginShell::commands_data()
     addRow("one value", "listenEvents", {{"channel", "AI0"}}, {reply(0, values(QVariantList{1}), true)}, {listenAI0},
            {{"values", QVariantMap{{"values", QVariantList{1}}}}});
     addRow("two values", "listenEvents", {{"channel", "AI0"}}, {reply(0, values(QVariantList{1, 0}), true)}, {listenAI0},
-           {{"values", QVariantMap()}},
-           {log(-1, count.arg(2).arg("QVariant(QVariantList, (QVariant(int, 1), QVariant(int, 0)))"))});
-    addRow("not a list", "listenEvents", {{"channel", "AI0"}}, {reply(0, values(1), true)}, {listenAI0},
-           {{"values", QVariantMap()}},
+           {{"values", QVariantMap()}}, {log(-1, count.arg(2).arg("QVariant(QVariantList, (QVariant(int, 1), QVariant(int, 0)))"))});
+    addRow("not a list", "listenEvents", {{"channel", "AI0"}}, {reply(0, values(1), true)}, {listenAI0}, {{"values", QVariantMap()}},
            {log(-1, "ERROR: Reply data format not managed"), log(-1, count.arg(0).arg("QVariant(int, 1)"))});
     addRow("no values", "listenEvents", {{"channel", "AI0"}}, {reply(0, {}, false)}, {listenAI0}, {}, {log(-1, "ERROR: Invalid reply format")});
 }
