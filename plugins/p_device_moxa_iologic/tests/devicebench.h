@@ -86,10 +86,6 @@ inline QPair<QStringList, QStringList> logged(const LogCapture::Message &message
     return {{message.text, context, QString::number(dated)}, {expected + tail, QStringLiteral("2 default :0 "), QStringLiteral("1")}};
 }
 
-#define BENCH_LOGGED(message, emitter, file, line, tail)                                           \
-    do {                                                                                           \
-        const auto got = bench::logged(message, emitter, file, line, tail);                        \
-        QCOMPARE(got.first, got.second);                                                           \
-    } while (false)
+#define BENCH_LOGGED(...) QCOMPARE(bench::logged(__VA_ARGS__).first, bench::logged(__VA_ARGS__).second)
 
 } // namespace bench

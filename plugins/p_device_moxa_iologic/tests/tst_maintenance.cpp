@@ -336,11 +336,11 @@ void TstMaintenance::recorded()
                                                                    run.arguments.value("value").toString(), run.repeatMs ? " every" : "").simplified();
             QCOMPARE(described, step.at(3).toStringList());
         } else if (is("logged")) {
-            QVERIFY2(lines < log.messages().size(), qPrintable(command));
+            QVERIFY2(lines++ < log.messages().size(), qPrintable(command));
             QString tail;
             QDebug(&tail) << qUtf8Printable(command) << step.at(2).toString();
             tail.chop(1);
-            BENCH_LOGGED(log.messages().at(lines++), backend.data(), "be_maintenance_plugin", -1, tail);
+            BENCH_LOGGED(log.messages().at(lines - 1), backend.data(), "be_maintenance_plugin", -1, tail);
         } else {
             QVariant actual = backend->property(qPrintable(command));
             QVERIFY(actual.convert(step.at(3).userType()));
