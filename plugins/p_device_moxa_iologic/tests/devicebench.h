@@ -14,7 +14,6 @@
 #include <QTest>
 #include <QThread>
 
-#include <algorithm>
 #include <memory>
 
 namespace bench {
@@ -50,40 +49,29 @@ struct Device
     }
 };
 
-// Same value, and the same type at every level of nested lists and maps; a null text is not an empty one.
-inline bool same(const QVariant &actual, const QVariant &expected)
-{
-    if (actual.userType() != expected.userType() || actual != expected)
-        return false;
-    if (expected.userType() == QMetaType::QString)
-        return actual.toString().isNull() == expected.toString().isNull();
-    if (expected.userType() == QMetaType::QVariantList) {
-        const QVariantList a = actual.toList(), e = expected.toList();
-        return std::equal(a.begin(), a.end(), e.begin(), same);
-    }
-    if (expected.userType() == QMetaType::QVariantMap) {
-        const QVariantMap a = actual.toMap(), e = expected.toMap();
-        return std::equal(a.begin(), a.end(), e.begin(), same);
-    }
-    return true;
-}
-
+// A value as text with its type at every level of nested lists and maps, a null text told from an empty one.
 inline QString describe(const QVariant &value)
 {
     QString text;
+    if (value.userType() == QMetaType::QVariantList || value.userType() == QMetaType::QVariantMap) {
+        const QVariantMap map = value.toMap(); // empty for a list, as the list is for a map
+        for (const QVariant &item : value.toList())
+            text += describe(item) + QLatin1Char(',');
+        for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+            text += it.key() + QStringLiteral(": ") + describe(it.value()) + QLatin1Char(',');
+        return QStringLiteral("%1(%2)").arg(QLatin1String(value.typeName()), text);
+    }
     QDebug(&text) << value;
-    return text;
+    return value.userType() == QMetaType::QString && value.toString().isNull() ? text + QStringLiteral("null") : text;
 }
 
-#define BENCH_COMPARE(actual, expected)                                                            \
-    QVERIFY2(bench::same(QVariant(actual), QVariant(expected)),                                     \
-             qPrintable(QStringLiteral("got %1, expected %2")                                      \
-                            .arg(bench::describe(QVariant(actual)), bench::describe(QVariant(expected)))))
+#define BENCH_COMPARE(actual, expected) QCOMPARE(bench::describe(QVariant(actual)), bench::describe(QVariant(expected)))
 
-// Empty when `message` is the diagnostic line `emitter` writes from the plug-in source `file`
-// at `line` (any line when negative) with `tail` after its items; otherwise why not.
-inline QString diagnosticMismatch(const LogCapture::Message &message, const QObject *emitter, const QString &file,
-                                  int line, const QString &tail)
+// `message` as {text, "type category file:line function", date valid}, then the same for the diagnostic
+// line `emitter` writes from the plug-in source `file` at `line` (any line when negative) with `tail`
+// after its items: critical, in category "default", without context.
+inline QPair<QStringList, QStringList> logged(const LogCapture::Message &message, const QObject *emitter, const QString &file,
+                                              int line, const QString &tail)
 {
     const QByteArray path = "plugins/p_device_moxa_iologic/source/" + file.toLatin1();
     const QString date = QRegularExpression(QStringLiteral("^\n \"([^\"]*)\"")).match(message.text).captured(1);
@@ -92,14 +80,12 @@ inline QString diagnosticMismatch(const LogCapture::Message &message, const QObj
     QString expected;
     QDebug(&expected) << "\n" << date << ";\t" << "Thread =" << static_cast<QObject *>(QThread::currentThread()) << ";\t"
                       << "This =" << emitter << ";\t" << path.constData() << ";\t" << line << ";\t";
-    expected += tail;
-    if (message.type == QtCriticalMsg && message.category == QLatin1String("default") && !message.file && !message.line
-        && !message.function && QDateTime::fromString(date, QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).isValid()
-        && message.text == expected)
-        return QString();
-    return QStringLiteral("got %1 in category %2 with context %3:%4 %5, expected %6 in \"default\" without")
-        .arg(describe(message.text), message.category, QLatin1String(message.file)).arg(message.line)
-        .arg(QLatin1String(message.function), describe(expected));
+    const QString context = QStringLiteral("%1 %2 %3:%4 %5").arg(message.type).arg(message.category, QLatin1String(message.file))
+                                .arg(message.line).arg(QLatin1String(message.function));
+    const bool dated = QDateTime::fromString(date, QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")).isValid();
+    return {{message.text, context, QString::number(dated)}, {expected + tail, QStringLiteral("2 default :0 "), QStringLiteral("1")}};
 }
+
+#define BENCH_LOGGED(...) QCOMPARE(bench::logged(__VA_ARGS__).first, bench::logged(__VA_ARGS__).second)
 
 } // namespace bench
