@@ -144,7 +144,7 @@ void TstChannels::setters()
 
 void TstChannels::model()
 {
-    OLM_DMoxaChannel model;
+    struct Model : OLM_DMoxaChannel { using OLM_DMoxaChannel::beginResetModel, OLM_DMoxaChannel::endResetModel; } model;
     QSignalSpy changed(&model, &OLM_DMoxaChannel::changed);
     QJSEngine engine;
     QQmlEngine::setObjectOwnership(&model, QQmlEngine::CppOwnership);
@@ -165,6 +165,10 @@ void TstChannels::model()
     engine.collectGarbage();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QCOMPARE(QQmlEngine::objectOwnership(channel.data()), QQmlEngine::CppOwnership);
+    // A reset refreshes length and isEmpty too.
+    model.beginResetModel();
+    model.endResetModel();
+    QCOMPARE(changed.count(), 2);
 }
 
 QTEST_MAIN(TstChannels)

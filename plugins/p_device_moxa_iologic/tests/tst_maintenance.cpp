@@ -147,6 +147,8 @@ void TstMaintenance::panelAtEverySize()
     QFETCH(QSize, size);
     QFETCH(QString, error);
     m_view.reset(new QQuickView);
+    // Any QML warning (a type error, a binding loop) fails the row.
+    connect(m_view->engine(), &QQmlEngine::warnings, this, [](const QList<QQmlError> &warnings) { QFAIL(qPrintable(warnings.first().toString())); });
     m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceDevice"), m_device);
     m_view->rootContext()->setContextProperty(QStringLiteral("maintenanceConnectionPath"), QStringLiteral("127.0.0.1:%1").arg(m_port));
     m_view->rootContext()->setContextProperty(QStringLiteral("maintenancePollIntervalMs"), c_pollMs);
