@@ -8,17 +8,8 @@ unsigned long long TestMessenger::sendInstruction(DAbstractCommand *command, con
                                                   const QMap<QString, QVariant> &parameters,
                                                   int timeoutMs, const ReplyCallback &callback)
 {
-    Instruction recorded;
-    recorded.id = m_nextId++;
-    recorded.command = command;
-    recorded.target = target;
-    recorded.name = instruction;
-    recorded.parameters = parameters;
-    recorded.timeoutMs = timeoutMs;
-    recorded.hasCallback = !callback.empty();
-    recorded.callback = callback;
-    m_instructions << recorded;
-    return recorded.id;
+    m_instructions << Instruction{m_nextId++, command, target, instruction, parameters, timeoutMs, !callback.empty(), callback};
+    return m_instructions.last().id;
 }
 
 unsigned long long TestMessenger::runCommand(DAbstractPluginBackend *backend, const QString &command,
@@ -30,14 +21,8 @@ unsigned long long TestMessenger::runCommand(DAbstractPluginBackend *backend, co
 unsigned long long TestMessenger::runCommandEvery(DAbstractPluginBackend *backend, const QString &command,
                                                   const QMap<QString, QVariant> &arguments, int repeatMs)
 {
-    Run run;
-    run.repeatMs = repeatMs;
-    run.id = m_nextId++;
-    run.backend = backend;
-    run.command = command;
-    run.arguments = arguments;
-    m_runs << run;
-    return run.id;
+    m_runs << Run{m_nextId++, backend, command, arguments, repeatMs};
+    return m_runs.last().id;
 }
 
 bool TestMessenger::stopCommand(unsigned long long runId)
@@ -49,12 +34,6 @@ bool TestMessenger::stopCommand(unsigned long long runId)
         }
     }
     return false;
-}
-
-void TestMessenger::clear()
-{
-    m_instructions.clear();
-    m_runs.clear();
 }
 
 bool TestMessenger::reply(int index, const QMap<QString, QVariant> &reply)

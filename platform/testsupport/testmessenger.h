@@ -45,7 +45,6 @@ public:
 
     const QList<Instruction> &instructions() const { return m_instructions; }
     const QList<Run> &runs() const { return m_runs; }
-    void clear();
 
     // Calls the callback of instruction `index` with `reply`; returns what it returned,
     // false when the instruction has no callback.
