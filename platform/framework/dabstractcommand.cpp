@@ -69,44 +69,46 @@ bool DAbstractCommand::commandExecute()
 
 namespace {
 
-// A whole number given as a number, or as decimal or 0x hex text with an optional minus sign.
-bool wholeNumber(const QVariant &value, qint64 *number)
+// A whole number from `min` to `max`, given as a number, or as decimal or 0x hex text with an
+// optional minus sign.
+bool wholeNumber(const QVariant &value, qint64 min, qint64 max, qint64 *number)
 {
-    // Far beyond every range checked, and exact in a double.
-    const qint64 limit = qint64(1) << 52;
-    bool ok = false;
     switch (value.userType()) {
     case QMetaType::Double:
     case QMetaType::Float: {
+        // Not a number and the infinities fail the range test too.
         const double real = value.toDouble();
-        if (!std::isfinite(real) || std::floor(real) != real || std::fabs(real) > double(limit))
+        if (!(real >= double(min) && real <= double(max)) || std::floor(real) != real)
             return false;
         *number = qint64(real);
         return true;
     }
     case QMetaType::ULongLong:
-        if (value.toULongLong() > quint64(limit))
+    case QMetaType::ULong:
+        if (value.toULongLong() > quint64(max))
             return false;
-        Q_FALLTHROUGH();
+        *number = qint64(value.toULongLong());
+        return true;
     case QMetaType::Int:
     case QMetaType::UInt:
     case QMetaType::LongLong:
     case QMetaType::Long:
-    case QMetaType::ULong:
     case QMetaType::Short:
     case QMetaType::UShort:
-        *number = value.toLongLong(&ok);
-        return ok;
+        *number = value.toLongLong();
+        return *number >= min && *number <= max;
     case QMetaType::QString: {
         static const QRegularExpression c_form(QStringLiteral("^(-?)(?:0[xX]([0-9a-fA-F]+)|([0-9]+))$"));
         const QRegularExpressionMatch match = c_form.match(value.toString());
         if (!match.hasMatch())
             return false;
         const bool hex = match.capturedLength(2) > 0;
+        const bool negative = match.capturedLength(1) > 0;
+        bool ok = false;
         const quint64 magnitude = match.captured(hex ? 2 : 3).toULongLong(&ok, hex ? 16 : 10);
-        if (!ok || magnitude > quint64(limit))
+        if (!ok || magnitude > (negative ? quint64(-min) : quint64(max)))
             return false;
-        *number = match.capturedLength(1) ? -qint64(magnitude) : qint64(magnitude);
+        *number = negative ? -qint64(magnitude) : qint64(magnitude);
         return true;
     }
     default:
@@ -123,9 +125,7 @@ bool fitArgument(const QString &typeCode, QVariant *value)
         return type == QMetaType::QString;
     if (typeCode == QLatin1String("ui16") || typeCode == QLatin1String("int")) {
         const bool ui16 = typeCode == QLatin1String("ui16");
-        if (!wholeNumber(*value, &number)
-            || number < (ui16 ? 0 : std::numeric_limits<int>::min())
-            || number > (ui16 ? 65535 : std::numeric_limits<int>::max()))
+        if (!wholeNumber(*value, ui16 ? 0 : std::numeric_limits<int>::min(), ui16 ? 65535 : std::numeric_limits<int>::max(), &number))
             return false;
         *value = int(number);
         return true;

@@ -191,6 +191,16 @@ private slots:
         QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2) << "";
         QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused << "1.5";
         QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused << "1e+300";
+        QTest::newRow("ui16 top double") << "bitMask" << QVariant(65535.0) << QVariant(65535) << "";
+        QTest::newRow("ui16 double above") << "bitMask" << QVariant(65536.0) << refused << "65536";
+        QTest::newRow("ui16 negative double") << "bitMask" << QVariant(-1.0) << refused << "-1";
+        QTest::newRow("ui16 unsigned 64 bits") << "bitMask" << QVariant(qulonglong(65535)) << QVariant(65535) << "";
+        QTest::newRow("ui16 unsigned above") << "bitMask" << QVariant(qulonglong(65536)) << refused << "65536";
+        QTest::newRow("ui16 list") << "bitMask" << QVariant(QVariantList{1}) << refused << "[1]";
+        QTest::newRow("ui16 hex digits") << "bitMask" << QVariant(QStringLiteral("0xaBcD")) << QVariant(0xABCD) << "";
+        QTest::newRow("ui16 text above") << "bitMask" << QVariant(QStringLiteral("65536")) << refused << "\"65536\"";
+        QTest::newRow("int text above") << "width" << QVariant(QStringLiteral("2147483648")) << refused << "\"2147483648\"";
+        QTest::newRow("int text below") << "width" << QVariant(QStringLiteral("-0x80000001")) << refused << "\"-0x80000001\"";
         QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255) << "";
         QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535) << "";
         QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused
@@ -277,6 +287,12 @@ private slots:
         QVERIFY(!plugin.declareInstructionCommand(nullptr));
         QCOMPARE(plugin.commandNames(), (QStringList{QStringLiteral("getPluginIdentity"), QStringLiteral("listen"), QStringLiteral("get")}));
         QCOMPARE(plugin.getFunctionDescription(QStringLiteral("get")), QStringLiteral("Probe"));
+        // Parameters first, then results, each in declaration order.
+        QStringList arguments;
+        for (const QString &name : {QStringLiteral("get"), QStringLiteral("getPluginIdentity")})
+            for (const DCommandArgument &argument : plugin.getCommandParameters(name))
+                arguments << argument.name + QLatin1Char(' ') + argument.typeCode;
+        QCOMPARE(arguments.join(QStringLiteral(", ")), QStringLiteral("channel strg, bitMask ui16, values varL, width int, on bool, any vart, value ui16, identity vart"));
         QCOMPARE(plugin.getFunctionDescription(QStringLiteral("stopListening")), QString());
     }
 
