@@ -342,7 +342,7 @@ QList<DeviceConfig> DeviceConfig::fromJson(const QByteArray &json, const QString
     Reader reader(sourceName);
     QList<DeviceConfig> devices;
     const QJsonObject root = document.object();
-    bool ok = true;
+    bool ok; // set on every branch below
     if (!document.isObject()) {
         ok = reader.fail(QStringLiteral("(top)"), QStringLiteral("expected a device object or {\"devices\": [...]}, found %1")
                                                      .arg(document.isArray() ? QStringLiteral("a list") : QStringLiteral("nothing")));

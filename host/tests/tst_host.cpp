@@ -251,6 +251,14 @@ private slots:
         QVERIFY(second->errorString().endsWith(QStringLiteral(" within %1 ms").arg(guard + sent)));
     }
 
+    // A command that sends no instruction ends with what it posted.
+    void sendsNothing()
+    {
+        Execution *execution = m_host->execute(m_device, QStringLiteral("getPluginIdentity"));
+        QVERIFY(waitFinished(execution) && execution->isOk());
+        QCOMPARE(execution->results().value(QStringLiteral("identity")).toMap().value(QStringLiteral("reference")), QVariant("bench io1"));
+    }
+
     // A command that gives no time-out of its own gets 3000 ms.
     void defaultTimeOut()
     {
