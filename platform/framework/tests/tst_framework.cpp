@@ -191,6 +191,7 @@ private slots:
         QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2) << "";
         QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused << "1.5";
         QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused << "1e+300";
+        QTest::newRow("ui16 zero double") << "bitMask" << QVariant(0.0) << QVariant(0) << "";
         QTest::newRow("ui16 top double") << "bitMask" << QVariant(65535.0) << QVariant(65535) << "";
         QTest::newRow("ui16 double above") << "bitMask" << QVariant(65536.0) << refused << "65536";
         QTest::newRow("ui16 negative double") << "bitMask" << QVariant(-1.0) << refused << "-1";
