@@ -13,9 +13,9 @@ DeadlineQueue::Handle DeadlineQueue::add(quint64 key, qint64 inMs)
 {
     const qint64 deadline = m_clock.elapsed() + qMax<qint64>(0, inMs);
     const Handle handle = m_deadlines.emplace(deadline, key);
-    // The timer follows the earliest deadline; a removed one leaves it armed, and it re-arms
-    // itself for the earliest one left when it fires.
-    if (handle == m_deadlines.begin())
+    // The timer is only moved earlier here; a removed deadline leaves it armed, and it
+    // re-arms itself for the earliest one left when it fires.
+    if (m_armedFor < 0 || deadline < m_armedFor)
         arm(deadline);
     return handle;
 }
@@ -28,11 +28,13 @@ void DeadlineQueue::remove(Handle handle)
 
 void DeadlineQueue::arm(qint64 deadline)
 {
+    m_armedFor = deadline;
     m_timer.start(int(qMax<qint64>(0, deadline - m_clock.elapsed())));
 }
 
 void DeadlineQueue::onTimer()
 {
+    m_armedFor = -1;
     // One at a time: a receiver may add or remove deadlines.
     while (!m_deadlines.empty() && m_deadlines.begin()->first <= m_clock.elapsed()) {
         const quint64 key = m_deadlines.begin()->second;

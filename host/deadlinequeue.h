@@ -32,5 +32,6 @@ private:
 
     QElapsedTimer m_clock;
     QTimer m_timer;
+    qint64 m_armedFor = -1;
     std::multimap<qint64, quint64> m_deadlines;
 };
