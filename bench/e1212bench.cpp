@@ -196,10 +196,9 @@ std::pair<Figures, Figures> alternate(int clients, int total, const Issue &first
         *ratio = ratios[c_rounds / 2];
     Figures result[2];
     for (int i = 0; i < 2; ++i) {
-        result[i] = runs[i].back();
+        result[i].rssMiB = runs[i].back().rssMiB;
         for (const Figures &run : runs[i])
             result[i].failures += run.failures;
-        result[i].failures -= runs[i].back().failures;
         for (double Figures::*field : {&Figures::medianUs, &Figures::requestsPerSecond, &Figures::cpuUsPerRequest}) {
             std::nth_element(runs[i].begin(), runs[i].begin() + c_rounds / 2, runs[i].end(),
                              [field](const Figures &a, const Figures &b) { return a.*field < b.*field; });
