@@ -56,82 +56,72 @@ private slots:
         auto oneEntry = [&](const char *id, const char *value) {
             return table({record("X", {entry("readRegisterType", "\"holdingRegisters\""), entry(id, value)})});
         };
-        const QString entryAt = QStringLiteral("devices[0].parameters.io2_channels[0].value[1].value: ");
+        const QString records = QStringLiteral("devices[0].parameters.io2_channels");
+        const QString entryAt = records + "[0].value[1].value: ";
         const QString output = record("DO0", {entry("type", "\"digitalOutput\"")});
         const QString status = record("DO_PulseStatus", {entry("register", "16"), entry("writeRegisterType", "\"coilsRegister\"")});
         const QString onWidth = record("DO_PulseOnWidth", {entry("register", "256"), entry("writeRegisterType", "\"holdingRegisters\"")});
         const qint64 limit = 16 * 1024 * 1024;
+        const auto row = [](const char *name, const QByteArray &json, const QString &message, const QString &file = {}, qint64 size = 0) {
+            QTest::newRow(name) << json << file << size << message;
+        };
 
-        QTest::newRow("syntax, line 3") << QByteArray("{\n  \"reference\": \"x\",\n  \"parameters\": {,}\n}") << QString() << 0ll
-                                        << "line 3, column 19: JSON syntax error:";
-        QTest::newRow("top-level list") << QByteArray("[]") << QString() << 0ll << "(top): expected a device object";
-        QTest::newRow("no reference") << QByteArray("{}") << QString() << 0ll << "reference: expected the device reference text, found missing";
-        QTest::newRow("unknown key") << QByteArray(R"({"reference": "a", "conection": {}})") << QString() << 0ll
-                                     << "conection: unknown key (known: reference, plugin, driver, parameters, connection)";
-        QTest::newRow("plugin not a uuid") << QByteArray(R"({"reference": "a", "plugin": "moxa"})") << QString() << 0ll << "plugin: \"moxa\" is not a UUID";
-        QTest::newRow("devices empty") << QByteArray(R"({"devices": []})") << QString() << 0ll << "devices: the list is empty";
-        QTest::newRow("device in list") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 3600001}}]})")
-                                        << QString() << 0ll << "devices[1].connection.timeoutMs: 3600001 is out of range (expected a whole number from 1 to 3600000)";
-        QTest::newRow("port 65536") << QByteArray(R"({"reference": "a", "connection": {"port": 65536}})") << QString() << 0ll
-                                    << "connection.port: 65536 is out of range (expected a whole number from 1 to 65535)";
-        QTest::newRow("unit 256") << QByteArray(R"({"reference": "a", "connection": {"unitId": 256}})") << QString() << 0ll
-                                  << "connection.unitId: 256 is out of range (expected a whole number from 0 to 255)";
-        QTest::newRow("host empty") << QByteArray(R"({"reference": "a", "connection": {"host": ""}})") << QString() << 0ll
-                                    << "connection.host: the host is empty";
-        QTest::newRow("host not text") << QByteArray(R"({"reference": "a", "connection": {"host": 1}})") << QString() << 0ll
-                                       << "connection.host: expected a host name or address text, found a number";
-        QTest::newRow("entry id not text") << table({QStringLiteral(R"({"id": "DI0", "value": [{"id": 1, "value": 2}]})")}) << QString() << 0ll
-                                           << "devices[0].parameters.io2_channels[0].value[0].id: expected an entry id text, found a number";
-        QTest::newRow("duplicate reference") << QByteArray(R"({"devices": [{"reference": "a"}, {"reference": "a"}]})") << QString() << 0ll
-                                             << "devices[1].reference: \"a\" is used by devices[0] already";
-        QTest::newRow("table not a list") << QByteArray(R"({"reference": "a io1", "parameters": {"io1_channels": {}}})") << QString() << 0ll
-                                          << "parameters.io1_channels: expected a list of channel records, found an object";
-        QTest::newRow("no channel id") << table({QStringLiteral(R"({"id": null, "value": []})")}) << QString() << 0ll
-                                       << "devices[0].parameters.io2_channels[0].id: expected a channel id text, found null";
-        QTest::newRow("name not text") << table({QStringLiteral(R"({"id": "DI0", "name": 5, "value": []})")}) << QString() << 0ll
-                                       << "devices[0].parameters.io2_channels[0].name: expected a text, found a number";
-        QTest::newRow("empty channel id") << table({record("", {})}) << QString() << 0ll
-                                          << "devices[0].parameters.io2_channels[0].id: the channel id is empty";
-        QTest::newRow("duplicate channel id") << table({record("DI0", {}), record("DI1", {}), record("DI0", {})}) << QString() << 0ll
-                                              << "devices[0].parameters.io2_channels[2].id: \"DI0\" is used by devices[0].parameters.io2_channels[0] already";
-        QTest::newRow("entry not an object") << table({QStringLiteral(R"({"id": "DI0", "value": [3]})")}) << QString() << 0ll
-                                             << "devices[0].parameters.io2_channels[0].value[0]: expected an {\"id\", \"value\"} entry, found a number";
-        QTest::newRow("entry without value") << table({QStringLiteral(R"({"id": "DI0", "value": [{"id": "register"}]})")}) << QString() << 0ll
-                                             << "devices[0].parameters.io2_channels[0].value[0].value: \"register\" has no value";
-        QTest::newRow("entry given twice") << table({record("DI0", {entry("register", "1"), entry("register", "2")})}) << QString() << 0ll
-                                           << "devices[0].parameters.io2_channels[0].value[1].id: \"register\" is given twice in this record";
-        QTest::newRow("register text") << oneEntry("register", "\"abc\"") << QString() << 0ll
-                                       << entryAt + "\"register\" must be a whole number 0-65535, found \"abc\"";
-        QTest::newRow("register too big") << oneEntry("register", "99999999999") << QString() << 0ll
-                                          << entryAt + "\"register\" must be a whole number 0-65535, found 99999999999";
-        QTest::newRow("register 65536") << oneEntry("register", "65536") << QString() << 0ll << entryAt + "\"register\" must be";
-        QTest::newRow("register negative") << oneEntry("register", "-1") << QString() << 0ll << entryAt + "\"register\" must be";
-        QTest::newRow("register fraction") << oneEntry("register", "1.5") << QString() << 0ll << entryAt + "\"register\" must be";
-        QTest::newRow("size of words") << oneEntry("size", "126") << QString() << 0ll
-                                       << entryAt + "\"size\" must be a whole number 1-125 for \"holdingRegisters\", found 126";
-        QTest::newRow("size of input words") << table({record("X", {entry("readRegisterType", "\"inputRegisters\""), entry("size", "126")})}) << QString() << 0ll
-                                             << entryAt + "\"size\" must be a whole number 1-125 for \"inputRegisters\", found 126";
-        QTest::newRow("size of bits") << table({record("X", {entry("size", "2001")})}) << QString() << 0ll
-                                      << "devices[0].parameters.io2_channels[0].value[0].value: \"size\" must be a whole number 1-2000, found 2001";
-        QTest::newRow("size 0") << oneEntry("size", "0") << QString() << 0ll << entryAt + "\"size\" must be";
-        QTest::newRow("register space") << oneEntry("writeRegisterType", "\"coils\"") << QString() << 0ll
-                                        << entryAt + "\"writeRegisterType\" must be one of \"coilsRegister\", \"discreteInputs\", "
-                                                     "\"inputRegisters\", \"holdingRegisters\", found \"coils\"";
-        QTest::newRow("type") << oneEntry("type", "\"DigitalOutput\"") << QString() << 0ll
-                              << entryAt + "\"type\" must be one of \"analogInput\", \"analogOutput\", \"digitalInput\", \"digitalOutput\", found \"DigitalOutput\"";
-        QTest::newRow("active level") << oneEntry("activeLevelHigh", "\"true\"") << QString() << 0ll
-                                      << entryAt + "\"activeLevelHigh\" must be true or false, found \"true\"";
-        QTest::newRow("no pulse records") << table({output}) << QString() << 0ll
-                                          << "devices[0].parameters.io2_channels: \"DO0\" is a digital output, so the table needs the pulse record \"DO_PulseStatus\"";
-        QTest::newRow("third pulse record") << table({status, onWidth, output}) << QString() << 0ll
-                                            << "devices[0].parameters.io2_channels: \"DO0\" is a digital output, so the table needs the pulse record \"DO_PulseOffWidth\"";
-        QTest::newRow("pulse record incomplete") << table({output, status, record("DO_PulseOnWidth", {entry("register", "256")})}) << QString() << 0ll
-                                                 << "devices[0].parameters.io2_channels[2].value: the pulse record \"DO_PulseOnWidth\" has no \"writeRegisterType\"";
-        QTest::newRow("larger than the limit") << QByteArray(R"({"reference": "a"})") << QString() << limit + 1
-                                               << "the configuration is larger than 16 MiB";
-        QTest::newRow("at the limit, read") << QByteArray(R"({"reference": "a"})") << QString() << limit << "line 1, column 19: JSON syntax error:";
-        QTest::newRow("endless stream") << QByteArray() << "/dev/zero" << 0ll << "the configuration is larger than 16 MiB";
-        QTest::newRow("missing file") << QByteArray() << "missing.json" << 0ll << "cannot read the configuration: ";
+        row("syntax, line 3", "{\n  \"reference\": \"x\",\n  \"parameters\": {,}\n}", "line 3, column 19: JSON syntax error:");
+        row("top-level list", "[]", "(top): expected a device object");
+        row("no reference", "{}", "reference: expected the device reference text, found missing");
+        row("unknown key", R"({"reference": "a", "conection": {}})", "conection: unknown key (known: reference, plugin, driver, parameters, connection)");
+        row("plugin not a uuid", R"({"reference": "a", "plugin": "moxa"})", "plugin: \"moxa\" is not a UUID");
+        row("devices empty", R"({"devices": []})", "devices: the list is empty");
+        row("device in list", R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 3600001}}]})",
+            "devices[1].connection.timeoutMs: 3600001 is out of range (expected a whole number from 1 to 3600000)");
+        row("port 65536", R"({"reference": "a", "connection": {"port": 65536}})",
+            "connection.port: 65536 is out of range (expected a whole number from 1 to 65535)");
+        row("unit 256", R"({"reference": "a", "connection": {"unitId": 256}})",
+            "connection.unitId: 256 is out of range (expected a whole number from 0 to 255)");
+        row("host empty", R"({"reference": "a", "connection": {"host": ""}})", "connection.host: the host is empty");
+        row("host not text", R"({"reference": "a", "connection": {"host": 1}})", "connection.host: expected a host name or address text, found a number");
+        row("entry id not text", table({R"({"id": "DI0", "value": [{"id": 1, "value": 2}]})"}),
+            records + "[0].value[0].id: expected an entry id text, found a number");
+        row("duplicate reference", R"({"devices": [{"reference": "a"}, {"reference": "a"}]})",
+            "devices[1].reference: \"a\" is used by devices[0] already");
+        row("table not a list", R"({"reference": "a io1", "parameters": {"io1_channels": {}}})",
+            "parameters.io1_channels: expected a list of channel records, found an object");
+        row("no channel id", table({R"({"id": null, "value": []})"}), records + "[0].id: expected a channel id text, found null");
+        row("name not text", table({R"({"id": "DI0", "name": 5, "value": []})"}), records + "[0].name: expected a text, found a number");
+        row("empty channel id", table({record("", {})}), records + "[0].id: the channel id is empty");
+        row("duplicate channel id", table({record("DI0", {}), record("DI1", {}), record("DI0", {})}),
+            records + "[2].id: \"DI0\" is used by " + records + "[0] already");
+        row("entry not an object", table({R"({"id": "DI0", "value": [3]})"}),
+            records + "[0].value[0]: expected an {\"id\", \"value\"} entry, found a number");
+        row("entry without value", table({R"({"id": "DI0", "value": [{"id": "register"}]})"}), records + "[0].value[0].value: \"register\" has no value");
+        row("entry given twice", table({record("DI0", {entry("register", "1"), entry("register", "2")})}),
+            records + "[0].value[1].id: \"register\" is given twice in this record");
+        row("register text", oneEntry("register", "\"abc\""), entryAt + "\"register\" must be a whole number 0-65535, found \"abc\"");
+        row("register too big", oneEntry("register", "99999999999"), entryAt + "\"register\" must be a whole number 0-65535, found 99999999999");
+        row("register 65536", oneEntry("register", "65536"), entryAt + "\"register\" must be");
+        row("register negative", oneEntry("register", "-1"), entryAt + "\"register\" must be");
+        row("register fraction", oneEntry("register", "1.5"), entryAt + "\"register\" must be");
+        row("size of words", oneEntry("size", "126"), entryAt + "\"size\" must be a whole number 1-125 for \"holdingRegisters\", found 126");
+        row("size of input words", table({record("X", {entry("readRegisterType", "\"inputRegisters\""), entry("size", "126")})}),
+            entryAt + "\"size\" must be a whole number 1-125 for \"inputRegisters\", found 126");
+        row("size of bits", table({record("X", {entry("size", "2001")})}),
+            records + "[0].value[0].value: \"size\" must be a whole number 1-2000, found 2001");
+        row("size 0", oneEntry("size", "0"), entryAt + "\"size\" must be");
+        row("register space", oneEntry("writeRegisterType", "\"coils\""),
+            entryAt + "\"writeRegisterType\" must be one of \"coilsRegister\", \"discreteInputs\", \"inputRegisters\", "
+                       "\"holdingRegisters\", found \"coils\"");
+        row("type", oneEntry("type", "\"DigitalOutput\""),
+            entryAt + "\"type\" must be one of \"analogInput\", \"analogOutput\", \"digitalInput\", \"digitalOutput\", found \"DigitalOutput\"");
+        row("active level", oneEntry("activeLevelHigh", "\"true\""), entryAt + "\"activeLevelHigh\" must be true or false, found \"true\"");
+        const QString needs = records + ": \"DO0\" is a digital output, so the table needs the pulse record ";
+        row("no pulse records", table({output}), needs + "\"DO_PulseStatus\"");
+        row("third pulse record", table({status, onWidth, output}), needs + "\"DO_PulseOffWidth\"");
+        row("pulse record incomplete", table({output, status, record("DO_PulseOnWidth", {entry("register", "256")})}),
+            records + "[2].value: the pulse record \"DO_PulseOnWidth\" has no \"writeRegisterType\"");
+        row("larger than the limit", R"({"reference": "a"})", "the configuration is larger than 16 MiB", {}, limit + 1);
+        row("at the limit, read", R"({"reference": "a"})", "line 1, column 19: JSON syntax error:", {}, limit);
+        row("endless stream", {}, "the configuration is larger than 16 MiB", "/dev/zero");
+        row("missing file", {}, "cannot read the configuration: ", "missing.json");
     }
 
     void mistakes()
