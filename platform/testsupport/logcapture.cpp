@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "logcapture.h"
 
-#include <QStringList>
-
 namespace {
 LogCapture *s_current = nullptr;
 }
@@ -18,15 +16,6 @@ LogCapture::~LogCapture()
 {
     qInstallMessageHandler(m_previous);
     s_current = m_outer;
-}
-
-QStringList LogCapture::criticalTexts() const
-{
-    QStringList texts;
-    for (const Message &message : m_messages)
-        if (message.type == QtCriticalMsg)
-            texts << message.text;
-    return texts;
 }
 
 void LogCapture::handler(QtMsgType type, const QMessageLogContext &context, const QString &text)

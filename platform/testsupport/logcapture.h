@@ -26,9 +26,6 @@ public:
     LogCapture &operator=(const LogCapture &) = delete;
 
     const QList<Message> &messages() const { return m_messages; }
-    // The texts of the critical messages, in order.
-    QStringList criticalTexts() const;
-    void clear() { m_messages.clear(); }
 
 private:
     static void handler(QtMsgType type, const QMessageLogContext &context, const QString &text);
