@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "testmessenger.h"
 
-#include "dabstractpluginbackend.h"
-
 unsigned long long TestMessenger::sendInstruction(DAbstractCommand *command, const QString &target,
                                                   const QString &instruction,
                                                   const QMap<QString, QVariant> &parameters,
@@ -18,10 +16,10 @@ unsigned long long TestMessenger::runCommand(DAbstractPluginBackend *backend, co
     return runCommandEvery(backend, command, arguments, 0);
 }
 
-unsigned long long TestMessenger::runCommandEvery(DAbstractPluginBackend *backend, const QString &command,
+unsigned long long TestMessenger::runCommandEvery(DAbstractPluginBackend *, const QString &command,
                                                   const QMap<QString, QVariant> &arguments, int repeatMs)
 {
-    m_runs << Run{m_nextId++, backend, command, arguments, repeatMs};
+    m_runs << Run{m_nextId++, command, arguments, repeatMs};
     return m_runs.last().id;
 }
 

@@ -6,7 +6,6 @@
 #include "imessenger.h"
 
 #include <QList>
-#include <QPointer>
 
 class TestMessenger : public IMessenger
 {
@@ -26,7 +25,6 @@ public:
     struct Run
     {
         unsigned long long id = 0;
-        QPointer<DAbstractPluginBackend> backend;
         QString command;
         QMap<QString, QVariant> arguments;
         // 0 for runCommand, else runCommandEvery's period.
