@@ -55,6 +55,15 @@ QVariantList channelTable()
             QVariantMap{{"id", "DO3"}, {"value", QVariantList{entry("register", 99)}}}};
 }
 
+// The probe command on a test plug-in, attached to a recording messenger unless told otherwise.
+struct Bench
+{
+    TestMessenger messenger;
+    TestPlugin plugin;
+    TestCommand command{&plugin};
+    explicit Bench(bool attached = true) { plugin.setMessenger(attached ? &messenger : nullptr); }
+};
+
 class TestBackend : public DAbstractPluginBackend
 {
 public:
@@ -99,78 +108,61 @@ private slots:
         QFETCH(QVariant, defaultValue);
         QFETCH(QVariant, expected);
 
-        TestPlugin plugin;
+        Bench bench;
         if (withTable)
-            plugin.addToParameters(QStringLiteral("channels"), channelTable());
-        TestCommand command(&plugin);
-        const QVariant actual = command.getInfoFromChannel(channel, key, QMetaType::Type(type), defaultValue);
+            bench.plugin.addToParameters(QStringLiteral("channels"), channelTable());
+        const QVariant actual = bench.command.getInfoFromChannel(channel, key, QMetaType::Type(type), defaultValue);
         QCOMPARE(actual.userType(), expected.userType());
         QCOMPARE(actual, expected);
     }
 
     void parameterValues_data()
     {
-        QTest::addColumn<QVariantMap>("arguments");
         QTest::addColumn<QString>("name");
         QTest::addColumn<QVariant>("fallback");
         QTest::addColumn<QVariant>("expected");
 
-        QTest::newRow("declared default") << QVariantMap{} << "bitMask" << QVariant() << QVariant(int(65535));
-        QTest::newRow("declared text default") << QVariantMap{} << "channel" << QVariant() << QVariant(QStringLiteral("DO0"));
-        QTest::newRow("invalid declared default -> fallback") << QVariantMap{} << "width" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
-        QTest::newRow("invalid vart default -> fallback") << QVariantMap{} << "any" << QVariant(2) << QVariant(2);
-        QTest::newRow("default of another type -> fallback") << QVariantMap{} << "values" << QVariant() << QVariant();
-        QTest::newRow("undeclared -> fallback") << QVariantMap{} << "other" << QVariant(2) << QVariant(2);
+        QTest::newRow("declared default") << "bitMask" << QVariant() << QVariant(int(65535));
+        QTest::newRow("declared text default") << "channel" << QVariant() << QVariant(QStringLiteral("DO0"));
+        QTest::newRow("invalid declared default -> fallback") << "width" << QVariant(QStringLiteral("x")) << QVariant(QStringLiteral("x"));
+        QTest::newRow("invalid vart default -> fallback") << "any" << QVariant(2) << QVariant(2);
+        QTest::newRow("default of another type -> fallback") << "values" << QVariant() << QVariant();
+        QTest::newRow("undeclared -> fallback") << "other" << QVariant(2) << QVariant(2);
     }
 
     void parameterValues()
     {
-        QFETCH(QVariantMap, arguments);
         QFETCH(QString, name);
         QFETCH(QVariant, fallback);
         QFETCH(QVariant, expected);
-        TestPlugin plugin;
-        TestCommand command(&plugin);
-        command.setParameters(arguments);
-        QCOMPARE(command.getParameterValue(name, fallback), expected);
+        QCOMPARE(Bench().command.getParameterValue(name, fallback), expected);
     }
 
+    // Unchecked (the default), a command refuses only an undeclared argument and reads the others as given.
     void executeRefusals_data()
     {
         QTest::addColumn<bool>("withMessenger");
-        QTest::addColumn<bool>("checks");
         QTest::addColumn<QVariantMap>("arguments");
-        QTest::addColumn<bool>("ok");
         QTest::addColumn<QString>("error");
 
         const QVariantMap wrongType{{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("bitMask"), QStringLiteral("abc")}};
-        QTest::newRow("no messenger") << false << false << QVariantMap{} << false
-                                      << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
-        QTest::newRow("unknown parameter, unchecked") << true << false << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}} << false
-                                                      << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values, width, on, any)";
-        QTest::newRow("wrong type, unchecked") << true << false << wrongType << true << QString();
+        QTest::newRow("no messenger") << false << QVariantMap{} << "command \"probe\" cannot run: it is not attached to a host (no plug-in messenger)";
+        QTest::newRow("unknown parameter") << true << QVariantMap{{QStringLiteral("chanel"), QStringLiteral("DO3")}}
+                                           << "command \"probe\" has no parameter \"chanel\" (it takes: channel, bitMask, values, width, on, any)";
+        QTest::newRow("wrong type") << true << wrongType << QString();
     }
 
     void executeRefusals()
     {
         QFETCH(bool, withMessenger);
-        QFETCH(bool, checks);
         QFETCH(QVariantMap, arguments);
-        QFETCH(bool, ok);
         QFETCH(QString, error);
-
-        TestMessenger messenger;
-        TestPlugin plugin;
-        if (withMessenger)
-            plugin.setMessenger(&messenger);
-        TestCommand command(&plugin);
-        command.setArgumentChecks(checks);
-        command.setParameters(arguments);
-        QCOMPARE(command.commandExecute(), ok);
-        QCOMPARE(command.errorString(), error);
-        // Unchecked, the command reads its arguments as given.
-        if (ok && !checks)
-            QCOMPARE(command.getParameterValue(QStringLiteral("bitMask")), arguments.value(QStringLiteral("bitMask")));
+        Bench bench(withMessenger);
+        bench.command.setParameters(arguments);
+        QCOMPARE(bench.command.commandExecute(), error.isEmpty());
+        QCOMPARE(bench.command.errorString(), error);
+        if (error.isEmpty())
+            QCOMPARE(bench.command.getParameterValue(QStringLiteral("bitMask")), arguments.value(QStringLiteral("bitMask")));
     }
 
     void typeCodes_data()
@@ -230,10 +222,8 @@ private slots:
         QFETCH(QVariant, converted);
         QFETCH(QString, shown);
 
-        TestMessenger messenger;
-        TestPlugin plugin;
-        plugin.setMessenger(&messenger);
-        TestCommand command(&plugin);
+        Bench bench;
+        TestCommand &command = bench.command;
         command.setArgumentChecks(true);
         command.setParameters({{name, value}});
         QCOMPARE(command.commandExecute(), converted.isValid());
@@ -256,10 +246,8 @@ private slots:
 
     void resultsOnlyForDeclaredNames()
     {
-        TestMessenger messenger;
-        TestPlugin plugin;
-        plugin.setMessenger(&messenger);
-        TestCommand command(&plugin);
+        Bench bench;
+        TestCommand &command = bench.command;
         QSignalSpy spy(&command, &DAbstractCommand::sigResultChanged);
 
         QVERIFY(!command.commandSetReply({{QStringLiteral("value"), 5u}, {QStringLiteral("doneOk"), true}}));
