@@ -228,12 +228,6 @@ void E1212Simulator::clearExceptions()
     m_server->clearExceptions();
 }
 
-void E1212Simulator::setDropOnRequest(bool drop)
-{
-    m_dropOnRequest = drop;
-    m_proxy->setDropOnRequest(drop);
-}
-
 int E1212Simulator::connectionCount() const
 {
     return m_proxy->connectionCount();

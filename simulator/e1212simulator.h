@@ -88,9 +88,6 @@ public:
     // Requests touching `address` of `table` get the exception answer `code`.
     void setException(QModbusDataUnit::RegisterType table, int address, QModbusPdu::ExceptionCode code);
     void clearExceptions();
-    // While set, a connection that sends a request is closed before it is answered.
-    void setDropOnRequest(bool drop);
-    bool dropOnRequest() const { return m_dropOnRequest; }
     int connectionCount() const;
     // Requests received since start.
     int requestCount() const;
@@ -119,5 +116,4 @@ private:
     QString m_errorString;
     QHostAddress m_address;
     int m_responseDelay = 0;
-    bool m_dropOnRequest = false;
 };

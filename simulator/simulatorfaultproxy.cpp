@@ -61,10 +61,6 @@ void SimulatorFaultProxy::onNewConnection()
         m_links.append(link);
 
         connect(client, &QTcpSocket::readyRead, this, [this, link] {
-            if (m_dropOnRequest) {
-                closeLink(link);
-                return;
-            }
             const QByteArray bytes = link->client->readAll();
             if (link->backend->state() == QAbstractSocket::ConnectedState)
                 link->backend->write(bytes);

@@ -28,7 +28,6 @@ public:
     quint16 port() const;
 
     void setResponseDelay(int ms) { m_responseDelay = ms; }
-    void setDropOnRequest(bool drop) { m_dropOnRequest = drop; }
     void dropConnections();
     int connectionCount() const { return m_links.size(); }
 
@@ -53,5 +52,4 @@ private:
     QElapsedTimer m_clock;
     quint16 m_backendPort = 0;
     int m_responseDelay = 0;
-    bool m_dropOnRequest = false;
 };

@@ -360,8 +360,8 @@ private slots:
         QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
     }
 
-    // The simulator's own faults, as the driver meets them.
-    void simulatorExceptionsAndDrops()
+    // The simulator's exceptions, as the driver meets them.
+    void simulatorExceptions()
     {
         DAbstractDriver *driver = newDriver({});
         const auto failure = [&](const QString &instruction, const QVariantMap &parameters) {
@@ -376,12 +376,6 @@ private slots:
         QCOMPARE(run(driver, "read", params("coilsRegister", 16, "dataSize", 3)), values({0u, 0u, 0u}));
         m_sim->clearExceptions();
         QCOMPARE(run(driver, "read", params("coilsRegister", 19)), values({0u})); // the write changed nothing
-
-        m_sim->setDropOnRequest(true);
-        QCOMPARE(failure("read", params("coilsRegister", 0)).first, int(IMessenger::CeNoConnection));
-        QCOMPARE(m_sim->connectionCount(), 0);
-        m_sim->setDropOnRequest(false);
-        QCOMPARE(run(driver, "read", params("coilsRegister", 19)), values({0u}));
     }
 
     // A pulse written through the driver: on first, then alternating, each phase lasting its width.
