@@ -213,8 +213,7 @@ bool E1212Simulator::setValue(QModbusDataUnit::RegisterType table, int address, 
 
 void E1212Simulator::setResponseDelay(int ms)
 {
-    m_responseDelay = qMax(0, ms);
-    m_proxy->setResponseDelay(m_responseDelay);
+    m_proxy->setResponseDelay(qMax(0, ms));
 }
 
 void E1212Simulator::setException(QModbusDataUnit::RegisterType table, int address,

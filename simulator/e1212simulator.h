@@ -84,7 +84,6 @@ public:
     // Faults.
     // Holds every answer back for `ms` (0 = answer at once). Answers keep their order.
     void setResponseDelay(int ms);
-    int responseDelay() const { return m_responseDelay; }
     // Requests touching `address` of `table` get the exception answer `code`.
     void setException(QModbusDataUnit::RegisterType table, int address, QModbusPdu::ExceptionCode code);
     void clearExceptions();
@@ -115,5 +114,4 @@ private:
     State m_state = Stopped;
     QString m_errorString;
     QHostAddress m_address;
-    int m_responseDelay = 0;
 };

@@ -86,6 +86,10 @@ inline QPair<QStringList, QStringList> logged(const LogCapture::Message &message
     return {{message.text, context, QString::number(dated)}, {expected + tail, QStringLiteral("2 default :0 "), QStringLiteral("1")}};
 }
 
-#define BENCH_LOGGED(...) QCOMPARE(bench::logged(__VA_ARGS__).first, bench::logged(__VA_ARGS__).second)
+#define BENCH_LOGGED(...)                                    \
+    do {                                                     \
+        const auto compared = bench::logged(__VA_ARGS__);    \
+        QCOMPARE(compared.first, compared.second);           \
+    } while (false)
 
 } // namespace bench
