@@ -15,7 +15,7 @@ DeadlineQueue::Handle DeadlineQueue::add(quint64 key, qint64 inMs)
     const Handle handle = m_deadlines.emplace(deadline, key);
     // The timer is only moved earlier here; a removed deadline leaves it armed, and it
     // re-arms itself for the earliest one left when it fires.
-    if (m_armedFor < 0 || deadline < m_armedFor)
+    if (!m_timer.isActive() || deadline < m_armedFor)
         arm(deadline);
     return handle;
 }
@@ -34,7 +34,6 @@ void DeadlineQueue::arm(qint64 deadline)
 
 void DeadlineQueue::onTimer()
 {
-    m_armedFor = -1;
     // One at a time: a receiver may add or remove deadlines.
     while (!m_deadlines.empty() && m_deadlines.begin()->first <= m_clock.elapsed()) {
         const quint64 key = m_deadlines.begin()->second;

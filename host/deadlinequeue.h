@@ -32,6 +32,6 @@ private:
 
     QElapsedTimer m_clock;
     QTimer m_timer;
-    qint64 m_armedFor = -1;
+    qint64 m_armedFor = 0; // the deadline the timer is set for, while it is active
     std::multimap<qint64, quint64> m_deadlines;
 };

@@ -78,6 +78,8 @@ private slots:
             "connection.port: 65536 is out of range (expected a whole number from 1 to 65535)");
         row("unit 256", R"({"reference": "a", "connection": {"unitId": 256}})",
             "connection.unitId: 256 is out of range (expected a whole number from 0 to 255)");
+        row("connection not an object", R"({"reference": "a", "connection": "10.0.0.9"})", "connection: expected an object, found a text");
+        row("port as text", R"({"reference": "a", "connection": {"port": "502"}})", "connection.port: expected a whole number, found a text");
         row("host empty", R"({"reference": "a", "connection": {"host": ""}})", "connection.host: the host is empty");
         row("host not text", R"({"reference": "a", "connection": {"host": 1}})", "connection.host: expected a host name or address text, found a number");
         row("entry id not text", table({R"({"id": "DI0", "value": [{"id": 1, "value": 2}]})"}),
