@@ -190,7 +190,7 @@ void DAbstractPlugin::addToParameters(const QString &name, const QVariant &value
 {
     m_parameters.insert(name, value);
     if (name == QLatin1String("channels"))
-        m_channelIndex.rebuild(value);
+        m_channelTable = DChannelTable(value);
 }
 
 void DAbstractPlugin::initAbstractCommands()

@@ -3,7 +3,7 @@
 // the registry of the commands the plug-in declares.
 #pragma once
 
-#include "dchannelindex.h"
+#include "dchanneltable.h"
 #include "iplugin.h"
 
 #include <QList>
@@ -59,8 +59,10 @@ public:
     QVariant getFromParameters(const QString &name) const;
     // Publishing "channels" also re-indexes the channel table for channelInfo().
     void addToParameters(const QString &name, const QVariant &value);
-    // The raw "value" of entry `key` in the "channels" record `channel` (see DChannelIndex).
-    QVariant channelInfo(const QString &channel, const QString &key) const { return m_channelIndex.value(channel, key); }
+    // The raw "value" of entry `key` in the "channels" record `channel` (see DChannelTable).
+    QVariant channelInfo(const QString &channel, const QString &key) const { return m_channelTable.value(channel, key); }
+    // The published channel table.
+    const DChannelTable &channelTable() const { return m_channelTable; }
 
     // Lets the framework declare its generic commands, before the plug-in's own.
     void initAbstractCommands();
@@ -91,7 +93,7 @@ private:
     const bool m_hidden;
     QMap<QString, QVariant> m_properties;
     QMap<QString, QVariant> m_parameters;
-    DChannelIndex m_channelIndex;
+    DChannelTable m_channelTable;
     QSharedPointer<QJsonObject> m_mainConfig;
     QList<DAbstractCommand *> m_commands;
     IMessenger *m_messenger = nullptr;
