@@ -1,11 +1,24 @@
 // SPDX-License-Identifier: MIT
 #include "execution.h"
 
-#include "host.h"
+#include "hostlog.h"
 
-Execution::Execution(Host *host, DAbstractPlugin *device, const QString &command, const QVariantMap &arguments)
-    : QObject(host)
-    , m_host(host)
+#include <QJsonDocument>
+#include <QJsonObject>
+
+namespace {
+
+QString compact(const QVariantMap &map)
+{
+    return QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantMap(map)).toJson(QJsonDocument::Compact));
+}
+
+} // namespace
+
+Execution::Execution(DeadlineQueue *guards, DAbstractPlugin *device, const QString &command,
+                     const QVariantMap &arguments, QObject *parent)
+    : QObject(parent)
+    , m_guards(guards)
     , m_device(device)
     , m_commandName(command)
     , m_arguments(arguments)
@@ -13,8 +26,21 @@ Execution::Execution(Host *host, DAbstractPlugin *device, const QString &command
 
 Execution::~Execution()
 {
-    if (!isFinished() && m_host)
-        m_host->forget(this);
+    if (!isFinished())
+        setFinished(Stopped, DError{IMessenger::CeStopped, 0, QStringLiteral("the execution was deleted")});
+}
+
+void Execution::setCommand(DAbstractCommand *command, const QSharedPointer<ICommand> &fresh, bool listening,
+                           bool checkArguments)
+{
+    m_command = command;
+    m_fresh = fresh;
+    m_listening = listening;
+    m_checkArguments = checkArguments;
+    // Several executions may share a declared object (listens): each takes only what the
+    // command posts while it is active.
+    connect(command, &DAbstractCommand::sigResultChanged, this, &Execution::onResult);
+    connect(command, &DAbstractCommand::sigFinished, this, &Execution::onCommandFinished);
 }
 
 void Execution::setState(State state)
@@ -25,19 +51,186 @@ void Execution::setState(State state)
     emit stateChanged(state);
 }
 
-void Execution::postResult(const QString &name, const QVariant &value)
+QString Execution::deviceName() const
 {
+    return m_device ? m_device->getName() : QString();
+}
+
+void Execution::start()
+{
+    if (m_state != Queued)
+        return;
+    DAbstractCommand *command = m_command;
+    if (!command) {
+        setFinished(Failed, DError{IMessenger::CeRefused, 0, QStringLiteral("command \"%1\" is no longer available").arg(m_commandName)});
+        return;
+    }
+    setState(Running);
+    if (lcHost().isDebugEnabled())
+        qCDebug(lcHost).noquote() << "running" << m_commandName << compact(m_arguments) << "on" << deviceName();
+    command->setParameters(m_arguments);
+    command->setArgumentChecks(m_checkArguments);
+    const QPointer<Execution> self(this);
+    // Active while the command runs: what it posts or sends meanwhile is this execution's.
+    ++m_active;
+    const bool started = command->commandExecute();
+    if (self)
+        --m_active;
+    if (!self || isFinished())
+        return;
+    if (!started) {
+        const QString reason = command->errorString();
+        setFinished(Failed, DError{IMessenger::CeRefused, 0,
+                                   QStringLiteral("%1 refused to run: %2")
+                                       .arg(m_commandName, reason.isEmpty() ? QStringLiteral("the command gave no reason") : reason)});
+        return;
+    }
+    settleIfDone();
+}
+
+void Execution::settleIfDone()
+{
+    if (m_state == Running && !m_listening && m_pending.isEmpty())
+        setFinished(Succeeded);
+}
+
+bool Execution::stop()
+{
+    if (isFinished())
+        return false;
+    if (m_state == Queued) {
+        setFinished(Stopped, DError{IMessenger::CeStopped, 0, QStringLiteral("%1 was stopped before it started").arg(m_commandName)});
+    } else if (m_listening) {
+        qCDebug(lcHost).noquote() << "running" << (m_command ? m_command->stopCommandName() : QString()) << "for" << m_commandName;
+        setFinished(Stopped, DError{IMessenger::CeStopped, 0, QString()});
+    } else {
+        setFinished(Stopped, DError{IMessenger::CeStopped, 0, QStringLiteral("%1 was stopped before it completed").arg(m_commandName)});
+    }
+    return true;
+}
+
+void Execution::setFinished(State state, const DError &error)
+{
+    if (isFinished())
+        return;
+    if (state == Failed)
+        qCWarning(lcHost).noquote() << error.text;
+    else
+        qCDebug(lcHost).noquote() << m_commandName << "ended" << state << error.text;
+    m_error = error;
+    const QList<unsigned long long> pending = m_pending.keys();
+    for (const Pending &instruction : qAsConst(m_pending))
+        m_guards->remove(instruction.guard);
+    m_pending.clear();
+    if (m_command)
+        disconnect(m_command, nullptr, this, nullptr);
+    if (m_fresh) {
+        // This may be a call from inside the fresh command itself: it goes on the next turn
+        // (the host flushes these before it deletes the plug-ins).
+        QMetaObject::invokeMethod(m_guards, [fresh = m_fresh] { Q_UNUSED(fresh) }, Qt::QueuedConnection);
+        m_fresh.reset();
+    }
+    emit released(pending);
+    setState(state);
+    emit finished();
+}
+
+void Execution::addInstruction(unsigned long long id, const QString &instruction,
+                               const IMessenger::ReplyCallback &callback, int guardMs)
+{
+    m_pending.insert(id, Pending{instruction, callback, guardMs, m_guards->add(id, guardMs)});
+}
+
+void Execution::dropInstruction(unsigned long long id)
+{
+    const auto it = m_pending.find(id);
+    if (it == m_pending.end())
+        return;
+    m_guards->remove(it->guard);
+    m_pending.erase(it);
+}
+
+void Execution::guardExpired(unsigned long long id)
+{
+    const auto it = m_pending.find(id);
+    if (it == m_pending.end())
+        return;
+    it->guard = m_guards->none();
+    setFinished(Failed, DError{IMessenger::CeTimeout, 0,
+                               QStringLiteral("%1: no reply to instruction %2 (\"%3\" to the driver of \"%4\") within %5 ms")
+                                   .arg(m_commandName).arg(id).arg(it->instruction, deviceName()).arg(it->guardMs)});
+}
+
+void Execution::deliver(unsigned long long id, const QVariantMap &reply, bool last)
+{
+    const auto it = m_pending.find(id);
+    if (it == m_pending.end() || isFinished())
+        return;
+    // The guard covers the first reply; a listen then reports only changes.
+    m_guards->remove(it->guard);
+    it->guard = m_guards->none();
+    const IMessenger::ReplyCallback callback = it->callback;
+    const QString instruction = it->instruction;
+    if (last)
+        m_pending.erase(it);
+    const QPointer<DAbstractCommand> command = m_command;
+    if (!command)
+        return;
+
+    const QPointer<Execution> self(this);
+    const DError driverError = DError::fromReply(reply);
+    bool accepted = true;
+    ++m_active;
+    if (!callback.empty()) {
+        // On a driver error the command still sees the reply and makes its own checks (and
+        // log line); the caller is told the driver's code and text.
+        accepted = callback(id, reply);
+    } else if (!driverError.isError()) {
+        // Nobody waits for this reply: what it carries under a declared result name becomes that result.
+        for (auto value = reply.cbegin(); value != reply.cend(); ++value)
+            if (command->declaresResult(value.key()))
+                command->commandUpdateResult(value.key(), value.value());
+    }
+    if (self)
+        --m_active;
+    if (!self || isFinished())
+        return;
+    if (driverError.isError()) {
+        const DError error{driverError.code, driverError.exceptionCode,
+                           QStringLiteral("%1: the driver of \"%2\" failed instruction %3 (\"%4\"): %5")
+                               .arg(m_commandName, deviceName())
+                               .arg(id)
+                               .arg(instruction, driverError.text)};
+        if (!last && m_listening) {
+            // A listen outlives an outage: the driver goes on and reports again once it can.
+            qCWarning(lcHost).noquote() << error.text;
+            emit errorReported(error);
+        } else {
+            setFinished(Failed, error);
+        }
+    } else if (!accepted) {
+        setFinished(Failed, DError{IMessenger::CeReplyRejected, 0,
+                                   QStringLiteral("%1: the command rejected the reply to instruction %2 (\"%3\"): %4")
+                                       .arg(m_commandName).arg(id).arg(instruction, compact(reply))});
+    } else if (last) {
+        settleIfDone();
+    }
+}
+
+void Execution::onResult(const QString &name, const QVariant &value)
+{
+    if (!isActive())
+        return;
     m_results.insert(name, value);
     emit resultChanged(name, value);
 }
 
-void Execution::end(State state, IMessenger::EnErrorCode code, const QString &error, int exceptionCode)
+void Execution::onCommandFinished(bool ok, const QString &error)
 {
-    if (isFinished())
+    if (!isActive())
         return;
-    m_errorCode = code;
-    m_errorString = error;
-    m_exceptionCode = exceptionCode;
-    setState(state);
-    emit finished();
+    if (ok)
+        setFinished(Succeeded);
+    else
+        setFinished(Failed, DError{IMessenger::CeRefused, 0, QStringLiteral("%1 failed: %2").arg(m_commandName, error)});
 }

@@ -1,19 +1,21 @@
 // SPDX-License-Identifier: MIT
-// One run of a device command, from Host::execute() to its end.
+// One run of a device command, from Host::execute() to its end: the reply object of the host,
+// as QModbusReply is QModbusClient's. It owns its state, its results and error, the command
+// object it runs on and its instructions still pending at the driver (with their reply
+// callbacks and guards); the host only routes replies and guard expiries to it.
 #pragma once
 
+#include "deadlinequeue.h"
 #include "dabstractcommand.h"
 #include "dabstractplugin.h"
 #include "derror.h"
 #include "imessenger.h"
 
+#include <QHash>
 #include <QObject>
 #include <QPointer>
 #include <QSharedPointer>
 #include <QVariantMap>
-#include <QVector>
-
-class Host;
 
 class Execution : public QObject
 {
@@ -22,6 +24,9 @@ public:
     enum State { Queued, Running, Succeeded, Failed, Stopped };
     Q_ENUM(State)
 
+    // Made by Host::execute(); `guards` times the instructions this execution sends.
+    Execution(DeadlineQueue *guards, DAbstractPlugin *device, const QString &command, const QVariantMap &arguments,
+              QObject *parent);
     // Deleting a running execution stops it first.
     ~Execution() override;
 
@@ -36,13 +41,46 @@ public:
     bool isListening() const { return m_listening; }
     // Results posted by this execution so far (the latest value of each).
     QVariantMap results() const { return m_results; }
-    // CeNoError while running and on success; CeStopped once stopped.
-    IMessenger::EnErrorCode errorCode() const { return m_errorCode; }
+    // CeNoError while running and on success; CeStopped once stopped. CeRefused means that
+    // nothing was sent.
+    IMessenger::EnErrorCode errorCode() const { return m_error.code; }
     // Empty unless Failed (or Stopped before its end): one line saying what went wrong.
-    QString errorString() const { return m_errorString; }
+    QString errorString() const { return m_error.text; }
     // The Modbus exception number when errorCode() is CeModbusException, else 0.
-    int exceptionCode() const { return m_exceptionCode; }
-    DError error() const { return DError{m_errorCode, m_exceptionCode, m_errorString}; }
+    int exceptionCode() const { return m_error.exceptionCode; }
+    DError error() const { return m_error; }
+
+    // The host's side. The command object this execution runs on: `fresh` when the command
+    // made one for it, else the declared `command`.
+    void setCommand(DAbstractCommand *command, const QSharedPointer<ICommand> &fresh, bool listening,
+                    bool checkArguments);
+    DAbstractCommand *command() const { return m_command; }
+    bool hasFreshCommand() const { return !m_fresh.isNull(); }
+    // Whether the command runs on this execution's behalf now (inside its commandExecute or
+    // one of its reply callbacks): what the command posts or sends then is this execution's.
+    bool isActive() const { return m_active > 0; }
+    // Runs the command: Running, then commandExecute(). Ends at once when the command refuses
+    // or sends nothing.
+    void start();
+    // Stops it: a queued or running one ends Stopped with CeStopped and a line saying so; a
+    // listening one ends Stopped without error, its normal end. False once finished.
+    bool stop();
+    // Ends the execution (once): its pending instructions are dropped (released(), and the
+    // host stops them at the driver), then stateChanged() and finished() are emitted.
+    void setFinished(State state, const DError &error = DError());
+
+    // An instruction the command sent on this execution's behalf; the guard expires
+    // `guardMs` from now unless a reply comes first.
+    void addInstruction(unsigned long long id, const QString &instruction, const IMessenger::ReplyCallback &callback,
+                        int guardMs);
+    QList<unsigned long long> pendingInstructions() const { return m_pending.keys(); }
+    bool hasInstruction(unsigned long long id) const { return m_pending.contains(id); }
+    // Forgets a pending instruction (and its guard).
+    void dropInstruction(unsigned long long id);
+    // A driver's reply to instruction `id`; `last` when the driver ends the instruction with it.
+    void deliver(unsigned long long id, const QVariantMap &reply, bool last);
+    // The guard of instruction `id` expired: the driver gave no answer in time.
+    void guardExpired(unsigned long long id);
 
 signals:
     void stateChanged(Execution::State state);
@@ -53,31 +91,37 @@ signals:
     void errorReported(const DError &error);
     // Emitted once, when the state becomes Succeeded, Failed or Stopped.
     void finished();
+    // For the host, just before the end is announced: the instructions that were still
+    // pending at the driver, to be stopped there.
+    void released(const QList<unsigned long long> &pending);
 
 private:
-    friend class Host;
-    Execution(Host *host, DAbstractPlugin *device, const QString &command, const QVariantMap &arguments);
+    struct Pending
+    {
+        QString instruction;
+        IMessenger::ReplyCallback callback;
+        int guardMs = 0;
+        DeadlineQueue::Handle guard;
+    };
 
     void setState(State state);
-    void postResult(const QString &name, const QVariant &value);
-    void end(State state, IMessenger::EnErrorCode code, const QString &error, int exceptionCode = 0);
+    void onResult(const QString &name, const QVariant &value);
+    void onCommandFinished(bool ok, const QString &error);
+    // Succeeded once a non-listening execution has nothing pending.
+    void settleIfDone();
+    QString deviceName() const;
 
-    Host *m_host = nullptr;
+    DeadlineQueue *m_guards = nullptr;
     QPointer<DAbstractPlugin> m_device;
     const QString m_commandName;
     const QVariantMap m_arguments;
     bool m_listening = false;
-    // Whether the command checks the arguments against their declared type codes.
     bool m_checkArguments = true;
     State m_state = Queued;
     QVariantMap m_results;
-    IMessenger::EnErrorCode m_errorCode = IMessenger::CeNoError;
-    QString m_errorString;
-    int m_exceptionCode = 0;
-
-    // Kept by the host: the object the execution runs on (a fresh one from the command's
-    // factory, held here, or the declared one) and its instructions still pending.
+    DError m_error;
     QPointer<DAbstractCommand> m_command;
     QSharedPointer<ICommand> m_fresh;
-    QVector<unsigned long long> m_instructions;
+    int m_active = 0;
+    QHash<unsigned long long, Pending> m_pending;
 };

@@ -1,8 +1,16 @@
 // SPDX-License-Identifier: MIT
-// The host runtime: device instances, their drivers, and the messenger through which
-// their commands run.
+// The host runtime: a registry of device instances and their drivers, and the router of
+// the instructions their commands send.
+//
+// Ownership: the host owns the device and driver instances, every Execution (its QObject
+// children), one CommandQueue per command object and the BackendRuns of back-ends. An
+// Execution owns its state, results, pending instructions with their reply callbacks and
+// guards; the host keeps only the route from an instruction id to its execution and stops
+// at the driver whatever an execution leaves pending when it ends.
 #pragma once
 
+#include "backendruns.h"
+#include "commandqueue.h"
 #include "deadlinequeue.h"
 #include "deviceconfig.h"
 #include "execution.h"
@@ -53,21 +61,20 @@ public:
     enum ArgumentCheck { CheckArguments, RawArguments };
 
     // Starts `command` of `device` with `arguments`. Never null; every signal of the
-    // execution comes later on the event loop, a refusal included (Failed with CeRefused
-    // for an unknown command or one whose base checks refuse, CeNoRoute for a device that
-    // is not this host's). A command with a factory runs on a fresh object. A listening
-    // command (one with a stop command, e.g. "listenEvents") runs on its declared object,
-    // any number of executions at once (one per channel): each reply goes to the command's
-    // callback while the host attributes what the command posts to the execution whose
-    // instruction it answers. Any other command runs on its declared object one execution
-    // at a time, later ones queued in order.
-    // The host owns the execution; the caller may delete it once finished.
+    // execution comes later on the event loop, a refusal included (Failed with CeRefused for
+    // an unknown command, one the command gate or the command's base checks refuse, and
+    // nothing sent then; CeNoRoute for a device that is not this host's). A command with a
+    // factory runs on a fresh object. A listening command (one with a stop command, e.g.
+    // "listenEvents") runs on its declared object, any number of executions at once (one per
+    // channel). Any other command runs on its declared object one execution at a time,
+    // later ones queued in order. The host owns the execution; the caller may delete it
+    // once finished (deleting a running one stops it).
     Execution *execute(DAbstractPlugin *device, const QString &command, const QVariantMap &arguments = {},
                        ArgumentCheck check = CheckArguments);
-    // Stops exactly this execution. A listening one has its driver "listen" instructions
-    // stopped (its stop command, e.g. "stopListening") and ends Stopped, its normal end;
-    // other listens of the same command go on. A queued or other running execution ends
-    // Stopped with CeStopped. False when it has finished already.
+    // Stops exactly this execution (Execution::stop()). A listening one has its driver
+    // "listen" instructions stopped (its stop command, e.g. "stopListening") and ends
+    // Stopped, its normal end; other listens of the same command go on. False when it has
+    // finished already.
     bool stop(Execution *execution);
 
     // IMessenger
@@ -81,8 +88,6 @@ public:
     bool stopCommand(unsigned long long runId) override;
 
 private:
-    friend class Execution;
-
     struct Device
     {
         DeviceConfig config;
@@ -95,71 +100,31 @@ private:
         int listens = 0;
     };
 
-    struct Pending
+    // Where a driver's reply to an instruction goes.
+    struct Route
     {
-        QPointer<DAbstractCommand> command;
         Execution *execution = nullptr;
         Device *device = nullptr;
-        QString commandName;
-        QString instruction;
-        ReplyCallback callback;
-        int guardMs = 0;
         bool listen = false;
-        DeadlineQueue::Handle guard;
-    };
-
-    // The executions of one command object: running, and waiting for a declared one.
-    struct CommandState
-    {
-        QList<Execution *> running;
-        QList<QPointer<Execution>> queue;
-    };
-
-    // A back-end's run (runCommand) or schedule of runs (runCommandEvery).
-    struct Run
-    {
-        QPointer<DAbstractPluginBackend> backend;
-        QString command;
-        QMap<QString, QVariant> arguments;
-        int repeatMs = 0;
-        bool stopped = false;
-        QPointer<Execution> current;
-        DeadlineQueue::Handle next;
     };
 
     Device *deviceEntry(const DAbstractPlugin *device) const { return m_byInstance.value(device); }
-    CommandState &wire(DAbstractCommand *command);
-    Execution *executionOf(DAbstractCommand *command) const;
+    CommandQueue *queueFor(DAbstractCommand *command, CommandQueue::Mode mode);
     void failLater(Execution *execution, EnErrorCode code, const QString &error);
-    void startNext(DAbstractCommand *declared);
-    void start(Execution *execution);
-    void checkSettled(Execution *execution);
-    void finish(Execution *execution, Execution::State state, EnErrorCode code, const QString &error,
-                int exceptionCode = 0);
-    void forget(Execution *execution);
-    void dropPending(unsigned long long id, bool stopDriver);
+    void unroute(unsigned long long id, bool stopDriver);
     void onDriverReply(unsigned long long id, const QVariantMap &reply, bool last);
-    void onDeadline(quint64 key);
-    void startRun(unsigned long long runId);
-    void runEnded(unsigned long long runId, Execution *execution);
+    void onGuardExpired(quint64 id);
 
     PluginManager *m_plugins;
     QList<Device *> m_devices;
     QHash<const DAbstractPlugin *, Device *> m_byInstance;
     int m_timeoutOverride = 0;
-    unsigned long long m_lastId = 0;
-    QHash<unsigned long long, Pending> m_pending;
-    // Instruction guards and the next runs of schedules.
-    DeadlineQueue m_deadlines;
-    QHash<DAbstractCommand *, CommandState> m_commands;
-    // The execution on whose behalf a command runs now (inside commandExecute or a reply
-    // callback): what the command posts or sends belongs to it.
-    Execution *m_current = nullptr;
-    // Inside a driver's reply: stops for drivers wait until it has returned.
-    int m_delivering = 0;
-    QList<QPair<QPointer<DAbstractDriver>, unsigned long long>> m_stopsLater;
-    // Fresh command objects of finished executions, released on the next event-loop turn
-    // (never from inside one of their own signals).
-    QList<QSharedPointer<ICommand>> m_released;
-    QHash<unsigned long long, Run> m_runs;
+    unsigned long long m_lastInstruction = 0;
+    QHash<unsigned long long, Route> m_routes;
+    // Instruction guards, keyed by instruction id; each execution keeps the handles of its own.
+    DeadlineQueue m_guards;
+    // The executions of each command object (declared ones for the host's life, fresh ones
+    // while their execution runs).
+    QHash<DAbstractCommand *, CommandQueue *> m_queues;
+    BackendRuns *m_runs;
 };

@@ -51,6 +51,17 @@ public:
 
 } // namespace
 
+// Sends one "read" without a time-out of its own.
+class NoTimeOutCommand : public DAbstractCommand
+{
+public:
+    NoTimeOutCommand() : DAbstractCommand(QStringLiteral("noTimeOut"), {}, nullptr) {}
+    bool commandExecute() override
+    {
+        return DAbstractCommand::commandExecute() && addInstruction(QStringLiteral("driver"), QStringLiteral("read"), {}, 0, {}) != 0;
+    }
+};
+
 class TstHost : public QObject
 {
     Q_OBJECT
@@ -67,6 +78,7 @@ private:
     }
     void setScript(const QVariantList &rules) { QMetaObject::invokeMethod(m_host->driverOf(m_device), "setScript", Q_ARG(QVariantList, rules)); }
     static bool waitFinished(Execution *execution) { return QTest::qWaitFor([execution] { return execution->isFinished(); }, 5000); }
+    static QVariantMap entry(const char *id, const QVariant &value) { return {{QStringLiteral("id"), QLatin1String(id)}, {QStringLiteral("value"), value}}; }
     static DeviceConfig config(const QString &reference)
     {
         DeviceConfig config;
@@ -75,11 +87,13 @@ private:
         config.driverUuid = c_scriptedDriver;
         config.sourceFile = QStringLiteral("bench.json");
         config.jsonPath = QStringLiteral("devices[1]");
-        // The plug-in's channel table "<last word of the reference>_channels": C0..C7 at registers 0..7.
+        // The plug-in's channel table "<last word of the reference>_channels": outputs C0..C6 and input C7 at
+        // registers 0..7, and a pulse-status record.
         QVariantList channels;
         for (int i = 0; i < 8; ++i)
             channels << QVariantMap{{QStringLiteral("id"), QStringLiteral("C%1").arg(i)},
-                                    {QStringLiteral("value"), QVariantList{QVariantMap{{QStringLiteral("id"), QStringLiteral("register")}, {QStringLiteral("value"), i}}}}};
+                                    {QStringLiteral("value"), QVariantList{entry("register", i), entry("type", i < 7 ? "digitalOutput" : "digitalInput")}}};
+        channels << QVariantMap{{QStringLiteral("id"), QStringLiteral("DO_PulseStatus")}, {QStringLiteral("value"), QVariantList{entry("register", 16)}}};
         config.parameters.insert(reference.section(QLatin1Char(' '), -1) + QStringLiteral("_channels"), channels);
         return config;
     }
@@ -206,7 +220,7 @@ private slots:
         QCOMPARE(states.at(0).at(0).value<Execution::State>(), Execution::Running);
         QCOMPARE(states.at(1).at(0).value<Execution::State>(), code ? Execution::Failed : Execution::Succeeded);
         QCOMPARE(record("started").size(), 1);
-        QCOMPARE(record("stopped"), code == IMessenger::CeTimeout ? QVariantList{id} : QVariantList());
+        QTRY_COMPARE_WITH_TIMEOUT(record("stopped"), code == IMessenger::CeTimeout ? QVariantList{id} : QVariantList(), 1000);
         QCOMPARE(log.messages().last().text == error, code != 0);
     }
 
@@ -239,8 +253,8 @@ private slots:
         m_host->setTimeoutOverride(override);
         if (listen)
             m_host->execute(m_device, QStringLiteral("listenEvents"), {{c_channel, QStringLiteral("C0")}});
-        Execution *first = m_host->execute(m_device, QStringLiteral("getValue"));
-        Execution *second = m_host->execute(m_device, QStringLiteral("getValues"));
+        Execution *first = m_host->execute(m_device, QStringLiteral("getValue"), {{c_channel, QStringLiteral("C0")}});
+        Execution *second = m_host->execute(m_device, QStringLiteral("getValues"), {{c_channel, QStringLiteral("C0")}});
         QTRY_COMPARE_WITH_TIMEOUT(record("started").size(), listen ? 3 : 2, 2000);
         QCOMPARE(record("started").last().toMap().value(QStringLiteral("timeoutMs")).toInt(), sent);
         if (!guard)
@@ -262,8 +276,9 @@ private slots:
     // A command that gives no time-out of its own gets 3000 ms.
     void defaultTimeOut()
     {
-        m_host->sendInstruction(m_device->command(QStringLiteral("getValue")), QStringLiteral("driver"), QStringLiteral("read"), {}, 0, {});
-        QCOMPARE(record("started").value(0).toMap().value(QStringLiteral("timeoutMs")).toInt(), 3000);
+        QVERIFY(m_device->declareInstructionCommand(new NoTimeOutCommand));
+        m_host->execute(m_device, QStringLiteral("noTimeOut"));
+        QTRY_COMPARE_WITH_TIMEOUT(record("started").value(0).toMap().value(QStringLiteral("timeoutMs")).toInt(), 3000, 2000);
     }
 
     void executions_data()
@@ -337,7 +352,7 @@ private slots:
         delete runs.at(3);
         QCOMPARE(deleted, QStringLiteral("the execution was deleted"));
         const QVariantList sent = record("started");
-        QCOMPARE(record("stopped"), (QVariantList{sent.at(1).toMap().value(QStringLiteral("id")), sent.at(3).toMap().value(QStringLiteral("id"))}));
+        QTRY_COMPARE_WITH_TIMEOUT(record("stopped"), (QVariantList{sent.at(1).toMap().value(QStringLiteral("id")), sent.at(3).toMap().value(QStringLiteral("id"))}), 1000);
         QTRY_VERIFY_WITH_TIMEOUT(seen.at(0).size() == 3 && seen.at(2).size() == 3, 3000);
         for (int i = 0; i < 3; ++i) {
             const QString report = QStringLiteral("{\"values\":[%1]}").arg(i);
@@ -349,31 +364,65 @@ private slots:
     void refusals_data()
     {
         QTest::addColumn<QString>("command");
+        QTest::addColumn<QVariantMap>("arguments");
+        QTest::addColumn<bool>("raw");
         QTest::addColumn<int>("code");
         QTest::addColumn<QString>("error");
-        QTest::newRow("unknown command") << "nope" << int(IMessenger::CeRefused)
+        const auto channel = [](const char *id) { return QVariantMap{{c_channel, QLatin1String(id)}}; };
+        QTest::newRow("unknown command") << "nope" << QVariantMap() << false << int(IMessenger::CeRefused)
                                          << "device \"bench io1\" has no command \"nope\" (it has: getPluginIdentity, getInfo, getValue,";
-        QTest::newRow("a stop command") << "stopListening" << int(IMessenger::CeRefused)
+        QTest::newRow("a stop command") << "stopListening" << QVariantMap() << false << int(IMessenger::CeRefused)
                                         << "\"stopListening\" is the stop command of \"listenEvents\": stop a running \"listenEvents\" execution instead";
-        QTest::newRow("refused without a reason") << "listenEvents" << int(IMessenger::CeRefused)
+        QTest::newRow("refused without a reason") << "listenEvents" << QVariantMap() << true << int(IMessenger::CeRefused)
                                                   << "listenEvents refused to run: the command gave no reason";
-        QTest::newRow("not this host's device") << "getValue" << int(IMessenger::CeNoRoute)
+        QTest::newRow("not this host's device") << "getValue" << QVariantMap() << false << int(IMessenger::CeNoRoute)
                                                 << "cannot run \"getValue\": the plug-in instance is not a device of this host";
+        QTest::newRow("missing parameter") << "getValue" << QVariantMap() << false << int(IMessenger::CeRefused)
+                                           << "command \"getValue\": parameter \"channel\" is missing (type \"strg\": Channel name)";
+        QTest::newRow("missing value") << "setValue" << channel("C0") << false << int(IMessenger::CeRefused)
+                                       << "command \"setValue\": parameter \"value\" is missing";
+        QTest::newRow("no such channel") << "getValue" << channel("C9") << false << int(IMessenger::CeRefused)
+                                         << "command \"getValue\": \"channel\" is \"C9\", which names no channel of the device (channels: C0, C1,";
+        QTest::newRow("channel by default") << "setValue" << QVariantMap{{QStringLiteral("value"), 1}} << false
+                                            << int(IMessenger::CeRefused) << "command \"setValue\": \"channel\" is \"\", which names no channel";
+        QTest::newRow("a register record") << "setValue" << QVariantMap{{c_channel, QStringLiteral("DO_PulseStatus")}, {QStringLiteral("value"), 1}}
+                                           << false << int(IMessenger::CeRefused)
+                                           << "command \"setValue\": \"channel\" is \"DO_PulseStatus\", which names no channel of the device (it is a register record)";
+        const QVariantMap pulse{{c_channel, QStringLiteral("C7")}, {QStringLiteral("values"), QVariantList{1}},
+                                {QStringLiteral("pulseOnWidth"), 5}, {QStringLiteral("pulseOffWidth"), 5}};
+        for (const char *command : {"setValue", "setValues", "setBlink"})
+            QTest::newRow(command) << command
+                                   << (command == QLatin1String("setValue") ? QVariantMap{{c_channel, QStringLiteral("C7")}, {QStringLiteral("value"), 1}} : pulse)
+                                   << false << int(IMessenger::CeRefused)
+                                   << QStringLiteral("command \"%1\": \"channel\" is \"C7\", a digitalInput channel: only output channels take writes").arg(command);
+        QTest::newRow("out of range") << "setValue" << QVariantMap{{c_channel, QStringLiteral("C0")}, {QStringLiteral("value"), 65536}} << false
+                                      << int(IMessenger::CeRefused) << "setValue refused to run: command \"setValue\": argument \"value\" is 65536, expected \"ui16\"";
     }
 
     // A refusal fails the execution on the event loop and sends nothing.
     void refusals()
     {
         QFETCH(QString, command);
+        QFETCH(QVariantMap, arguments);
+        QFETCH(bool, raw);
         QFETCH(int, code);
         QFETCH(QString, error);
         DAbstractPlugin *device = code == IMessenger::CeNoRoute ? m_plugins.plugin(DeviceConfig::defaultPluginUuid()) : m_device;
-        Execution *execution = m_host->execute(device, command);
+        Execution *execution = m_host->execute(device, command, arguments, raw ? Host::RawArguments : Host::CheckArguments);
         QCOMPARE(execution->state(), Execution::Queued);
         QVERIFY(waitFinished(execution));
         QCOMPARE(int(execution->errorCode()), code);
         QVERIFY2(execution->errorString().startsWith(error), qPrintable(execution->errorString()));
         QVERIFY(record("started").isEmpty());
+    }
+
+    // Raw arguments pass the gate: a write to an input reaches the driver as given.
+    void rawPassesTheGate()
+    {
+        Execution *execution = m_host->execute(m_device, QStringLiteral("setValue"), {{c_channel, QStringLiteral("C7")}, {QStringLiteral("value"), 1}},
+                                               Host::RawArguments);
+        QTRY_VERIFY_WITH_TIMEOUT(!record("started").isEmpty(), 2000);
+        QCOMPARE(execution->errorCode(), IMessenger::CeNoError);
     }
 
     void addDeviceRefusals_data()

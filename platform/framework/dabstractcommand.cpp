@@ -49,17 +49,9 @@ bool DAbstractCommand::commandExecute()
         m_error = QStringLiteral("command \"%1\" cannot run: it is not attached to a host (no plug-in messenger)").arg(m_name);
         return false;
     }
-    for (auto it = m_parameters.constBegin(); it != m_parameters.constEnd(); ++it) {
-        if (!isDeclared(DCommandArgument::CeParameter, it.key())) {
-            QStringList declared;
-            for (const DCommandArgument &argument : qAsConst(m_arguments))
-                if (argument.kind == DCommandArgument::CeParameter)
-                    declared << argument.name;
-            m_error = QStringLiteral("command \"%1\" has no parameter \"%2\" (it takes: %3)")
-                          .arg(m_name, it.key(), declared.isEmpty() ? QStringLiteral("none") : declared.join(QStringLiteral(", ")));
-            return false;
-        }
-    }
+    m_error = undeclaredArgument(m_parameters);
+    if (!m_error.isEmpty())
+        return false;
     if (m_checkArguments && !checkArguments())
         return false;
     m_error.clear();
@@ -245,11 +237,31 @@ QVariant DAbstractCommand::getParameterValue(const QString &name, const QVariant
     const auto given = m_parameters.constFind(name);
     if (given != m_parameters.constEnd())
         return given.value();
+    const QVariant declared = declaredDefault(name);
+    return declared.isValid() ? declared : defaultValue;
+}
+
+QString DAbstractCommand::undeclaredArgument(const QMap<QString, QVariant> &arguments) const
+{
+    for (auto it = arguments.constBegin(); it != arguments.constEnd(); ++it) {
+        if (isDeclared(DCommandArgument::CeParameter, it.key()))
+            continue;
+        QStringList declared;
+        for (const DCommandArgument &argument : m_arguments)
+            if (argument.kind == DCommandArgument::CeParameter)
+                declared << argument.name;
+        return QStringLiteral("command \"%1\" has no parameter \"%2\" (it takes: %3)")
+            .arg(m_name, it.key(), declared.isEmpty() ? QStringLiteral("none") : declared.join(QStringLiteral(", ")));
+    }
+    return QString();
+}
+
+QVariant DAbstractCommand::declaredDefault(const QString &name) const
+{
     for (const DCommandArgument &argument : m_arguments)
-        if (argument.kind == DCommandArgument::CeParameter && argument.name == name
-            && fitsTypeCode(argument.typeCode, argument.defaultValue))
-            return argument.defaultValue;
-    return defaultValue;
+        if (argument.kind == DCommandArgument::CeParameter && argument.name == name)
+            return fitsTypeCode(argument.typeCode, argument.defaultValue) ? argument.defaultValue : QVariant();
+    return QVariant();
 }
 
 QVariant DAbstractCommand::getInfoFromChannel(const QString &channel, const QString &key, QMetaType::Type type,

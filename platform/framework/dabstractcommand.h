@@ -66,6 +66,12 @@ public:
     // The caller's argument; when the caller gave none, the declared default when it is a
     // value of the declared type (65535 for a "ui16", not "" for a "varL"); otherwise `defaultValue`.
     QVariant getParameterValue(const QString &name, const QVariant &defaultValue = QVariant()) const;
+    // Empty when every argument is a declared parameter; otherwise one line naming the first
+    // that is not and the parameters the command takes.
+    QString undeclaredArgument(const QMap<QString, QVariant> &arguments) const;
+    // The declared default of parameter `name` when it is a value of the declared type;
+    // an invalid QVariant when there is none (the caller must then give the argument).
+    QVariant declaredDefault(const QString &name) const;
 
     // Looks in the plug-in's "channels" parameter (its index) for the first record whose "id" is `channel`,
     // then in its "value" list for the first entry whose "id" is `key`, and returns that entry's
