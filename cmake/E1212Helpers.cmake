@@ -27,3 +27,10 @@ function(e1212_add_test name)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT}
     ENVIRONMENT "QT_QPA_PLATFORM=offscreen;${ARG_ENVIRONMENT}")
 endfunction()
+
+# e1212_versioned_library(<target>): a shared library of ours with a versioned SONAME
+# (lib<name>.so.<major>), installed in lib/.
+function(e1212_versioned_library target)
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  install(TARGETS ${target} LIBRARY DESTINATION ${E1212_INSTALL_LIBDIR} NAMELINK_SKIP)
+endfunction()
