@@ -6,10 +6,10 @@
 
 #include <QTimer>
 
-CtlRunner::CtlRunner(CtlSession &session, QObject *parent)
+CtlRunner::CtlRunner(CtlSession &session, const QList<CtlGroup> &groups, QObject *parent)
     : QObject(parent)
     , m_session(session)
-    , m_groups(ctlGroups())
+    , m_groups(groups)
 {
     connect(&m_signals, &SignalWatcher::interrupted, this, &CtlRunner::interrupt);
 }
@@ -28,32 +28,29 @@ void CtlRunner::start(const CtlCommand &command, const CtlArgs &args)
 
 CtlStep *CtlRunner::runLine(const QStringList &words, const CtlStep::Done &done)
 {
-    const CtlCommand *command = findCtlCommand(m_groups, words.first());
     CtlArgs args;
-    auto *refusal = new CtlStep(*this, m_session, args, done);
-    refusal->setParent(this);
-    if (!command || command->where == CtlCommand::CommandLineOnly) {
-        refusal->finish(CtlOutcome::refused(QStringLiteral("\"%1\" is not a step (see e1212ctl help script)").arg(words.first())));
-        return refusal;
-    }
+    // A line that is not a step ends as a step of its own, with what is wrong or the help.
+    const auto answer = [&](const CtlOutcome &outcome) {
+        auto *step = new CtlStep(*this, m_session, args, done);
+        step->setParent(this);
+        step->finish(outcome);
+        return step;
+    };
+    const CtlCommand *command = findCtlCommand(m_groups, words.first());
+    if (!command || command->where == CtlCommand::CommandLineOnly)
+        return answer(CtlOutcome::refused(QStringLiteral("\"%1\" is not a step (see e1212ctl help script)").arg(words.first())));
     QString error;
     QList<QCommandLineOption> options = command->options;
     options << QCommandLineOption({QStringLiteral("h"), QStringLiteral("help")}, QString());
-    if (!CtlArgs::parse(words, options, &args, &error)) {
-        refusal->finish(CtlOutcome::refused(QStringLiteral("%1 (see e1212ctl %2 --help)").arg(error, command->name)));
-        return refusal;
-    }
+    if (!CtlArgs::parse(words, options, &args, &error))
+        return answer(CtlOutcome::refused(QStringLiteral("%1 (see e1212ctl %2 --help)").arg(error, command->name)));
     if (args.has(QStringLiteral("help"))) {
         CtlOutcome help;
         help.text = ctlCommandHelp(*command);
-        refusal->finish(help);
-        return refusal;
+        return answer(help);
     }
-    if (args.background() && command->name != QLatin1String("listen")) {
-        refusal->finish(CtlOutcome::refused(QStringLiteral("only listen runs in the background (&)")));
-        return refusal;
-    }
-    delete refusal;
+    if (args.background() && command->name != QLatin1String("listen"))
+        return answer(CtlOutcome::refused(QStringLiteral("only listen runs in the background (&)")));
     return run(*command, args, done);
 }
 

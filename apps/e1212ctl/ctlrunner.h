@@ -17,7 +17,8 @@ class CtlRunner : public QObject
 {
     Q_OBJECT
 public:
-    explicit CtlRunner(CtlSession &session, QObject *parent = nullptr);
+    // `groups` are the subcommands a line may name (ctlGroups()).
+    CtlRunner(CtlSession &session, const QList<CtlGroup> &groups, QObject *parent = nullptr);
 
     // Starts `command` once the event loop runs; when it has ended and the background listens
     // have stopped, finished() gives the exit status.

@@ -123,7 +123,7 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("e1212ctl"));
     qCInfo(lcCtl).noquote() << "e1212ctl" << words.join(QLatin1Char(' '));
     CtlSession session(sessionOptions);
-    CtlRunner runner(session);
+    CtlRunner runner(session, groups);
     QObject::connect(&runner, &CtlRunner::finished, &app, [](int status) {
         qCInfo(lcCtl) << "exit status" << status;
         QCoreApplication::exit(status);
