@@ -315,6 +315,23 @@ private slots:
         QVERIFY(process.readAllStandardOutput().endsWith("  DI6 = 0\n"));
     }
 
+    // At the shell prompt, while no line comes, a background listen still prints its events.
+    void shellPrintsWhileWaiting()
+    {
+        m_io1.setInput(2, false);
+        QProcess process;
+        QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+        process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), {QStringLiteral("--config"), m_bench, QStringLiteral("shell")});
+        process.write("listen DI2 &\n");
+        QByteArray out;
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 0\n"), 10000);
+        m_io1.setInput(2, true);
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 1\n"), 10000);
+        process.write("quit\n");
+        QVERIFY(finished.wait(10000));
+        QCOMPARE(process.exitCode(), 0);
+    }
+
     // expect --within passes on the report that shows the value, and fails at its deadline
     // with the last value it saw; an output is judged on what get reads (its pulse status).
     void expectWithin()
@@ -357,6 +374,7 @@ private slots:
         QTest::newRow("help SUB") << QStringList{"help", "set"} << "Usage: e1212ctl [OPTIONS] set CH VALUE [set OPTIONS]";
         QTest::newRow("SUB --help") << QStringList{"listen", "--help"} << "  --for SECONDS";
         QTest::newRow("panel --help") << QStringList{"panel", "-h"} << "  --screenshot FILE";
+        QTest::newRow("panel summary") << QStringList{"help"} << "Qt's own options (-platform ...) apply";
         QTest::newRow("time-out default") << QStringList{"--help"} << "command's own 3000, unless the device's \"timeoutMs\" is set";
         QTest::newRow("--version") << QStringList{"--version"} << "e1212ctl 1.0\n";
     }
