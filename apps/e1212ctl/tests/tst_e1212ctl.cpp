@@ -315,6 +315,18 @@ private slots:
         QVERIFY(process.readAllStandardOutput().endsWith("  DI6 = 0\n"));
     }
 
+    // The channel table as columns, each as wide as its widest cell and two blanks; the last
+    // one unpadded; "-" where a record has no such entry.
+    void channels()
+    {
+        const Run run = runCtl({QStringLiteral("channels")});
+        QCOMPARE(run.exitCode, 0);
+        const QStringList lines = run.out.split(QLatin1Char('\n'));
+        QCOMPARE(lines.value(0), QStringLiteral("id                type           register  readRegisterType  writeRegisterType  activeLevelHigh  size  name"));
+        QCOMPARE(lines.value(1), QStringLiteral("DI0               digitalInput   0         discreteInputs    -                  -                8     Digital input 0"));
+        QCOMPARE(lines.value(17), QStringLiteral("DO_PulseStatus    -              16        coilsRegister     coilsRegister      -                8     Pulse status of DO0, coils 16-23"));
+    }
+
     // At the shell prompt, while no line comes, a background listen still prints its events.
     void shellPrintsWhileWaiting()
     {
