@@ -70,7 +70,7 @@ int CtlSession::report(const CtlOutcome &outcome)
 
 int CtlSession::fail(int code, const QString &text)
 {
-    CtlOutcome outcome = code == ExitUsage ? CtlOutcome::refused(text) : CtlOutcome::failed(text);
+    CtlOutcome outcome = CtlOutcome::failed(text);
     outcome.exitCode = code;
     return report(outcome);
 }
