@@ -5,83 +5,19 @@
 
 #include "ctlargs.h"
 #include "ctlsession.h"
+#include "ctlstep.h"
 #include "e1212simulator.h"
 #include "execution.h"
 #include "host.h"
 
 #include <QElapsedTimer>
-#include <QEventLoop>
 #include <QTimer>
+
+#include <vector>
 
 namespace {
 
 constexpr int c_commandWaitMs = 10000;
-
-struct Timing
-{
-    QString what;
-    double ms;
-    bool ok;
-};
-
-class Demo
-{
-public:
-    explicit Demo(CtlSession &session) : m_session(session) {}
-
-    // Runs `command` to its end; a listening one is stopped after `listenMs`.
-    // `during` runs once the command is under way (to make things happen meanwhile).
-    Execution *run(const QString &label, const QString &command, const QVariantMap &arguments,
-                   int listenMs = 0, const std::function<void(Execution *)> &during = {})
-    {
-        QElapsedTimer clock;
-        clock.start();
-        Execution *execution = m_session.host()->execute(m_session.device(), command, arguments);
-        QEventLoop loop;
-        QObject::connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
-        QTimer::singleShot(listenMs > 0 ? listenMs : c_commandWaitMs, &loop, &QEventLoop::quit);
-        if (during)
-            during(execution);
-        if (!execution->isFinished())
-            loop.exec();
-        if (!execution->isFinished())
-            m_session.host()->stop(execution);
-        while (!execution->isFinished()) {
-            QTimer::singleShot(1000, &loop, &QEventLoop::quit);
-            loop.exec();
-            if (!execution->isFinished())
-                break;
-        }
-        const double ms = clock.nsecsElapsed() / 1e6;
-        m_timings.append({label, ms, execution->isOk()});
-        if (!execution->isOk())
-            m_session.out() << "  FAILED: " << execution->errorString() << Qt::endl;
-        return execution;
-    }
-
-    void printTimings()
-    {
-        m_session.out() << Qt::endl << "Timings (host + plug-in + driver + Modbus TCP round trips):" << Qt::endl;
-        for (const Timing &t : qAsConst(m_timings))
-            m_session.out() << QStringLiteral("  %1 %2 ms  %3")
-                                   .arg(t.what, -44)
-                                   .arg(t.ms, 8, 'f', 1)
-                                   .arg(t.ok ? QStringLiteral("ok") : QStringLiteral("FAILED"))
-                            << Qt::endl;
-    }
-
-    bool allOk() const
-    {
-        for (const Timing &t : m_timings)
-            if (!t.ok)
-                return false;
-        return true;
-    }
-
-private:
-    CtlSession &m_session;
-    QList<Timing> m_timings;
-};
 
 QString bits(const QVariant &values)
 {
@@ -91,84 +27,187 @@ QString bits(const QVariant &values)
     return text.join(QLatin1Char(' '));
 }
 
-int demo(CtlSession &session, const CtlArgs &args)
+// One command of the demonstration: `before` runs first (a heading, inputs to set), `during`
+// once the command is under way, `after` once it has ended. A listening command is stopped
+// after `listenMs`, any other after c_commandWaitMs.
+struct Stage
 {
-    if (!args.positional().isEmpty())
-        return session.usageError(QStringLiteral("demo takes no argument, got \"%1\"").arg(args.positional().first()));
-    int exitCode = CtlSession::ExitOk;
-    if (!session.openDevices(&exitCode))
-        return exitCode;
+    QString label;
+    QString command;
+    QVariantMap arguments;
+    int listenMs = 0;
+    std::function<void()> before;
+    std::function<void(Execution *)> during;
+    std::function<void(const Execution &)> after;
+};
+
+// Runs the stages one after the other, each started when the one before has finished.
+class Demo : public QObject
+{
+public:
+    Demo(CtlStep &step, std::vector<Stage> stages)
+        : QObject(&step), m_step(step), m_session(step.session()), m_stages(std::move(stages))
+    {
+        m_limit.setSingleShot(true);
+        connect(&m_limit, &QTimer::timeout, this, [this] { m_session.host()->stop(m_execution); });
+        step.setCancel([this] {
+            m_cancelled = true;
+            m_session.host()->stop(m_execution);
+        });
+        next();
+    }
+
+private:
+    void next()
+    {
+        if (m_next == m_stages.size() || m_cancelled)
+            return end();
+        const Stage &stage = m_stages.at(m_next);
+        if (stage.before)
+            stage.before();
+        m_clock.start();
+        m_execution = m_session.host()->execute(m_session.device(), stage.command, stage.arguments);
+        connect(m_execution, &Execution::finished, this, &Demo::stageEnded);
+        m_limit.start(stage.listenMs > 0 ? stage.listenMs : c_commandWaitMs);
+        if (stage.during)
+            stage.during(m_execution);
+    }
+
+    void stageEnded()
+    {
+        m_limit.stop();
+        const Stage &stage = m_stages.at(m_next++);
+        m_timings.append({stage.label, m_clock.nsecsElapsed() / 1e6, m_execution->isOk()});
+        if (!m_execution->isOk())
+            m_session.out() << "  FAILED: " << m_execution->errorString() << Qt::endl;
+        if (stage.after)
+            stage.after(*m_execution);
+        m_execution->deleteLater();
+        m_execution = nullptr;
+        next();
+    }
+
+    void end()
+    {
+        QTextStream &out = m_session.out();
+        out << Qt::endl << "Timings (host + plug-in + driver + Modbus TCP round trips):" << Qt::endl;
+        bool ok = !m_cancelled;
+        for (const Timing &t : qAsConst(m_timings)) {
+            out << QStringLiteral("  %1 %2 ms  %3").arg(t.what, -44).arg(t.ms, 8, 'f', 1).arg(t.ok ? QStringLiteral("ok") : QStringLiteral("FAILED"))
+                << Qt::endl;
+            ok = ok && t.ok;
+        }
+        CtlOutcome outcome;
+        outcome.exitCode = ok ? CtlOutcome::ExitOk : CtlOutcome::ExitFailed;
+        m_step.finish(outcome);
+    }
+
+    struct Timing
+    {
+        QString what;
+        double ms;
+        bool ok;
+    };
+
+    CtlStep &m_step;
+    CtlSession &m_session;
+    const std::vector<Stage> m_stages;
+    size_t m_next = 0;
+    Execution *m_execution = nullptr;
+    QTimer m_limit;
+    QElapsedTimer m_clock;
+    bool m_cancelled = false;
+    QList<Timing> m_timings;
+};
+
+void demo(CtlStep &step)
+{
+    CtlSession &session = step.session();
+    if (!step.args().positional().isEmpty())
+        return step.finish(CtlOutcome::refused(QStringLiteral("demo takes no argument, got \"%1\"").arg(step.args().positional().first())));
+    CtlOutcome failure;
+    if (!session.openDevices(&failure))
+        return step.finish(failure);
     QTextStream &out = session.out();
     E1212Simulator *sim = session.simulator(session.current());
     out << "E1212 demonstration against " << (sim ? "the embedded simulator at " : "the module at ")
         << session.address(session.current()) << Qt::endl;
-    Demo demo(session);
+    const auto heading = [&out](const char *text) {
+        return [&out, text] { out << Qt::endl << text << Qt::endl; };
+    };
+    const QString channel = QStringLiteral("channel");
+    // What the listens saw, kept for their `after`.
+    auto seen = std::make_shared<QStringList>();
+    auto clock = std::make_shared<QElapsedTimer>();
 
-    out << Qt::endl << "1. Identity (getInfo)" << Qt::endl;
-    Execution *info = demo.run(QStringLiteral("getInfo"), QStringLiteral("getInfo"), {});
-    const QVariantMap identity = info->results().value(QStringLiteral("deviceInformation")).toMap();
-    out << "  model " << identity.value(QStringLiteral("modelName")).toString() << ", firmware "
-        << identity.value(QStringLiteral("softwareVersion")).toString() << ", MAC "
-        << identity.value(QStringLiteral("macAddress")).toString() << Qt::endl;
-
-    out << Qt::endl << "2. All 16 channels (getValues DI0, getValues DO0)" << Qt::endl;
-    if (sim) {
-        sim->setInput(1, true);
-        sim->setInput(4, true);
-    }
-    Execution *inputs = demo.run(QStringLiteral("getValues DI0 (8 inputs)"), QStringLiteral("getValues"),
-                                 {{QStringLiteral("channel"), QStringLiteral("DI0")}});
-    out << "  DI0-DI7: " << bits(inputs->results().value(QStringLiteral("values"))) << Qt::endl;
-    Execution *outputs = demo.run(QStringLiteral("getValues DO0 (8 outputs)"), QStringLiteral("getValues"),
-                                  {{QStringLiteral("channel"), QStringLiteral("DO0")}});
-    out << "  DO0-DO7: " << bits(outputs->results().value(QStringLiteral("values"))) << Qt::endl;
-
-    out << Qt::endl << "3. Set DO3 and read it back (setValue, getValue)" << Qt::endl;
-    Execution *set = demo.run(QStringLiteral("setValue DO3 1"), QStringLiteral("setValue"),
-                              {{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("value"), 1}});
-    out << "  doneOk " << set->results().value(QStringLiteral("doneOk")).toString() << Qt::endl;
-    Execution *get = demo.run(QStringLiteral("getValue DO3"), QStringLiteral("getValue"),
-                              {{QStringLiteral("channel"), QStringLiteral("DO3")}});
-    out << "  DO3 reads " << get->results().value(QStringLiteral("value")).toString() << Qt::endl;
-    demo.run(QStringLiteral("setValue DO3 0"), QStringLiteral("setValue"),
-             {{QStringLiteral("channel"), QStringLiteral("DO3")}, {QStringLiteral("value"), 0}});
-
-    out << Qt::endl << "4. Blink DO6 at 100 ms on / 100 ms off, watched for 1 s (setBlink, listenEvents DO6)" << Qt::endl;
-    demo.run(QStringLiteral("setBlink DO6 100/100"), QStringLiteral("setBlink"),
-             {{QStringLiteral("channel"), QStringLiteral("DO6")}, {QStringLiteral("pulseOnWidth"), 100},
-              {QStringLiteral("pulseOffWidth"), 100}, {QStringLiteral("values"), QVariantList{1}}});
-    QElapsedTimer blinkClock;
-    QStringList seen;
-    demo.run(QStringLiteral("listenEvents DO6 (1 s)"), QStringLiteral("listenEvents"),
-             {{QStringLiteral("channel"), QStringLiteral("DO6")}}, 1000, [&](Execution *listen) {
-                 blinkClock.start();
-                 QObject::connect(listen, &Execution::resultChanged, [&](const QString &, const QVariant &value) {
-                     seen << QStringLiteral("%1@%2ms").arg(bits(value.toMap().value(QStringLiteral("values"))))
-                                 .arg(blinkClock.elapsed());
-                 });
-             });
-    out << "  " << seen.size() << " changes seen: " << seen.join(QLatin1Char(' ')) << Qt::endl;
-    demo.run(QStringLiteral("setBlink DO6 stop"), QStringLiteral("setBlink"),
-             {{QStringLiteral("channel"), QStringLiteral("DO6")}, {QStringLiteral("values"), QVariantList{0}}});
-
-    out << Qt::endl << "5. Listen to DI2 while it changes (listenEvents DI2)" << Qt::endl;
-    QStringList reports;
-    demo.run(QStringLiteral("listenEvents DI2 (0.8 s)"), QStringLiteral("listenEvents"),
-             {{QStringLiteral("channel"), QStringLiteral("DI2")}}, 800, [&](Execution *listen) {
-                 QObject::connect(listen, &Execution::resultChanged, [&](const QString &, const QVariant &value) {
-                     reports << bits(value.toMap().value(QStringLiteral("values")));
-                 });
-                 if (!sim) {
-                     out << "  (a real module: change DI2 by hand to see reports)" << Qt::endl;
-                     return;
-                 }
-                 for (int i = 1; i <= 3; ++i)
-                     QTimer::singleShot(200 * i, sim, [sim, i] { sim->setInput(2, i % 2 == 1); });
-             });
-    out << "  reports: " << reports.join(QStringLiteral(", ")) << Qt::endl;
-
-    demo.printTimings();
-    return demo.allOk() ? CtlSession::ExitOk : CtlSession::ExitFailed;
+    std::vector<Stage> stages;
+    stages.push_back({QStringLiteral("getInfo"), QStringLiteral("getInfo"), {}, 0, heading("1. Identity (getInfo)"), {},
+                      [&out](const Execution &info) {
+                          const QVariantMap identity = info.results().value(QStringLiteral("deviceInformation")).toMap();
+                          out << "  model " << identity.value(QStringLiteral("modelName")).toString() << ", firmware "
+                              << identity.value(QStringLiteral("softwareVersion")).toString() << ", MAC "
+                              << identity.value(QStringLiteral("macAddress")).toString() << Qt::endl;
+                      }});
+    stages.push_back({QStringLiteral("getValues DI0 (8 inputs)"), QStringLiteral("getValues"), {{channel, QStringLiteral("DI0")}}, 0,
+                      [&out, sim] {
+                          out << Qt::endl << "2. All 16 channels (getValues DI0, getValues DO0)" << Qt::endl;
+                          if (sim) {
+                              sim->setInput(1, true);
+                              sim->setInput(4, true);
+                          }
+                      },
+                      {},
+                      [&out](const Execution &inputs) {
+                          out << "  DI0-DI7: " << bits(inputs.results().value(QStringLiteral("values"))) << Qt::endl;
+                      }});
+    stages.push_back({QStringLiteral("getValues DO0 (8 outputs)"), QStringLiteral("getValues"), {{channel, QStringLiteral("DO0")}}, 0, {}, {},
+                      [&out](const Execution &outputs) {
+                          out << "  DO0-DO7: " << bits(outputs.results().value(QStringLiteral("values"))) << Qt::endl;
+                      }});
+    stages.push_back({QStringLiteral("setValue DO3 1"), QStringLiteral("setValue"),
+                      {{channel, QStringLiteral("DO3")}, {QStringLiteral("value"), 1}}, 0,
+                      heading("3. Set DO3 and read it back (setValue, getValue)"), {},
+                      [&out](const Execution &set) {
+                          out << "  doneOk " << set.results().value(QStringLiteral("doneOk")).toString() << Qt::endl;
+                      }});
+    stages.push_back({QStringLiteral("getValue DO3"), QStringLiteral("getValue"), {{channel, QStringLiteral("DO3")}}, 0, {}, {},
+                      [&out](const Execution &get) {
+                          out << "  DO3 reads " << get.results().value(QStringLiteral("value")).toString() << Qt::endl;
+                      }});
+    stages.push_back({QStringLiteral("setValue DO3 0"), QStringLiteral("setValue"),
+                      {{channel, QStringLiteral("DO3")}, {QStringLiteral("value"), 0}}, 0, {}, {}, {}});
+    stages.push_back({QStringLiteral("setBlink DO6 100/100"), QStringLiteral("setBlink"),
+                      {{channel, QStringLiteral("DO6")}, {QStringLiteral("pulseOnWidth"), 100},
+                       {QStringLiteral("pulseOffWidth"), 100}, {QStringLiteral("values"), QVariantList{1}}}, 0,
+                      heading("4. Blink DO6 at 100 ms on / 100 ms off, watched for 1 s (setBlink, listenEvents DO6)"), {}, {}});
+    stages.push_back({QStringLiteral("listenEvents DO6 (1 s)"), QStringLiteral("listenEvents"), {{channel, QStringLiteral("DO6")}}, 1000, {},
+                      [seen, clock](Execution *listen) {
+                          clock->start();
+                          QObject::connect(listen, &Execution::resultChanged, [seen, clock](const QString &, const QVariant &value) {
+                              *seen << QStringLiteral("%1@%2ms").arg(bits(value.toMap().value(QStringLiteral("values")))).arg(clock->elapsed());
+                          });
+                      },
+                      [&out, seen](const Execution &) {
+                          out << "  " << seen->size() << " changes seen: " << seen->join(QLatin1Char(' ')) << Qt::endl;
+                          seen->clear();
+                      }});
+    stages.push_back({QStringLiteral("setBlink DO6 stop"), QStringLiteral("setBlink"),
+                      {{channel, QStringLiteral("DO6")}, {QStringLiteral("values"), QVariantList{0}}}, 0, {}, {}, {}});
+    stages.push_back({QStringLiteral("listenEvents DI2 (0.8 s)"), QStringLiteral("listenEvents"), {{channel, QStringLiteral("DI2")}}, 800,
+                      heading("5. Listen to DI2 while it changes (listenEvents DI2)"),
+                      [&out, seen, sim](Execution *listen) {
+                          QObject::connect(listen, &Execution::resultChanged, [seen](const QString &, const QVariant &value) {
+                              *seen << bits(value.toMap().value(QStringLiteral("values")));
+                          });
+                          if (!sim) {
+                              out << "  (a real module: change DI2 by hand to see reports)" << Qt::endl;
+                              return;
+                          }
+                          for (int i = 1; i <= 3; ++i)
+                              QTimer::singleShot(200 * i, sim, [sim, i] { sim->setInput(2, i % 2 == 1); });
+                      },
+                      [&out, seen](const Execution &) { out << "  reports: " << seen->join(QStringLiteral(", ")) << Qt::endl; }});
+    new Demo(step, std::move(stages));
 }
 
 } // namespace

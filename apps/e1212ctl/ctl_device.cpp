@@ -4,32 +4,36 @@
 #include "ctl_device.h"
 
 #include "ctlargs.h"
+#include "ctlcall.h"
 #include "ctlsession.h"
+#include "ctlstep.h"
+
+#include <QTextStream>
 
 namespace {
 
 constexpr quint32 c_maxCount = 1000000000;
 constexpr quint32 c_maxListenSeconds = 7 * 24 * 3600;
 
-// Refuses a line whose number of positional words is outside min-max (max -1: no limit).
-bool positionalCount(CtlSession &session, const CtlArgs &args, int min, int max, const QString &usage, int *exitCode)
+// Refuses a line whose number of positional words is outside min-max.
+bool positionalCount(const CtlArgs &args, int min, int max, const QString &usage, CtlOutcome *failure)
 {
     const int count = args.positional().size();
-    if (count >= min && (max < 0 || count <= max))
+    if (count >= min && count <= max)
         return true;
-    *exitCode = session.usageError(QStringLiteral("usage: %1 %2").arg(args.name(), usage));
+    *failure = CtlOutcome::refused(QStringLiteral("usage: %1 %2").arg(args.name(), usage));
     return false;
 }
 
-// Checks each (text, min, max, what) and fills `values`; false after printing a refusal.
-bool numbers(CtlSession &session, const QList<std::tuple<QString, quint32, quint32, QString>> &checks,
-             QList<quint32> *values, int *exitCode)
+// Checks each (text, min, max, what) and fills `values`; false, with the refusal, otherwise.
+bool numbers(const QList<std::tuple<QString, quint32, quint32, QString>> &checks, QList<quint32> *values,
+             CtlOutcome *failure)
 {
     for (const auto &check : checks) {
         quint32 value = 0;
         QString error;
         if (!CtlArgs::number(std::get<0>(check), std::get<1>(check), std::get<2>(check), std::get<3>(check), &value, &error)) {
-            *exitCode = session.usageError(error);
+            *failure = CtlOutcome::refused(error);
             return false;
         }
         *values << value;
@@ -37,14 +41,25 @@ bool numbers(CtlSession &session, const QList<std::tuple<QString, quint32, quint
     return true;
 }
 
-int info(CtlSession &session, const CtlArgs &args)
+CtlRequest request(int device, const QString &command, const QVariantMap &arguments)
 {
-    int exitCode = 0;
-    if (!positionalCount(session, args, 0, 0, QString(), &exitCode) || !session.openDevices(&exitCode))
-        return exitCode;
+    CtlRequest request;
+    request.device = device;
+    request.command = command;
+    request.arguments = arguments;
+    return request;
+}
+
+void info(CtlStep &step)
+{
+    CtlSession &session = step.session();
+    CtlOutcome failure;
+    if (!positionalCount(step.args(), 0, 0, QString(), &failure) || !session.openDevices(&failure))
+        return step.finish(failure);
     const int device = session.current();
-    return session.runAndReport(device, QStringLiteral("getInfo"), {}, [&session, device](const QVariantMap &results) {
-        const QVariantMap information = results.value(QStringLiteral("deviceInformation")).toMap();
+    CtlRequest call = request(device, QStringLiteral("getInfo"), {});
+    call.shape = [&session, device](CtlOutcome *outcome) {
+        const QVariantMap information = outcome->results.value(QStringLiteral("deviceInformation")).toMap();
         QList<QPair<QString, QString>> lines{{QStringLiteral("device"), session.config(device).reference},
                                              {QStringLiteral("address"), session.address(device)}};
         QStringList keys{QStringLiteral("modelName"), QStringLiteral("softwareVersion"),
@@ -58,135 +73,138 @@ int info(CtlSession &session, const CtlArgs &args)
         int width = 0;
         for (const auto &line : qAsConst(lines))
             width = qMax(width, line.first.size() + 1);
+        QTextStream text(&outcome->text);
         for (const auto &line : qAsConst(lines))
-            session.out() << QString(line.first + QLatin1Char(':')).leftJustified(width) << ' ' << line.second << '\n';
-    });
-}
-
-int get(CtlSession &session, const CtlArgs &args)
-{
-    int exitCode = 0;
-    CtlChannel channel;
-    if (!positionalCount(session, args, 1, 1, QStringLiteral("CH"), &exitCode)
-        || !session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &exitCode))
-        return exitCode;
-    return session.runAndReport(channel.device, QStringLiteral("getValue"), {{QStringLiteral("channel"), channel.id}},
-                                [&session, channel](const QVariantMap &results) {
-                                    session.out() << channel.id << " = "
-                                                  << CtlSession::toText(results.value(QStringLiteral("value"))) << '\n';
-                                });
-}
-
-int getRun(CtlSession &session, const CtlArgs &args)
-{
-    int exitCode = 0;
-    CtlChannel channel;
-    if (!positionalCount(session, args, 1, 1, QStringLiteral("CH"), &exitCode)
-        || !session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &exitCode))
-        return exitCode;
-    // The values belong to the channel and the ones after it in the table.
-    const QStringList ids = session.channelIds(channel.device);
-    const int first = ids.indexOf(channel.id);
-    const auto name = [&](int i) {
-        return first + i < ids.size() ? ids.at(first + i) : QStringLiteral("%1+%2").arg(channel.id).arg(i);
+            text << QString(line.first + QLatin1Char(':')).leftJustified(width) << ' ' << line.second << '\n';
     };
-    return session.runAndReport(
-        channel.device, QStringLiteral("getValues"), {{QStringLiteral("channel"), channel.id}},
-        [&](const QVariantMap &results) {
-            const QVariantList values = results.value(QStringLiteral("values")).toList();
-            for (int i = 0; i < values.size(); ++i)
-                session.out() << name(i) << " = " << CtlSession::toText(values.at(i)) << '\n';
-        },
-        {}, false, [&](QVariantMap results) {
-            QVariantMap channels;
-            const QVariantList values = results.value(QStringLiteral("values")).toList();
-            for (int i = 0; i < values.size(); ++i)
-                channels.insert(name(i), values.at(i));
-            results.insert(QStringLiteral("channels"), channels);
-            return results;
-        });
+    step.run(call);
 }
 
-int set(CtlSession &session, const CtlArgs &args)
+void get(CtlStep &step)
 {
-    int exitCode = 0;
+    CtlOutcome failure;
+    CtlChannel channel;
+    if (!positionalCount(step.args(), 1, 1, QStringLiteral("CH"), &failure)
+        || !step.session().channel(step.args().positional().first(), CtlSession::AnyChannel, &channel, &failure))
+        return step.finish(failure);
+    CtlRequest call = request(channel.device, QStringLiteral("getValue"), {{QStringLiteral("channel"), channel.id}});
+    call.shape = [id = channel.id](CtlOutcome *outcome) {
+        outcome->text = id + QStringLiteral(" = ") + CtlSession::toText(outcome->results.value(QStringLiteral("value"))) + QLatin1Char('\n');
+    };
+    step.run(call);
+}
+
+void getRun(CtlStep &step)
+{
+    CtlSession &session = step.session();
+    CtlOutcome failure;
+    CtlChannel channel;
+    if (!positionalCount(step.args(), 1, 1, QStringLiteral("CH"), &failure)
+        || !session.channel(step.args().positional().first(), CtlSession::AnyChannel, &channel, &failure))
+        return step.finish(failure);
+    CtlRequest call = request(channel.device, QStringLiteral("getValues"), {{QStringLiteral("channel"), channel.id}});
+    // The values belong to the channel and the ones after it in the table.
+    call.shape = [ids = session.channelIds(channel.device), id = channel.id](CtlOutcome *outcome) {
+        const int first = ids.indexOf(id);
+        QVariantMap channels;
+        const QVariantList values = outcome->results.value(QStringLiteral("values")).toList();
+        for (int i = 0; i < values.size(); ++i) {
+            const QString name = first + i < ids.size() ? ids.at(first + i) : QStringLiteral("%1+%2").arg(id).arg(i);
+            channels.insert(name, values.at(i));
+            outcome->text += name + QStringLiteral(" = ") + CtlSession::toText(values.at(i)) + QLatin1Char('\n');
+        }
+        outcome->results.insert(QStringLiteral("channels"), channels);
+    };
+    step.run(call);
+}
+
+void set(CtlStep &step)
+{
+    const CtlArgs &args = step.args();
+    CtlOutcome failure;
     CtlChannel channel;
     QList<quint32> numbers;
     const bool masked = args.has(QStringLiteral("mask"));
-    if (!positionalCount(session, args, 2, 2, QStringLiteral("CH VALUE"), &exitCode)
-        || !::numbers(session, {{args.positional().at(1), 0, 1, QStringLiteral("VALUE")}}, &numbers, &exitCode)
-        || (masked && !::numbers(session, {{args.value(QStringLiteral("mask")), 0, 0xFFFF, QStringLiteral("--mask")}}, &numbers, &exitCode))
-        || !session.channel(args.positional().first(), CtlSession::OutputChannel, &channel, &exitCode))
-        return exitCode;
+    if (!positionalCount(args, 2, 2, QStringLiteral("CH VALUE"), &failure)
+        || !::numbers({{args.positional().at(1), 0, 1, QStringLiteral("VALUE")}}, &numbers, &failure)
+        || (masked && !::numbers({{args.value(QStringLiteral("mask")), 0, 0xFFFF, QStringLiteral("--mask")}}, &numbers, &failure))
+        || !step.session().channel(args.positional().first(), CtlSession::OutputChannel, &channel, &failure))
+        return step.finish(failure);
     const quint32 value = numbers.at(0);
     QVariantMap arguments{{QStringLiteral("channel"), channel.id}, {QStringLiteral("value"), value}};
-    if (masked)
+    QString done = QStringLiteral("%1 = %2").arg(channel.id).arg(value);
+    if (masked) {
         arguments.insert(QStringLiteral("bitMask"), numbers.at(1));
-    bool confirmed = true;
-    exitCode = session.runAndReport(channel.device, QStringLiteral("setValue"), arguments, [&](const QVariantMap &results) {
-        confirmed = results.value(QStringLiteral("doneOk"), true).toBool();
-        if (!confirmed)
+        done += QStringLiteral(" (mask 0x%1)").arg(numbers.at(1), 4, 16, QLatin1Char('0'));
+    }
+    CtlRequest call = request(channel.device, QStringLiteral("setValue"), arguments);
+    call.shape = [done, id = channel.id](CtlOutcome *outcome) {
+        if (outcome->results.value(QStringLiteral("doneOk"), true).toBool()) {
+            outcome->text = done + QStringLiteral(" done\n");
             return;
-        session.out() << channel.id << " = " << value;
-        if (masked)
-            session.out() << " (mask 0x" << QString::number(numbers.at(1), 16).rightJustified(4, QLatin1Char('0')) << ')';
-        session.out() << " done\n";
-    });
-    if (exitCode == CtlSession::ExitOk && !confirmed)
-        return session.fail(CtlSession::ExitFailed,
-                            QStringLiteral("setValue %1: the device did not confirm the write (doneOk false)").arg(channel.id));
-    return exitCode;
+        }
+        outcome->exitCode = CtlOutcome::ExitFailed;
+        outcome->error = outcome->message = QStringLiteral("setValue %1: the device did not confirm the write (doneOk false)").arg(id);
+        outcome->code = DError::codeName(IMessenger::CeReplyRejected);
+    };
+    step.run(call);
 }
 
 // pulse and blink: the same arguments for setValues and setBlink.
-int pulseOrBlink(CtlSession &session, const CtlArgs &args, const QString &command)
+void pulseOrBlink(CtlStep &step, const QString &command)
 {
-    int exitCode = 0;
+    const CtlArgs &args = step.args();
+    CtlSession &session = step.session();
+    CtlOutcome failure;
     CtlChannel channel;
-    if (!positionalCount(session, args, 2, 9, QStringLiteral("CH --on MS --off MS V..."), &exitCode))
-        return exitCode;
+    if (!positionalCount(args, 2, 9, QStringLiteral("CH --on MS --off MS V..."), &failure))
+        return step.finish(failure);
     if (!args.has(QStringLiteral("on")) || !args.has(QStringLiteral("off")))
-        return session.usageError(QStringLiteral("%1 needs --on MS and --off MS").arg(args.name()));
+        return step.finish(CtlOutcome::refused(QStringLiteral("%1 needs --on MS and --off MS").arg(args.name())));
     QList<std::tuple<QString, quint32, quint32, QString>> checks{
         {args.value(QStringLiteral("on")), 1, 0xFFFF, QStringLiteral("--on")},
         {args.value(QStringLiteral("off")), 1, 0xFFFF, QStringLiteral("--off")}};
     for (const QString &text : args.positional().mid(1))
         checks.append({text, 0, 1, QStringLiteral("value")});
     QList<quint32> numbers;
-    if (!::numbers(session, checks, &numbers, &exitCode)
-        || !session.channel(args.positional().first(), CtlSession::OutputChannel, &channel, &exitCode))
-        return exitCode;
+    if (!::numbers(checks, &numbers, &failure)
+        || !session.channel(args.positional().first(), CtlSession::OutputChannel, &channel, &failure))
+        return step.finish(failure);
     // Each value drives the next output from CH on: all of them must be outputs.
     const QStringList ids = session.channelIds(channel.device);
     const int first = ids.indexOf(channel.id);
     for (int i = 1; i < numbers.size() - 2; ++i) {
         CtlChannel next;
         if (!session.channel(QStringLiteral("%1:%2").arg(session.config(channel.device).reference, ids.value(first + i, QStringLiteral("(past the table)"))),
-                             CtlSession::OutputChannel, &next, &exitCode))
-            return exitCode;
+                             CtlSession::OutputChannel, &next, &failure))
+            return step.finish(failure);
     }
     QVariantList values;
     for (quint32 value : numbers.mid(2))
         values << int(value);
-    const QVariantMap arguments{{QStringLiteral("channel"), channel.id}, {QStringLiteral("pulseOnWidth"), int(numbers.at(0))},
-                                {QStringLiteral("pulseOffWidth"), int(numbers.at(1))}, {QStringLiteral("values"), values}};
-    return session.runAndReport(channel.device, command, arguments, [&](const QVariantMap &) {
-        session.out() << channel.id << ": " << args.name() << " on " << numbers.at(0) << " ms, off " << numbers.at(1)
-                      << " ms, values " << CtlSession::toText(values) << " done\n";
-    });
+    CtlRequest call = request(channel.device, command,
+                              {{QStringLiteral("channel"), channel.id}, {QStringLiteral("pulseOnWidth"), int(numbers.at(0))},
+                               {QStringLiteral("pulseOffWidth"), int(numbers.at(1))}, {QStringLiteral("values"), values}});
+    const QString done = QStringLiteral("%1: %2 on %3 ms, off %4 ms, values %5 done\n")
+                             .arg(channel.id, args.name()).arg(numbers.at(0)).arg(numbers.at(1)).arg(CtlSession::toText(values));
+    call.shape = [done](CtlOutcome *outcome) { outcome->text = done; };
+    step.run(call);
 }
 
-int listen(CtlSession &session, const CtlArgs &args)
+void listen(CtlStep &step)
 {
-    int exitCode = 0;
+    const CtlArgs &args = step.args();
+    CtlSession &session = step.session();
+    CtlOutcome failure;
     CtlChannel channel;
     QList<quint32> numbers;
-    CtlListenLimits limits;
-    if (!positionalCount(session, args, 1, 1, QStringLiteral("CH"), &exitCode)
+    if (!positionalCount(args, 1, 1, QStringLiteral("CH"), &failure)
         || (args.has(QStringLiteral("count"))
-            && !::numbers(session, {{args.value(QStringLiteral("count")), 1, c_maxCount, QStringLiteral("--count")}}, &numbers, &exitCode)))
-        return exitCode;
-    limits.count = int(numbers.value(0));
+            && !::numbers({{args.value(QStringLiteral("count")), 1, c_maxCount, QStringLiteral("--count")}}, &numbers, &failure)))
+        return step.finish(failure);
+    CtlRequest call;
+    call.command = QStringLiteral("listenEvents");
+    call.count = int(numbers.value(0));
     if (args.has(QStringLiteral("for"))) {
         // Seconds, a fraction allowed: digits, at most one point, nothing else.
         const QString text = args.value(QStringLiteral("for"));
@@ -194,19 +212,20 @@ int listen(CtlSession &session, const CtlArgs &args)
                   && std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.isDigit() || c == QLatin1Char('.'); });
         const double seconds = ok ? text.toDouble(&ok) : 0;
         if (!ok || seconds <= 0 || seconds > c_maxListenSeconds)
-            return session.usageError(QStringLiteral("--for \"%1\" is not a number of seconds above 0 and up to %2 (7 days)")
-                                          .arg(text).arg(c_maxListenSeconds));
-        limits.ms = qMax(1, int(seconds * 1000));
+            return step.finish(CtlOutcome::refused(QStringLiteral("--for \"%1\" is not a number of seconds above 0 and up to %2 (7 days)")
+                                                       .arg(text).arg(c_maxListenSeconds)));
+        call.ms = qMax(1, int(seconds * 1000));
     }
-    if (!session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &exitCode))
-        return exitCode;
+    if (!session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &failure))
+        return step.finish(failure);
     if (args.background()) {
         session.startBackground(channel.device, channel.id);
-        return session.reportLocal(QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel.id}, {QStringLiteral("background"), true}},
-                                   [](const QVariantMap &) {});
+        return step.finish(CtlOutcome::local(QStringLiteral("listenEvents"),
+                                             {{QStringLiteral("channel"), channel.id}, {QStringLiteral("background"), true}}));
     }
-    return session.runAndReport(channel.device, QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel.id}}, {},
-                                limits);
+    call.device = channel.device;
+    call.arguments.insert(QStringLiteral("channel"), channel.id);
+    step.run(call);
 }
 
 QCommandLineOption valueOption(const QString &name, const QString &description, const QString &value)
@@ -215,7 +234,6 @@ QCommandLineOption valueOption(const QString &name, const QString &description, 
 }
 
 } // namespace
-
 CtlGroup deviceGroup()
 {
     using namespace std::placeholders;
@@ -230,9 +248,9 @@ CtlGroup deviceGroup()
                 {QStringLiteral("set"), QStringLiteral("CH VALUE"), QStringLiteral("set a digital output to 0 or 1 (setValue)"), &set,
                  {valueOption(QStringLiteral("mask"), QStringLiteral("write only the bits of M (0-0xFFFF) of the register"), QStringLiteral("M"))}},
                 {QStringLiteral("pulse"), QStringLiteral("CH --on MS --off MS V..."), QStringLiteral("pulse outputs from CH on with the given widths (setValues)"),
-                 std::bind(&pulseOrBlink, _1, _2, QStringLiteral("setValues")), widths},
+                 std::bind(&pulseOrBlink, _1, QStringLiteral("setValues")), widths},
                 {QStringLiteral("blink"), QStringLiteral("CH --on MS --off MS V..."), QStringLiteral("blink outputs from CH on with the given widths (setBlink)"),
-                 std::bind(&pulseOrBlink, _1, _2, QStringLiteral("setBlink")), widths},
+                 std::bind(&pulseOrBlink, _1, QStringLiteral("setBlink")), widths},
                 {QStringLiteral("listen"), QStringLiteral("CH [&]"),
                  QStringLiteral("print each change of a channel until the limit, Ctrl-C or SIGTERM (listenEvents); "
                                 "in a script, a last word & runs it in the background until stop"),

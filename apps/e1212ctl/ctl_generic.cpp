@@ -2,13 +2,17 @@
 #include "ctl_generic.h"
 
 #include "ctlargs.h"
+#include "ctlcall.h"
 #include "ctlsession.h"
+#include "ctlstep.h"
 #include "dabstractcommand.h"
 #include "dabstractplugin.h"
+#include "dchanneltable.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
+#include <QTextStream>
 
 namespace {
 
@@ -32,50 +36,56 @@ QVariant argumentValue(const QString &text)
     return value;
 }
 
-int run(CtlSession &session, const CtlArgs &args)
+void run(CtlStep &step)
 {
+    const CtlArgs &args = step.args();
+    CtlSession &session = step.session();
     if (args.positional().isEmpty())
-        return session.usageError(QStringLiteral("usage: run [--raw] NAME [KEY=VALUE...]"));
-    const QString name = args.positional().first();
-    const bool raw = args.has(QStringLiteral("raw"));
-    QVariantMap arguments;
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: run [--raw] NAME [KEY=VALUE...]")));
+    CtlRequest call;
+    call.command = args.positional().first();
+    call.raw = args.has(QStringLiteral("raw"));
     for (const QString &word : args.positional().mid(1)) {
         const int equals = word.indexOf(QLatin1Char('='));
         if (equals <= 0)
-            return session.usageError(QStringLiteral("argument \"%1\" is not KEY=VALUE").arg(word));
-        arguments.insert(word.left(equals), argumentValue(word.mid(equals + 1)));
+            return step.finish(CtlOutcome::refused(QStringLiteral("argument \"%1\" is not KEY=VALUE").arg(word)));
+        call.arguments.insert(word.left(equals), argumentValue(word.mid(equals + 1)));
     }
-    int exitCode = 0;
-    if (!session.openDevices(&exitCode))
-        return exitCode;
-    const int device = session.current();
-    const DAbstractPlugin *plugin = session.device(device);
-    if (!plugin->commandNames().contains(name))
-        return session.usageError(QStringLiteral("run: device \"%1\" has no command \"%2\" (known: %3)")
-                                      .arg(session.config(device).reference, name, plugin->commandNames().join(QStringLiteral(", "))));
-    if (!raw) {
-        CtlChannel channel;
-        if (arguments.contains(QStringLiteral("channel"))
-            && !session.channel(QStringLiteral("%1:%2").arg(session.config(device).reference, arguments.value(QStringLiteral("channel")).toString()),
-                                CtlSession::AnyChannel, &channel, &exitCode))
-            return exitCode;
-    }
-    return session.runAndReport(
-        device, name, arguments,
-        [&session](const QVariantMap &results) {
-            for (auto it = results.cbegin(); it != results.cend(); ++it)
-                session.out() << it.key() << ": " << CtlSession::toText(it.value()) << '\n';
-        },
-        {}, raw);
+    CtlOutcome failure;
+    if (!session.openDevices(&failure))
+        return step.finish(failure);
+    call.device = session.current();
+    const DAbstractPlugin *plugin = session.device(call.device);
+    if (!plugin->commandNames().contains(call.command))
+        return step.finish(CtlOutcome::refused(QStringLiteral("run: device \"%1\" has no command \"%2\" (known: %3)")
+                                                   .arg(session.config(call.device).reference, call.command,
+                                                        plugin->commandNames().join(QStringLiteral(", ")))));
+    CtlChannel channel;
+    if (!call.raw && call.arguments.contains(QStringLiteral("channel"))
+        && !session.channel(QStringLiteral("%1:%2").arg(session.config(call.device).reference, call.arguments.value(QStringLiteral("channel")).toString()),
+                            CtlSession::AnyChannel, &channel, &failure))
+        return step.finish(failure);
+    call.shape = [](CtlOutcome *outcome) {
+        for (auto it = outcome->results.cbegin(); it != outcome->results.cend(); ++it)
+            outcome->text += it.key() + QStringLiteral(": ") + CtlSession::toText(it.value()) + QLatin1Char('\n');
+    };
+    step.run(call);
 }
 
-int devices(CtlSession &session, const CtlArgs &args)
+// The outcome of a subcommand that only looks at the session: refused when the line has words
+// or the devices cannot be opened, else `make`'s.
+void local(CtlStep &step, const QString &usage, const std::function<CtlOutcome(CtlSession &session)> &make)
 {
-    int exitCode = 0;
-    if (!args.positional().isEmpty())
-        return session.usageError(QStringLiteral("usage: devices"));
-    if (!session.openDevices(&exitCode))
-        return exitCode;
+    CtlOutcome failure;
+    if (!step.args().positional().isEmpty())
+        return step.finish(CtlOutcome::refused(usage));
+    if (!step.session().openDevices(&failure))
+        return step.finish(failure);
+    step.finish(make(step.session()));
+}
+
+CtlOutcome devices(CtlSession &session)
+{
     QVariantList list;
     for (int i = 0; i < session.deviceCount(); ++i) {
         const DeviceConfig &config = session.config(i);
@@ -86,15 +96,16 @@ int devices(CtlSession &session, const CtlArgs &args)
                             {QStringLiteral("plugin"), plugin ? plugin->pluginName() : QString()},
                             {QStringLiteral("pluginUuid"), config.pluginUuid.toString()}};
     }
-    return session.reportLocal(QStringLiteral("devices"), {{QStringLiteral("devices"), list}}, [&](const QVariantMap &) {
-        for (const QVariant &entry : qAsConst(list)) {
-            const QVariantMap device = entry.toMap();
-            session.out() << device.value(QStringLiteral("reference")).toString() << "  "
-                          << device.value(QStringLiteral("address")).toString()
-                          << (device.value(QStringLiteral("simulator")).toBool() ? " (embedded simulator)" : "") << "  "
-                          << device.value(QStringLiteral("plugin")).toString() << '\n';
-        }
-    });
+    QString text;
+    QTextStream out(&text);
+    for (const QVariant &entry : qAsConst(list)) {
+        const QVariantMap device = entry.toMap();
+        out << device.value(QStringLiteral("reference")).toString() << "  " << device.value(QStringLiteral("address")).toString()
+            << (device.value(QStringLiteral("simulator")).toBool() ? " (embedded simulator)" : "") << "  "
+            << device.value(QStringLiteral("plugin")).toString() << '\n';
+    }
+    out.flush();
+    return CtlOutcome::local(QStringLiteral("devices"), {{QStringLiteral("devices"), list}}, text);
 }
 
 QString defaultText(const QVariant &value)
@@ -105,13 +116,8 @@ QString defaultText(const QVariant &value)
                                                                       .toJson(QJsonDocument::Compact)).mid(1).chopped(1));
 }
 
-int commands(CtlSession &session, const CtlArgs &args)
+CtlOutcome commands(CtlSession &session)
 {
-    if (!args.positional().isEmpty())
-        return session.usageError(QStringLiteral("usage: commands"));
-    int exitCode = 0;
-    if (!session.openDevices(&exitCode))
-        return exitCode;
     const DAbstractPlugin *device = session.device();
     QVariantList list;
     for (const QString &name : device->commandNames()) {
@@ -126,63 +132,60 @@ int commands(CtlSession &session, const CtlArgs &args)
                             {QStringLiteral("stopCommand"), command ? command->stopCommandName() : QString()},
                             {QStringLiteral("arguments"), arguments}};
     }
-    return session.reportLocal(QStringLiteral("commands"), {{QStringLiteral("commands"), list}}, [&session, list](const QVariantMap &) {
-        for (const QVariant &entry : list) {
+    QString text;
+    QTextStream out(&text);
+    for (const QVariant &entry : qAsConst(list)) {
             const QVariantMap command = entry.toMap();
-            session.out() << command.value(QStringLiteral("name")).toString() << " - "
+            out << command.value(QStringLiteral("name")).toString() << " - "
                           << command.value(QStringLiteral("description")).toString() << '\n';
             for (const QVariant &argumentEntry : command.value(QStringLiteral("arguments")).toList()) {
                 const QVariantMap argument = argumentEntry.toMap();
-                session.out() << "    " << argument.value(QStringLiteral("kind")).toString().leftJustified(9) << ' '
+                out << "    " << argument.value(QStringLiteral("kind")).toString().leftJustified(9) << ' '
                               << argument.value(QStringLiteral("name")).toString() << " ("
                               << argument.value(QStringLiteral("type")).toString() << "): "
                               << argument.value(QStringLiteral("description")).toString()
                               << defaultText(argument.value(QStringLiteral("default"))) << '\n';
             }
             if (!command.value(QStringLiteral("stopCommand")).toString().isEmpty())
-                session.out() << "    stop with " << command.value(QStringLiteral("stopCommand")).toString() << '\n';
-        }
-    });
+                out << "    stop with " << command.value(QStringLiteral("stopCommand")).toString() << '\n';
+    }
+    out.flush();
+    return CtlOutcome::local(QStringLiteral("commands"), {{QStringLiteral("commands"), list}}, text);
 }
 
-int channels(CtlSession &session, const CtlArgs &args)
+CtlOutcome channels(CtlSession &session)
 {
-    if (!args.positional().isEmpty())
-        return session.usageError(QStringLiteral("usage: channels"));
-    int exitCode = 0;
-    if (!session.openDevices(&exitCode))
-        return exitCode;
     const QStringList columns{QStringLiteral("id"), QStringLiteral("type"), QStringLiteral("register"),
                               QStringLiteral("readRegisterType"), QStringLiteral("writeRegisterType"),
                               QStringLiteral("activeLevelHigh"), QStringLiteral("size"), QStringLiteral("name")};
     QVariantList rows;
-    const QVariantList table = session.config().channelTable();
-    for (const QVariant &record : table) {
-        const QString id = record.toMap().value(QStringLiteral("id")).toString();
-        QVariantMap row = session.channelInfo(session.current(), id);
-        row.insert(QStringLiteral("id"), id);
-        row.insert(QStringLiteral("name"), record.toMap().value(QStringLiteral("name")));
+    for (const DChannelTable::Record &record : session.device()->channelTable().records()) {
+        QVariantMap row = session.channelInfo(session.current(), record.id);
+        row.insert(QStringLiteral("id"), record.id);
+        row.insert(QStringLiteral("name"), record.name);
         rows << row;
     }
-    return session.reportLocal(QStringLiteral("channels"), {{QStringLiteral("channels"), rows}}, [&](const QVariantMap &) {
-        QVector<int> widths(columns.size());
-        auto cell = [](const QVariantMap &row, const QString &column) {
-            return row.contains(column) ? CtlSession::toText(row.value(column)) : QStringLiteral("-");
-        };
-        for (int c = 0; c < columns.size(); ++c) {
-            widths[c] = columns.at(c).size();
-            for (const QVariant &row : qAsConst(rows))
-                widths[c] = qMax(widths[c], cell(row.toMap(), columns.at(c)).size());
-        }
+    QString text;
+    QTextStream out(&text);
+    QVector<int> widths(columns.size());
+    auto cell = [](const QVariantMap &row, const QString &column) {
+        return row.contains(column) ? CtlSession::toText(row.value(column)) : QStringLiteral("-");
+    };
+    for (int c = 0; c < columns.size(); ++c) {
+        widths[c] = columns.at(c).size();
+        for (const QVariant &row : qAsConst(rows))
+            widths[c] = qMax(widths[c], cell(row.toMap(), columns.at(c)).size());
+    }
+    for (int c = 0; c < columns.size(); ++c)
+        out << columns.at(c).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
+    out << '\n';
+    for (const QVariant &row : qAsConst(rows)) {
         for (int c = 0; c < columns.size(); ++c)
-            session.out() << columns.at(c).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
-        session.out() << '\n';
-        for (const QVariant &row : qAsConst(rows)) {
-            for (int c = 0; c < columns.size(); ++c)
-                session.out() << cell(row.toMap(), columns.at(c)).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
-            session.out() << '\n';
-        }
-    });
+            out << cell(row.toMap(), columns.at(c)).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
+        out << '\n';
+    }
+    out.flush();
+    return CtlOutcome::local(QStringLiteral("channels"), {{QStringLiteral("channels"), rows}}, text);
 }
 
 } // namespace
@@ -196,8 +199,11 @@ CtlGroup genericGroup()
                                 "arguments are checked against their declared types unless --raw"),
                  &run,
                  {{QStringLiteral("raw"), QStringLiteral("pass the arguments to the command unchecked (protocol-level work)")}}},
-                {QStringLiteral("commands"), QString(), QStringLiteral("the declared commands, their parameters, results, type codes and defaults"), &commands},
-                {QStringLiteral("channels"), QString(), QStringLiteral("the channel table of the configured device"), &channels},
-                {QStringLiteral("devices"), QString(), QStringLiteral("the devices of the configuration: reference, address, plug-in"), &devices},
+                {QStringLiteral("commands"), QString(), QStringLiteral("the declared commands, their parameters, results, type codes and defaults"),
+                 [](CtlStep &step) { local(step, QStringLiteral("usage: commands"), &commands); }},
+                {QStringLiteral("channels"), QString(), QStringLiteral("the channel table of the configured device"),
+                 [](CtlStep &step) { local(step, QStringLiteral("usage: channels"), &channels); }},
+                {QStringLiteral("devices"), QString(), QStringLiteral("the devices of the configuration: reference, address, plug-in"),
+                 [](CtlStep &step) { local(step, QStringLiteral("usage: devices"), &devices); }},
             }};
 }

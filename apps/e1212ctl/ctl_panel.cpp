@@ -5,7 +5,6 @@
 #include "dabstractplugin.h"
 
 #include <QAbstractListModel>
-#include <QEventLoop>
 #include <QGuiApplication>
 #include <QQmlContext>
 #include <QQmlEngine>
@@ -22,74 +21,94 @@ constexpr int c_connected = 2;
 constexpr int c_screenshotWaitMs = 10000;
 constexpr int c_frameWaitMs = 2000;
 
-// Runs an event loop of its own until `quit` is emitted by `sender` or `ms` pass. Each wait
-// has its own loop and deadline, so nothing left from one wait can end another.
-template<typename Sender, typename Signal>
-void waitFor(const Sender *sender, Signal quit, int ms)
+// Takes the screenshot once the panel shows a connected device with every channel read and
+// that state has been drawn, saves it to `file` and ends the window loop with the status.
+class Screenshot : public QObject
 {
-    QEventLoop loop;
-    QTimer deadline;
-    deadline.setSingleShot(true);
-    QObject::connect(&deadline, &QTimer::timeout, &loop, &QEventLoop::quit);
-    QObject::connect(sender, quit, &loop, &QEventLoop::quit, Qt::QueuedConnection);
-    deadline.start(ms);
-    loop.exec();
-}
+public:
+    Screenshot(QQuickView &view, QObject *backend, const QString &file, CtlSession &session)
+        : QObject(&view), m_view(view), m_backend(backend), m_file(file), m_session(session)
+    {
+        // Checked every 50 ms until ready or the deadline.
+        connect(&m_check, &QTimer::timeout, this, [this] {
+            if (ready())
+                draw();
+        });
+        m_deadline.setSingleShot(true);
+        connect(&m_deadline, &QTimer::timeout, this, [this] {
+            fail(QStringLiteral("no screenshot: the panel did not show a connected device within %1 ms (%2)")
+                     .arg(c_screenshotWaitMs)
+                     .arg(m_backend->property("errorText").toString()));
+        });
+        m_check.start(50);
+        m_deadline.start(c_screenshotWaitMs);
+    }
 
-// Waits until the panel shows a connected device with every channel read and that state
-// has been drawn, then saves the window to `file`. False, with *error set, otherwise.
-bool saveScreenshot(QQuickView &view, QObject *backend, const QString &file, QString *error)
-{
-    const auto ready = [backend] {
-        if (backend->property("connectionState").toInt() != c_connected
-            || backend->property("modelName").toString().isEmpty())
+private:
+    bool ready() const
+    {
+        if (m_backend->property("connectionState").toInt() != c_connected || m_backend->property("modelName").toString().isEmpty())
             return false;
-        auto *model = backend->property("channelsModel").value<QAbstractListModel *>();
+        auto *model = m_backend->property("channelsModel").value<QAbstractListModel *>();
         for (int row = 0; model && row < model->rowCount(); ++row) {
             QObject *channel = model->data(model->index(row), Qt::UserRole).value<QObject *>();
             if (!channel || !channel->property("value").isValid())
                 return false;
         }
         return model && model->rowCount() > 0;
-    };
+    }
+
+    // Grab what has been drawn: a frame rendered after the last change, or what is there
+    // after c_frameWaitMs.
+    void draw()
     {
-        // Checked every 50 ms by a timer of this wait only: it stops with it.
-        QEventLoop loop;
-        QTimer check;
-        QTimer deadline;
-        deadline.setSingleShot(true);
-        QObject::connect(&check, &QTimer::timeout, &loop, [&] {
-            if (ready())
-                loop.quit();
-        });
-        QObject::connect(&deadline, &QTimer::timeout, &loop, &QEventLoop::quit);
-        check.start(50);
-        deadline.start(c_screenshotWaitMs);
-        if (!ready())
-            loop.exec();
+        m_check.stop();
+        m_deadline.stop();
+        connect(&m_view, &QQuickWindow::frameSwapped, this, &Screenshot::grab, Qt::QueuedConnection);
+        m_deadline.disconnect();
+        connect(&m_deadline, &QTimer::timeout, this, &Screenshot::grab);
+        m_deadline.start(c_frameWaitMs);
+        m_view.update();
     }
-    if (!ready()) {
-        *error = QStringLiteral("no screenshot: the panel did not show a connected device within %1 ms (%2)")
-                     .arg(c_screenshotWaitMs)
-                     .arg(backend->property("errorText").toString());
-        return false;
+
+    void grab()
+    {
+        disconnect(&m_view, &QQuickWindow::frameSwapped, this, nullptr);
+        m_deadline.disconnect();
+        // grabWindow() gives nothing with the software scene graph; an item grab works everywhere.
+        m_grab = m_view.rootObject()->grabToImage();
+        if (!m_grab)
+            return fail(QStringLiteral("no screenshot: the panel cannot be grabbed"));
+        connect(m_grab.data(), &QQuickItemGrabResult::ready, this, &Screenshot::save);
+        connect(&m_deadline, &QTimer::timeout, this, &Screenshot::save);
+        m_deadline.start(c_screenshotWaitMs);
     }
-    // Grab what has been drawn: wait for a frame rendered after the last change.
-    view.update();
-    waitFor(&view, &QQuickWindow::frameSwapped, c_frameWaitMs);
-    // grabWindow() gives nothing with the software scene graph; an item grab works everywhere.
-    const QSharedPointer<QQuickItemGrabResult> grab = view.rootObject()->grabToImage();
-    if (!grab) {
-        *error = QStringLiteral("no screenshot: the panel cannot be grabbed");
-        return false;
+
+    void save()
+    {
+        m_deadline.stop();
+        if (m_grab->image().isNull() || !m_grab->image().save(m_file))
+            return fail(QStringLiteral("cannot write the screenshot to %1").arg(m_file));
+        m_session.out() << "panel saved to " << m_file << '\n';
+        m_session.out().flush();
+        QCoreApplication::exit(CtlSession::ExitOk);
     }
-    waitFor(grab.data(), &QQuickItemGrabResult::ready, c_screenshotWaitMs);
-    if (grab->image().isNull() || !grab->image().save(file)) {
-        *error = QStringLiteral("cannot write the screenshot to %1").arg(file);
-        return false;
+
+    void fail(const QString &text)
+    {
+        m_check.stop();
+        m_deadline.stop();
+        QCoreApplication::exit(m_session.fail(CtlSession::ExitFailed, text));
     }
-    return true;
-}
+
+    QQuickView &m_view;
+    QObject *m_backend;
+    const QString m_file;
+    CtlSession &m_session;
+    QTimer m_check;
+    QTimer m_deadline;
+    QSharedPointer<QQuickItemGrabResult> m_grab;
+};
 
 int panel(CtlSession &session, const CtlArgs &args)
 {
@@ -112,9 +131,9 @@ int panel(CtlSession &session, const CtlArgs &args)
         size = QSize(int(w), int(h));
     }
 
-    int exitCode = 0;
-    if (!session.openDevices(&exitCode))
-        return exitCode;
+    CtlOutcome failure;
+    if (!session.openDevices(&failure))
+        return session.report(failure);
     if (pollMs == 0) // the configuration's poll interval, else the panel's default
         pollMs = session.config().connection.value(QStringLiteral("pollIntervalMs"), 500).toUInt();
 
@@ -149,16 +168,10 @@ int panel(CtlSession &session, const CtlArgs &args)
     QObject *backend = view.rootObject()->findChild<QObject *>(QStringLiteral("backend"));
     view.show();
 
-    if (screenshot) {
-        if (!saveScreenshot(view, backend, args.value(QStringLiteral("screenshot")), &error))
-            return session.fail(CtlSession::ExitFailed, error);
-        session.out() << "panel saved to " << args.value(QStringLiteral("screenshot")) << '\n';
-        return CtlSession::ExitOk;
-    }
-    QEventLoop loop;
-    QObject::connect(qGuiApp, &QGuiApplication::lastWindowClosed, &loop, &QEventLoop::quit);
-    loop.exec();
-    return CtlSession::ExitOk;
+    if (screenshot)
+        new Screenshot(view, backend, args.value(QStringLiteral("screenshot")), session);
+    // The window loop; it ends when the last window closes, or with the screenshot's status.
+    return QGuiApplication::exec();
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 // e1212ctl's panel subcommand: loads the panel library (Qt Quick) only when it is asked for.
 #pragma once
 
+#include "ctlargs.h"
 #include "ctlcommand.h"
 #include "ctlsession.h"
 

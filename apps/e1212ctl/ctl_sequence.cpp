@@ -3,16 +3,16 @@
 // session, and the steps made for sequences (expect, wait, use, stop).
 #include "ctl_sequence.h"
 
-#include "ctlargs.h"
+#include "ctlcall.h"
+#include "ctlsequence.h"
 #include "ctlsession.h"
+#include "ctlstep.h"
+#include "dabstractplugin.h"
 #include "execution.h"
+#include "host.h"
 
-#include <QDeadlineTimer>
-#include <QEventLoop>
 #include <QFile>
 #include <QJsonObject>
-#include <QProcess>
-#include <QSocketNotifier>
 #include <QTimer>
 
 #include <fcntl.h>
@@ -21,216 +21,213 @@
 namespace {
 
 constexpr quint32 c_maxWaitMs = 7 * 24 * 3600 * 1000;
-constexpr int c_expectPollMs = 20;
 
-// Lets the event loop run (background listens print) for `ms`.
-void pause(int ms)
+void script(CtlStep &step)
 {
-    QEventLoop loop;
-    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
-    loop.exec();
+    const CtlArgs &args = step.args();
+    if (args.positional().size() != 1)
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: script FILE (or - for standard input)")));
+    const QString path = args.positional().first();
+    if (path == QLatin1String("-"))
+        return (new CtlSequence(step, STDIN_FILENO, QStringLiteral("-"), false))->start();
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY);
+    if (fd < 0)
+        return step.finish(CtlOutcome::refused(QStringLiteral("script %1: cannot read it").arg(path)));
+    // The file stays open as long as the step runs.
+    QObject::connect(&step, &QObject::destroyed, [fd] { ::close(fd); });
+    (new CtlSequence(step, fd, path, false))->start();
 }
 
-// The words of one step: the text before a "#" that starts the line or follows a blank.
-QStringList stepWords(const QString &line)
+void shell(CtlStep &step)
 {
-    int comment = -1;
-    for (int i = 0; i < line.size() && comment < 0; ++i)
-        if (line.at(i) == QLatin1Char('#') && (i == 0 || line.at(i - 1).isSpace()))
-            comment = i;
-    return QProcess::splitCommand(comment < 0 ? line : line.left(comment));
+    if (!step.args().positional().isEmpty())
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: shell")));
+    (new CtlSequence(step, STDIN_FILENO, QStringLiteral("shell"), !step.session().options().json))->start();
 }
 
-int runStep(CtlSession &session, const QList<CtlGroup> &groups, const QStringList &words)
-{
-    const CtlCommand *command = findCtlCommand(groups, words.first());
-    if (!command || command->where == CtlCommand::CommandLineOnly)
-        return session.usageError(QStringLiteral("\"%1\" is not a step (see e1212ctl help script)").arg(words.first()));
-    CtlArgs args;
-    QString error;
-    QList<QCommandLineOption> options = command->options;
-    options << QCommandLineOption({QStringLiteral("h"), QStringLiteral("help")}, QString());
-    if (!CtlArgs::parse(words, options, &args, &error))
-        return session.usageError(QStringLiteral("%1 (see e1212ctl %2 --help)").arg(error, command->name));
-    if (args.has(QStringLiteral("help"))) {
-        session.out() << ctlCommandHelp(*command);
-        return CtlSession::ExitOk;
-    }
-    if (args.background() && command->name != QLatin1String("listen"))
-        return session.usageError(QStringLiteral("only listen runs in the background (&)"));
-    return command->run(session, args);
-}
-
-// Steps come from a file descriptor; while a line is awaited the event loop runs, so the
-// events of background listens keep coming (at a shell prompt too).
-class LineReader
+// expect CH VALUE [--within MS]: without --within one read decides. With it, a listen on the
+// channel reports its value now and on each change, until one is VALUE or the deadline has
+// passed and a value has come. An output's listen reports its output coil while a read gives
+// its pulse status (what get shows): there each report is followed by a read, and the read
+// decides; one last read is made at the deadline.
+class Expectation : public QObject
 {
 public:
-    explicit LineReader(int fd) : m_fd(fd) {}
-
-    // The next line without its end; false at the end of the input.
-    bool next(QByteArray *line)
+    Expectation(CtlStep &step, const CtlChannel &channel, quint32 expected, quint32 within)
+        : QObject(&step), m_step(step), m_session(step.session()), m_channel(channel), m_expected(expected), m_within(within)
     {
-        while (true) {
-            const int end = m_pending.indexOf('\n');
-            if (end >= 0) {
-                *line = m_pending.left(end);
-                m_pending.remove(0, end + 1);
-                return true;
-            }
-            QSocketNotifier readable(m_fd, QSocketNotifier::Read);
-            QEventLoop loop;
-            QObject::connect(&readable, &QSocketNotifier::activated, &loop, &QEventLoop::quit);
-            loop.exec();
-            char buffer[4096];
-            const ssize_t got = ::read(m_fd, buffer, sizeof buffer);
-            if (got <= 0) {
-                *line = m_pending;
-                m_pending.clear();
-                return !line->isEmpty();
-            }
-            m_pending.append(buffer, int(got));
+        step.setCancel([this] { conclude(failure(QStringLiteral("stopped before the value was read"), QStringLiteral("stopped"))); });
+        if (within == 0) {
+            read();
+            return;
         }
+        const QString readType = m_session.channelInfo(channel.device, channel.id).value(QStringLiteral("readRegisterType")).toString();
+        m_reread = readType == QLatin1String("coilsRegister");
+        m_listen = m_session.host()->execute(m_session.device(channel.device), QStringLiteral("listenEvents"),
+                                             {{QStringLiteral("channel"), channel.id}});
+        connect(m_listen, &Execution::resultChanged, this, [this](const QString &, const QVariant &report) {
+            if (m_reread)
+                return read();
+            const QVariantList values = report.toMap().value(QStringLiteral("values")).toList();
+            judge(values.value(0));
+        });
+        connect(m_listen, &Execution::errorReported, this, [this](const DError &error) { conclude(failure(error)); });
+        connect(m_listen, &Execution::finished, this, [this] { conclude(failure(m_listen->error())); });
+        m_deadline.setSingleShot(true);
+        connect(&m_deadline, &QTimer::timeout, this, [this] {
+            m_expired = true;
+            if (m_reread)
+                read();
+            else if (m_seen)
+                judge(m_value);
+        });
+        m_deadline.start(int(within));
+    }
+
+    ~Expectation() override
+    {
+        delete m_listen; // stops it
     }
 
 private:
-    int m_fd;
-    QByteArray m_pending;
+    // One getValue; a read asked for while one runs follows it.
+    void read()
+    {
+        if (m_read) {
+            m_readAgain = true;
+            return;
+        }
+        CtlRequest request;
+        request.device = m_channel.device;
+        request.command = QStringLiteral("getValue");
+        request.arguments.insert(QStringLiteral("channel"), m_channel.id);
+        m_read = new CtlCall(m_session, request, false, [this](const CtlOutcome &outcome) {
+            m_read->deleteLater();
+            m_read = nullptr;
+            if (!outcome.isOk())
+                return conclude(failure(outcome.error, outcome.code));
+            const bool again = m_readAgain && !m_expired;
+            m_readAgain = false;
+            judge(outcome.results.value(QStringLiteral("value")));
+            if (again && !m_step.isFinished())
+                read();
+        }, this);
+    }
+
+    void judge(const QVariant &value)
+    {
+        m_value = value;
+        m_seen = true;
+        const bool met = value.toUInt() == m_expected;
+        if (!met && !m_expired && m_within > 0)
+            return;
+        const QString text = QStringLiteral("expect %1: read %2, expected %3%4").arg(m_channel.id).arg(value.toUInt()).arg(m_expected)
+                                 .arg(m_within > 0 ? QStringLiteral(" (within %1 ms)").arg(m_within) : QString());
+        CtlOutcome outcome;
+        outcome.command = QStringLiteral("expect");
+        outcome.device = m_session.config(m_channel.device).reference;
+        outcome.fields = {{QStringLiteral("channel"), m_channel.id}, {QStringLiteral("expected"), int(m_expected)},
+                          {QStringLiteral("value"), int(value.toUInt())}};
+        if (met) {
+            outcome.text = QStringLiteral("%1 = %2 as expected\n").arg(m_channel.id).arg(m_expected);
+        } else {
+            outcome.exitCode = CtlOutcome::ExitFailed;
+            outcome.error = outcome.message = text;
+            outcome.code = QStringLiteral("expect_failed");
+        }
+        conclude(outcome);
+    }
+
+    CtlOutcome failure(const DError &error) { return failure(error.text, DError::codeName(error.code)); }
+    CtlOutcome failure(const QString &text, const QString &code)
+    {
+        CtlOutcome outcome;
+        outcome.exitCode = CtlOutcome::ExitFailed;
+        outcome.command = QStringLiteral("expect");
+        outcome.fields = {{QStringLiteral("channel"), m_channel.id}};
+        outcome.error = text;
+        outcome.code = code;
+        outcome.message = QStringLiteral("expect %1: %2").arg(m_channel.id, text);
+        return outcome;
+    }
+
+    void conclude(const CtlOutcome &outcome)
+    {
+        m_deadline.stop();
+        if (m_listen) {
+            disconnect(m_listen, nullptr, this, nullptr);
+            m_listen->deleteLater(); // stops it
+            m_listen = nullptr;
+        }
+        m_step.finish(outcome);
+    }
+
+    CtlStep &m_step;
+    CtlSession &m_session;
+    const CtlChannel m_channel;
+    const quint32 m_expected;
+    const quint32 m_within;
+    bool m_reread = false;
+    Execution *m_listen = nullptr;
+    CtlCall *m_read = nullptr;
+    bool m_readAgain = false;
+    QTimer m_deadline;
+    bool m_expired = false;
+    bool m_seen = false;
+    QVariant m_value;
 };
 
-// Runs every line of `fd` as a step; returns the status of the first failing step.
-int runSteps(CtlSession &session, int fd, const QString &source, bool prompt)
+void expect(CtlStep &step)
 {
-    const QList<CtlGroup> groups = ctlGroups();
-    LineReader reader(fd);
-    QByteArray bytes;
-    int first = CtlSession::ExitOk;
-    int number = 0;
-    while (true) {
-        if (prompt)
-            session.out() << "e1212ctl> " << Qt::flush;
-        if (!reader.next(&bytes))
-            break;
-        ++number;
-        const QStringList words = stepWords(QString::fromUtf8(bytes).trimmed());
-        if (words.isEmpty())
-            continue;
-        if (prompt && (words.first() == QLatin1String("quit") || words.first() == QLatin1String("exit")))
-            break;
-        session.setStep(source, number);
-        const int status = runStep(session, groups, words);
-        if (status != CtlSession::ExitOk && first == CtlSession::ExitOk)
-            first = status;
-        if (status != CtlSession::ExitOk && !prompt && !session.options().keepGoing)
-            break;
-    }
-    const int background = session.stopBackground();
-    session.setStep(QString(), 0);
-    return first != CtlSession::ExitOk ? first : background;
-}
-
-int script(CtlSession &session, const CtlArgs &args)
-{
-    if (args.positional().size() != 1)
-        return session.usageError(QStringLiteral("usage: script FILE (or - for standard input)"));
-    const QString path = args.positional().first();
-    if (path == QLatin1String("-"))
-        return runSteps(session, STDIN_FILENO, QStringLiteral("-"), false);
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY);
-    if (fd < 0)
-        return session.usageError(QStringLiteral("script %1: cannot read it").arg(path));
-    const int status = runSteps(session, fd, path, false);
-    ::close(fd);
-    return status;
-}
-
-int shell(CtlSession &session, const CtlArgs &args)
-{
-    if (!args.positional().isEmpty())
-        return session.usageError(QStringLiteral("usage: shell"));
-    return runSteps(session, STDIN_FILENO, QStringLiteral("shell"), !session.options().json);
-}
-
-int expect(CtlSession &session, const CtlArgs &args)
-{
-    int exitCode = 0;
+    const CtlArgs &args = step.args();
     if (args.positional().size() != 2)
-        return session.usageError(QStringLiteral("usage: expect CH VALUE [--within MS]"));
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: expect CH VALUE [--within MS]")));
     quint32 expected = 0;
     quint32 within = 0;
     QString error;
     if (!CtlArgs::number(args.positional().at(1), 0, 0xFFFF, QStringLiteral("VALUE"), &expected, &error)
         || (args.has(QStringLiteral("within"))
             && !CtlArgs::number(args.value(QStringLiteral("within")), 0, c_maxWaitMs, QStringLiteral("--within"), &within, &error)))
-        return session.usageError(error);
+        return step.finish(CtlOutcome::refused(error));
     CtlChannel channel;
-    if (!session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &exitCode))
-        return exitCode;
-    const QDeadlineTimer deadline(within);
-    QVariant value;
-    while (true) {
-        Execution *read = session.runToEnd(channel.device, QStringLiteral("getValue"), {{QStringLiteral("channel"), channel.id}});
-        const bool ok = read->isOk();
-        value = read->results().value(QStringLiteral("value"));
-        const DError readError = read->error();
-        delete read;
-        if (!ok) {
-            if (session.options().json)
-                session.printJson({{QStringLiteral("command"), QStringLiteral("expect")}, {QStringLiteral("ok"), false},
-                                   {QStringLiteral("channel"), channel.id}, {QStringLiteral("error"), readError.text},
-                                   {QStringLiteral("code"), DError::codeName(readError.code)}});
-            return session.fail(CtlSession::ExitFailed, QStringLiteral("expect %1: %2").arg(channel.id, readError.text));
-        }
-        if (value.toUInt() == expected || deadline.hasExpired())
-            break;
-        pause(int(qMin<qint64>(c_expectPollMs, qMax<qint64>(1, deadline.remainingTime()))));
-    }
-    const bool met = value.toUInt() == expected;
-    const QString text = QStringLiteral("expect %1: read %2, expected %3%4").arg(channel.id).arg(value.toUInt()).arg(expected)
-                             .arg(within > 0 ? QStringLiteral(" (within %1 ms)").arg(within) : QString());
-    if (session.options().json) {
-        QJsonObject line{{QStringLiteral("command"), QStringLiteral("expect")}, {QStringLiteral("ok"), met},
-                         {QStringLiteral("device"), session.config(channel.device).reference},
-                         {QStringLiteral("channel"), channel.id}, {QStringLiteral("expected"), int(expected)},
-                         {QStringLiteral("value"), int(value.toUInt())}, {QStringLiteral("error"), met ? QString() : text}};
-        if (!met)
-            line.insert(QStringLiteral("code"), QStringLiteral("expect_failed"));
-        session.printJson(line);
-    } else if (met) {
-        session.out() << channel.id << " = " << expected << " as expected\n";
-    }
-    return met ? CtlSession::ExitOk : session.fail(CtlSession::ExitFailed, text);
+    CtlOutcome failure;
+    if (!step.session().channel(args.positional().first(), CtlSession::AnyChannel, &channel, &failure))
+        return step.finish(failure);
+    new Expectation(step, channel, expected, within);
 }
 
-int wait(CtlSession &session, const CtlArgs &args)
+void wait(CtlStep &step)
 {
     quint32 ms = 0;
     QString error;
-    if (args.positional().size() != 1)
-        return session.usageError(QStringLiteral("usage: wait MS"));
-    if (!CtlArgs::number(args.positional().first(), 0, c_maxWaitMs, QStringLiteral("wait"), &ms, &error))
-        return session.usageError(error);
-    pause(int(ms));
-    return session.reportLocal(QStringLiteral("wait"), {{QStringLiteral("ms"), ms}}, [](const QVariantMap &) {});
+    if (step.args().positional().size() != 1)
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: wait MS")));
+    if (!CtlArgs::number(step.args().positional().first(), 0, c_maxWaitMs, QStringLiteral("wait"), &ms, &error))
+        return step.finish(CtlOutcome::refused(error));
+    auto *timer = new QTimer(&step);
+    timer->setSingleShot(true);
+    const auto done = [&step, ms] { step.finish(CtlOutcome::local(QStringLiteral("wait"), {{QStringLiteral("ms"), ms}})); };
+    QObject::connect(timer, &QTimer::timeout, &step, done);
+    step.setCancel(done);
+    timer->start(int(ms));
 }
 
-int use(CtlSession &session, const CtlArgs &args)
+void use(CtlStep &step)
 {
-    int exitCode = 0;
-    if (args.positional().size() != 1)
-        return session.usageError(QStringLiteral("usage: use NAME"));
-    if (!session.openDevices(&exitCode) || !session.use(args.positional().first(), &exitCode))
-        return exitCode;
-    return session.reportLocal(QStringLiteral("use"), {{QStringLiteral("device"), session.config().reference}},
-                               [](const QVariantMap &) {});
+    CtlOutcome failure;
+    if (step.args().positional().size() != 1)
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: use NAME")));
+    CtlSession &session = step.session();
+    if (!session.openDevices(&failure) || !session.use(step.args().positional().first(), &failure))
+        return step.finish(failure);
+    step.finish(CtlOutcome::local(QStringLiteral("use"), {{QStringLiteral("device"), session.config().reference}}));
 }
 
-int stop(CtlSession &session, const CtlArgs &args)
+void stop(CtlStep &step)
 {
-    if (!args.positional().isEmpty())
-        return session.usageError(QStringLiteral("usage: stop"));
-    const int status = session.stopBackground();
-    return status != CtlSession::ExitOk ? status : session.reportLocal(QStringLiteral("stop"), {}, [](const QVariantMap &) {});
+    if (!step.args().positional().isEmpty())
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: stop")));
+    step.session().stopBackground([&step](const CtlOutcome &outcome) { step.finish(outcome); });
 }
 
 } // namespace
@@ -244,8 +241,8 @@ CtlGroup sequenceGroup()
                  &script, {}, CtlCommand::CommandLineOnly},
                 {QStringLiteral("shell"), QString(), QStringLiteral("read steps at a prompt until end of input or quit"), &shell, {},
                  CtlCommand::CommandLineOnly},
-                {QStringLiteral("expect"), QStringLiteral("CH VALUE"), QStringLiteral("pass when CH reads VALUE, polling until --within MS is up"),
-                 &expect, {{QStringLiteral("within"), QStringLiteral("keep reading for up to MS milliseconds"), QStringLiteral("MS")}}},
+                {QStringLiteral("expect"), QStringLiteral("CH VALUE"), QStringLiteral("pass when CH reads VALUE, or, with --within, once its reports show VALUE"),
+                 &expect, {{QStringLiteral("within"), QStringLiteral("wait up to MS milliseconds for it"), QStringLiteral("MS")}}},
                 {QStringLiteral("wait"), QStringLiteral("MS"), QStringLiteral("wait MS milliseconds"), &wait},
                 {QStringLiteral("use"), QStringLiteral("NAME"), QStringLiteral("(steps only) make device NAME the one channels refer to"), &use, {},
                  CtlCommand::ScriptOnly},

@@ -4,10 +4,9 @@
 
 #include "ctlargs.h"
 #include "ctlsession.h"
+#include "ctlstep.h"
 #include "e1212simulator.h"
-#include "signalwatcher.h"
 
-#include <QCoreApplication>
 #include <QRegularExpression>
 #include <QSocketNotifier>
 
@@ -30,11 +29,13 @@ bool applyInput(E1212Simulator &simulator, const QString &text, QString *error)
 
 // e1212ctl simulate [--listen ADDRESS:PORT] [--input DIn=V...]: serves a simulated module
 // until Ctrl-C/SIGTERM; "DIn=V" lines on standard input set its inputs meanwhile.
-int simulate(CtlSession &session, const CtlArgs &args)
+void simulate(CtlStep &step)
 {
+    CtlSession &session = step.session();
+    const CtlArgs &args = step.args();
     if (!args.positional().isEmpty())
-        return session.usageError(QStringLiteral("simulate takes no argument besides its options, got \"%1\"")
-                                      .arg(args.positional().first()));
+        return step.finish(CtlOutcome::refused(QStringLiteral("simulate takes no argument besides its options, got \"%1\"")
+                                                   .arg(args.positional().first())));
     QHostAddress address = QHostAddress::LocalHost;
     quint16 port = 5020;
     QString error;
@@ -42,16 +43,17 @@ int simulate(CtlSession &session, const CtlArgs &args)
         const QString text = args.value(QStringLiteral("listen"));
         QString host;
         if (!CtlArgs::hostAndPort(QStringLiteral("--listen"), text, -1, 0, &host, &port, &error))
-            return session.usageError(error);
+            return step.finish(CtlOutcome::refused(error));
         if (!address.setAddress(host))
-            return session.usageError(QStringLiteral("--listen %1: \"%2\" is not an IP address").arg(text, host));
+            return step.finish(CtlOutcome::refused(QStringLiteral("--listen %1: \"%2\" is not an IP address").arg(text, host)));
     }
-    E1212Simulator simulator;
+    // Serves until the step is cancelled (Ctrl-C/SIGTERM).
+    auto &simulator = *new E1212Simulator(&step);
     for (const QString &input : args.values(QStringLiteral("input")))
         if (!applyInput(simulator, input, &error))
-            return session.usageError(error);
+            return step.finish(CtlOutcome::refused(error));
     if (!simulator.start(address, port, &error))
-        return session.fail(CtlSession::ExitFailed, error);
+        return step.finish(CtlOutcome::failed(error));
     session.out() << "E1212 simulator (" << E1212Simulator::modelName() << ", " << E1212Simulator::firmwareVersion()
                   << ", MAC " << E1212Simulator::macAddress() << ") listening on " << address.toString() << ":"
                   << simulator.port() << "; DIn=0/1 lines set inputs; Ctrl-C stops it" << Qt::endl;
@@ -59,9 +61,8 @@ int simulate(CtlSession &session, const CtlArgs &args)
         if (session.options().verbose)
             session.out() << "DO" << channel << (on ? " on" : " off") << Qt::endl;
     });
-    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
-    QByteArray pending;
-    QObject::connect(&input, &QSocketNotifier::activated, &session, [&] {
+    auto &input = *new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, &step);
+    QObject::connect(&input, &QSocketNotifier::activated, &step, [&session, &simulator, &input, pending = QByteArray()]() mutable {
         char buffer[256];
         const ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
         if (got <= 0) {
@@ -81,11 +82,10 @@ int simulate(CtlSession &session, const CtlArgs &args)
                 session.fail(CtlSession::ExitUsage, lineError);
         }
     });
-    SignalWatcher watcher;
-    QObject::connect(&watcher, &SignalWatcher::interrupted, qApp, &QCoreApplication::quit);
-    QCoreApplication::exec();
-    simulator.stop();
-    return CtlSession::ExitOk;
+    step.setCancel([&step, &simulator] {
+        simulator.stop();
+        step.finish(CtlOutcome());
+    });
 }
 
 } // namespace

@@ -10,6 +10,14 @@ bool CtlArgs::parse(const QStringList &words, const QList<QCommandLineOption> &o
     args->m_background = !line.isEmpty() && line.last() == QLatin1String("&");
     if (args->m_background)
         line.removeLast();
+    // A negative number ("-1") is a value, never an option: it is hidden from the parser and
+    // given back as it was, so that its own check can name it.
+    static const QRegularExpression negative(QStringLiteral("^-[0-9]"));
+    const QChar hidden(0xE000);
+    for (QString &word : line)
+        if (negative.match(word).hasMatch())
+            word.prepend(hidden);
+    const auto unhide = [hidden](QString text) { return text.startsWith(hidden) ? text.mid(1) : text; };
     QCommandLineParser parser;
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
     parser.addOptions(options);
@@ -17,7 +25,9 @@ bool CtlArgs::parse(const QStringList &words, const QList<QCommandLineOption> &o
         *error = parser.errorText();
         return false;
     }
-    QStringList positional = parser.positionalArguments();
+    QStringList positional;
+    for (const QString &word : parser.positionalArguments())
+        positional << unhide(word);
     args->m_name = positional.isEmpty() ? QString() : positional.takeFirst();
     args->m_positional = positional;
     for (const QString &name : parser.optionNames()) {
@@ -25,7 +35,10 @@ bool CtlArgs::parse(const QStringList &words, const QList<QCommandLineOption> &o
             if (!option.names().contains(name))
                 continue;
             const QString key = option.names().last();
-            args->m_values[key] = option.valueName().isEmpty() ? QStringList{QString()} : parser.values(key);
+            QStringList values;
+            for (const QString &value : parser.values(key))
+                values << unhide(value);
+            args->m_values[key] = option.valueName().isEmpty() ? QStringList{QString()} : values;
         }
     }
     return true;

@@ -9,13 +9,12 @@
 
 #include <functional>
 
-class CtlArgs;
-class CtlSession;
+class CtlStep;
 
 struct CtlCommand
 {
     enum Where { Anywhere, CommandLineOnly, ScriptOnly };
-    using Runner = std::function<int(CtlSession &session, const CtlArgs &args)>;
+    using Runner = std::function<void(CtlStep &step)>;
 
     CtlCommand(const QString &name, const QString &usage, const QString &summary, const Runner &run,
                const QList<QCommandLineOption> &options = {}, Where where = Anywhere)
@@ -28,7 +27,7 @@ struct CtlCommand
     QString usage;
     // One line for help.
     QString summary;
-    // Runs the subcommand with its parsed line and returns the exit status (CtlSession::ExitCode).
+    // Starts the subcommand with its parsed line; it ends with step.finish(), at once or later.
     Runner run;
     // Its own options.
     QList<QCommandLineOption> options;

@@ -2,44 +2,23 @@
 #include "ctlsession.h"
 
 #include "ctlargs.h"
+#include "ctlcall.h"
 #include "ctllog.h"
 #include "dabstractplugin.h"
-#include "derror.h"
+#include "dchanneltable.h"
 #include "e1212simulator.h"
 #include "host.h"
 #include "pluginmanager.h"
-#include "signalwatcher.h"
 
-#include <QDateTime>
-#include <QEventLoop>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QTimer>
 
 #include <cstdio>
 
 namespace {
 
 const char c_builtInConfig[] = ":/e1212ctl/e1212.json";
-
-// Failures decided before the device was asked: exit status 2.
-bool isRefusal(IMessenger::EnErrorCode code)
-{
-    return code == IMessenger::CeRefused || code == IMessenger::CeBadInstruction || code == IMessenger::CeNoRoute;
-}
-
-QString now()
-{
-    return QDateTime::currentDateTime().toString(Qt::ISODateWithMs);
-}
-
-// The one value of a listen report {"values": [v]}; the report itself otherwise.
-QVariant eventValue(const QVariant &report)
-{
-    const QVariantList values = report.toMap().value(QStringLiteral("values")).toList();
-    return values.size() == 1 ? values.first() : report;
-}
 
 } // namespace
 
@@ -49,10 +28,7 @@ CtlSession::CtlSession(const Options &options, QObject *parent)
     , m_out(stdout)
 {}
 
-CtlSession::~CtlSession()
-{
-    stopBackground();
-}
+CtlSession::~CtlSession() = default;
 
 void CtlSession::setStep(const QString &source, int line)
 {
@@ -60,23 +36,43 @@ void CtlSession::setStep(const QString &source, int line)
     m_line = line;
 }
 
-int CtlSession::fail(int code, const QString &text)
+int CtlSession::report(const CtlOutcome &outcome)
 {
     const QString where = m_line > 0 ? QStringLiteral("%1:%2: ").arg(m_source).arg(m_line) : QString();
-    if (code == ExitUsage && m_options.json)
-        printJson({{QStringLiteral("ok"), false}, {QStringLiteral("error"), QString(where + text)},
+    const bool ok = outcome.isOk();
+    if (m_options.json && !outcome.command.isEmpty()) {
+        QJsonObject line = outcome.fields;
+        line.insert(QStringLiteral("command"), outcome.command);
+        line.insert(QStringLiteral("ok"), ok);
+        line.insert(QStringLiteral("error"), ok ? QString() : outcome.error);
+        if (!outcome.device.isEmpty())
+            line.insert(QStringLiteral("device"), outcome.device);
+        if (outcome.fields.isEmpty())
+            line.insert(QStringLiteral("results"), QJsonObject::fromVariantMap(outcome.results));
+        if (!ok)
+            line.insert(QStringLiteral("code"), outcome.code);
+        printJson(line);
+    } else if (m_options.json && outcome.exitCode == ExitUsage && !outcome.message.isEmpty()) {
+        printJson({{QStringLiteral("ok"), false}, {QStringLiteral("error"), QString(where + outcome.message)},
                    {QStringLiteral("code"), DError::codeName(IMessenger::CeRefused)}});
+    } else if (ok) {
+        m_out << outcome.text;
+    }
     m_out.flush();
-    qCWarning(lcCtl).noquote() << where + text;
-    const QByteArray line = QStringLiteral("e1212ctl: %1%2\n").arg(where, text).toUtf8();
-    fwrite(line.constData(), 1, size_t(line.size()), stderr);
-    fflush(stderr);
-    return code;
+    if (!outcome.message.isEmpty()) {
+        qCWarning(lcCtl).noquote() << where + outcome.message;
+        const QByteArray line = QStringLiteral("e1212ctl: %1%2\n").arg(where, outcome.message).toUtf8();
+        fwrite(line.constData(), 1, size_t(line.size()), stderr);
+        fflush(stderr);
+    }
+    return outcome.exitCode;
 }
 
-int CtlSession::usageError(const QString &text)
+int CtlSession::fail(int code, const QString &text)
 {
-    return fail(ExitUsage, text);
+    CtlOutcome outcome = CtlOutcome::failed(text);
+    outcome.exitCode = code;
+    return report(outcome);
 }
 
 bool CtlSession::loadConfig(QString *error)
@@ -116,19 +112,21 @@ bool CtlSession::loadConfig(QString *error)
     return true;
 }
 
-bool CtlSession::openDevices(int *exitCode)
+bool CtlSession::openDevices(CtlOutcome *failure)
 {
-    if (m_opened) {
-        *exitCode = m_openStatus;
-        return m_openStatus == ExitOk;
+    if (!m_opened) {
+        m_opened = true;
+        m_openOutcome = open();
     }
-    m_opened = true;
-    m_openStatus = *exitCode = ExitUsage;
+    *failure = m_openOutcome;
+    return m_openOutcome.isOk();
+}
+
+CtlOutcome CtlSession::open()
+{
     QString error;
-    if (!loadConfig(&error)) {
-        fail(ExitUsage, error);
-        return false;
-    }
+    if (!loadConfig(&error))
+        return CtlOutcome::refused(error);
     m_plugins.reset(new PluginManager);
     m_plugins->scan(PluginManager::searchPath(m_options.pluginDirs));
 
@@ -137,11 +135,8 @@ bool CtlSession::openDevices(int *exitCode)
         if (!config.connection.isEmpty())
             continue;
         m_simulators[i].reset(new E1212Simulator);
-        if (!m_simulators[i]->start(QHostAddress::LocalHost, 0, &error)) {
-            m_openStatus = *exitCode = ExitFailed;
-            fail(ExitFailed, QStringLiteral("cannot start the embedded simulator: %1").arg(error));
-            return false;
-        }
+        if (!m_simulators[i]->start(QHostAddress::LocalHost, 0, &error))
+            return CtlOutcome::failed(QStringLiteral("cannot start the embedded simulator: %1").arg(error));
         config.connection.insert(QStringLiteral("host"), QStringLiteral("127.0.0.1"));
         config.connection.insert(QStringLiteral("port"), int(m_simulators[i]->port()));
         qCInfo(lcCtl).noquote() << config.reference << "has no address: using an embedded simulator on"
@@ -151,13 +146,10 @@ bool CtlSession::openDevices(int *exitCode)
     m_host.reset(new Host(m_plugins.data()));
     m_host->setTimeoutOverride(m_options.timeoutMs);
     for (const DeviceConfig &config : m_configs) {
-        if (!m_host->addDevice(config, &error)) {
-            fail(ExitUsage, error);
-            return false;
-        }
+        if (!m_host->addDevice(config, &error))
+            return CtlOutcome::refused(error);
     }
-    m_openStatus = *exitCode = ExitOk;
-    return true;
+    return CtlOutcome();
 }
 
 DAbstractPlugin *CtlSession::device(int device) const
@@ -173,11 +165,11 @@ int CtlSession::findDevice(const QString &name) const
     return -1;
 }
 
-bool CtlSession::use(const QString &name, int *exitCode)
+bool CtlSession::use(const QString &name, CtlOutcome *failure)
 {
     const int found = findDevice(name);
     if (found < 0) {
-        *exitCode = usageError(QStringLiteral("no device \"%1\" in the configuration").arg(name));
+        *failure = CtlOutcome::refused(QStringLiteral("no device \"%1\" in the configuration").arg(name));
         return false;
     }
     m_current = found;
@@ -200,64 +192,47 @@ QString CtlSession::address(int device) const
 
 QVariantMap CtlSession::channelInfo(int device, const QString &id) const
 {
-    const QVariantList table = m_configs.at(size_t(device)).channelTable();
-    for (const QVariant &record : table) {
-        const QVariantMap map = record.toMap();
-        if (map.value(QStringLiteral("id")).toString() != id)
-            continue;
-        QVariantMap info;
-        const QVariantList entries = map.value(QStringLiteral("value")).toList();
-        for (const QVariant &entry : entries)
-            info.insert(entry.toMap().value(QStringLiteral("id")).toString(), entry.toMap().value(QStringLiteral("value")));
-        return info;
-    }
-    return {};
+    const DChannelTable::Record *record = this->device(device)->channelTable().record(id);
+    QVariantMap info;
+    if (record)
+        for (auto it = record->entries.cbegin(); it != record->entries.cend(); ++it)
+            info.insert(it.key(), it.value());
+    return info;
 }
 
 QStringList CtlSession::channelIds(int device) const
 {
-    QStringList ids;
-    const QVariantList table = m_configs.at(size_t(device)).channelTable();
-    for (const QVariant &record : table) {
-        const QString id = record.toMap().value(QStringLiteral("id")).toString();
-        if (channelInfo(device, id).contains(QStringLiteral("type")))
-            ids << id;
-    }
-    return ids;
+    return this->device(device)->channelTable().channelIds();
 }
 
-bool CtlSession::channel(const QString &text, ChannelKind kind, CtlChannel *channel, int *exitCode)
+bool CtlSession::channel(const QString &text, ChannelKind kind, CtlChannel *channel, CtlOutcome *failure)
 {
-    if (!openDevices(exitCode))
+    if (!openDevices(failure))
         return false;
     const int colon = text.lastIndexOf(QLatin1Char(':'));
     channel->device = colon < 0 ? m_current : findDevice(text.left(colon));
     channel->id = text.mid(colon + 1);
     if (channel->device < 0) {
-        *exitCode = usageError(QStringLiteral("channel \"%1\": no device \"%2\" in the configuration").arg(text, text.left(colon)));
+        *failure = CtlOutcome::refused(QStringLiteral("channel \"%1\": no device \"%2\" in the configuration").arg(text, text.left(colon)));
         return false;
     }
     const QString reference = config(channel->device).reference;
-    const QStringList known = channelIds(channel->device);
-    if (!known.contains(channel->id)) {
-        *exitCode = usageError(QStringLiteral("unknown channel \"%1\" for device \"%2\" (known: %3)")
-                                   .arg(channel->id, reference,
-                                        known.isEmpty() ? QStringLiteral("none") : known.join(QStringLiteral(", "))));
+    const DChannelTable &table = device(channel->device)->channelTable();
+    const DChannelTable::Record *record = table.record(channel->id);
+    if (!record || !record->isChannel()) {
+        const QStringList known = table.channelIds();
+        *failure = CtlOutcome::refused(QStringLiteral("unknown channel \"%1\" for device \"%2\" (known: %3)")
+                                           .arg(channel->id, reference,
+                                                known.isEmpty() ? QStringLiteral("none") : known.join(QStringLiteral(", "))));
         return false;
     }
-    const QString type = channelInfo(channel->device, channel->id).value(QStringLiteral("type")).toString();
-    if (kind == OutputChannel && type != QLatin1String("digitalOutput")) {
-        *exitCode = usageError(QStringLiteral("channel \"%1\" of device \"%2\" is of type \"%3\"; only \"digitalOutput\" "
-                                              "channels can be driven")
-                                   .arg(channel->id, reference, type));
+    if (kind == OutputChannel && record->type() != QLatin1String("digitalOutput")) {
+        *failure = CtlOutcome::refused(QStringLiteral("channel \"%1\" of device \"%2\" is of type \"%3\"; only \"digitalOutput\" "
+                                                      "channels can be driven")
+                                           .arg(channel->id, reference, record->type()));
         return false;
     }
     return true;
-}
-
-Execution *CtlSession::execute(int device, const QString &command, const QVariantMap &arguments, bool raw)
-{
-    return m_host->execute(this->device(device), command, arguments, raw ? Host::RawArguments : Host::CheckArguments);
 }
 
 void CtlSession::printJson(QJsonObject object)
@@ -280,144 +255,43 @@ QString CtlSession::toText(const QVariant &value)
     return value.toString();
 }
 
-void CtlSession::watchListen(Execution *execution, int device, const QString &channel, int *events, DError *outage)
-{
-    const QString reference = config(device).reference;
-    const int line = m_line; // events carry the line of the step that started the listen
-    const QString label = device == m_current ? channel : reference.section(QLatin1Char(' '), -1) + QLatin1Char(':') + channel;
-    connect(execution, &Execution::resultChanged, this, [=](const QString &, const QVariant &report) {
-        if (!execution->isListening())
-            return;
-        ++*events;
-        *outage = DError();
-        const QVariant value = eventValue(report);
-        if (m_options.json)
-            printJson({{QStringLiteral("event"), QStringLiteral("value")}, {QStringLiteral("device"), reference},
-                       {QStringLiteral("line"), line},
-                       {QStringLiteral("channel"), channel}, {QStringLiteral("value"), QJsonValue::fromVariant(value)},
-                       {QStringLiteral("time"), now()}, {QStringLiteral("seq"), ++m_seq}});
-        else
-            m_out << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  " << label
-                  << " = " << toText(value) << Qt::endl;
-    });
-    connect(execution, &Execution::errorReported, this, [=](const DError &error) {
-        *outage = error;
-        if (m_options.json)
-            printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("device"), reference},
-                       {QStringLiteral("line"), line},
-                       {QStringLiteral("channel"), channel}, {QStringLiteral("error"), error.text},
-                       {QStringLiteral("code"), DError::codeName(error.code)},
-                       {QStringLiteral("time"), now()}, {QStringLiteral("seq"), ++m_seq}});
-        fail(ExitFailed, error.text);
-    });
-}
-
-int CtlSession::runAndReport(int device, const QString &command, const QVariantMap &arguments, const Printer &human,
-                             const CtlListenLimits &limits, bool raw, const Shaper &shape)
-{
-    Execution *execution = execute(device, command, arguments, raw);
-    QEventLoop loop;
-    SignalWatcher watcher;
-    int events = 0;
-    // The driver's last word on a listen, while the device does not answer.
-    DError outage;
-    connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
-    connect(&watcher, &SignalWatcher::interrupted, execution, [this, execution](int number) {
-        qCInfo(lcCtl) << "signal" << number << "received: stopping";
-        m_host->stop(execution);
-    });
-    watchListen(execution, device, arguments.value(QStringLiteral("channel")).toString(), &events, &outage);
-    if (limits.count > 0)
-        connect(execution, &Execution::resultChanged, this, [&] {
-            if (events >= limits.count)
-                m_host->stop(execution);
-        });
-    QTimer limit;
-    if (limits.ms > 0) {
-        limit.setSingleShot(true);
-        connect(&limit, &QTimer::timeout, execution, [this, execution] { m_host->stop(execution); });
-        limit.start(limits.ms);
-    }
-    if (!execution->isFinished())
-        loop.exec();
-    disconnect(execution, nullptr, this, nullptr);
-
-    // A listen stopped while the device was not answering has failed, though it ended normally.
-    const bool ok = execution->isOk() && !outage.isError();
-    const DError error = execution->isOk() ? outage : execution->error();
-    const QVariantMap results = shape ? shape(execution->results()) : execution->results();
-    delete execution;
-    if (m_options.json) {
-        QJsonObject line{{QStringLiteral("command"), command}, {QStringLiteral("ok"), ok},
-                         {QStringLiteral("device"), config(device).reference},
-                         {QStringLiteral("results"), QJsonObject::fromVariantMap(results)},
-                         {QStringLiteral("error"), ok ? QString() : error.text}};
-        if (!ok)
-            line.insert(QStringLiteral("code"), DError::codeName(error.code));
-        printJson(line);
-    } else if (ok && human) {
-        human(results);
-    }
-    if (ok)
-        return ExitOk;
-    if (outage.isError())
-        return ExitFailed; // the outage is on stderr already
-    const int code = isRefusal(error.code) ? ExitUsage : ExitFailed;
-    const bool json = m_options.json;
-    m_options.json = false; // the JSON line is out already
-    fail(code, code == ExitUsage ? error.text : QStringLiteral("%1 failed: %2").arg(command, error.text));
-    m_options.json = json;
-    return code;
-}
-
-Execution *CtlSession::runToEnd(int device, const QString &command, const QVariantMap &arguments)
-{
-    Execution *execution = execute(device, command, arguments);
-    execution->setParent(this);
-    if (!execution->isFinished()) {
-        QEventLoop loop;
-        connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return execution;
-}
-
-int CtlSession::reportLocal(const QString &name, const QVariantMap &results, const Printer &human)
-{
-    if (m_options.json)
-        printJson({{QStringLiteral("command"), name}, {QStringLiteral("ok"), true},
-                   {QStringLiteral("results"), QJsonObject::fromVariantMap(results)}, {QStringLiteral("error"), QString()}});
-    else
-        human(results);
-    return ExitOk;
-}
-
 void CtlSession::startBackground(int device, const QString &channel)
 {
-    m_background.emplace_back(new Background);
-    Background *background = m_background.back().get();
-    background->execution = execute(device, QStringLiteral("listenEvents"), {{QStringLiteral("channel"), channel}});
-    watchListen(background->execution, device, channel, &background->events, &background->outage);
+    CtlRequest request;
+    request.device = device;
+    request.command = QStringLiteral("listenEvents");
+    request.arguments.insert(QStringLiteral("channel"), channel);
+    ++m_backgroundRunning;
+    m_background.emplace_back(new CtlCall(*this, request, true, [this](const CtlOutcome &outcome) {
+        if (m_backgroundOutcome.isOk())
+            m_backgroundOutcome = outcome;
+        if (--m_backgroundRunning == 0 && m_backgroundDone)
+            backgroundEnded();
+    }));
 }
 
-int CtlSession::stopBackground()
+void CtlSession::stopBackground(const std::function<void(const CtlOutcome &outcome)> &done)
 {
-    int status = ExitOk;
-    for (const auto &background : m_background) {
-        Execution *execution = background->execution;
-        if (!execution)
-            continue;
-        if (!execution->isFinished()) {
-            QEventLoop loop;
-            connect(execution, &Execution::finished, &loop, &QEventLoop::quit);
-            if (m_host->stop(execution) && !execution->isFinished())
-                loop.exec();
-        }
-        if (!execution->isOk() && status == ExitOk)
-            status = fail(isRefusal(execution->errorCode()) ? ExitUsage : ExitFailed,
-                          QStringLiteral("listen failed: %1").arg(execution->errorString()));
-        delete execution;
-    }
+    // A listen may end inside its stop: the last one to end calls `done`, after the loop.
+    std::vector<CtlCall *> calls;
+    for (const auto &call : m_background)
+        calls.push_back(call.get());
+    for (CtlCall *call : calls)
+        call->stop();
+    m_backgroundDone = done;
+    if (m_backgroundRunning == 0)
+        backgroundEnded();
+}
+
+void CtlSession::backgroundEnded()
+{
+    const auto done = std::move(m_backgroundDone);
+    m_backgroundDone = nullptr;
+    const CtlOutcome outcome = m_backgroundOutcome.isOk() ? CtlOutcome::local(QStringLiteral("stop"), {}) : m_backgroundOutcome;
+    m_backgroundOutcome = CtlOutcome();
+    // Deleted later: this may run inside the last call's own end.
+    for (auto &call : m_background)
+        call.release()->deleteLater();
     m_background.clear();
-    return status;
+    done(outcome);
 }

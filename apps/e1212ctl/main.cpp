@@ -8,6 +8,7 @@
 #include "ctlargs.h"
 #include "ctlcommand.h"
 #include "ctllog.h"
+#include "ctlrunner.h"
 #include "ctlsession.h"
 
 #include <QCoreApplication>
@@ -122,11 +123,11 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("e1212ctl"));
     qCInfo(lcCtl).noquote() << "e1212ctl" << words.join(QLatin1Char(' '));
     CtlSession session(sessionOptions);
-    int status = command->run(session, args);
-    const int background = session.stopBackground();
-    if (status == CtlSession::ExitOk)
-        status = background;
-    session.out().flush();
-    qCInfo(lcCtl) << "exit status" << status;
-    return status;
+    CtlRunner runner(session, groups);
+    QObject::connect(&runner, &CtlRunner::finished, &app, [](int status) {
+        qCInfo(lcCtl) << "exit status" << status;
+        QCoreApplication::exit(status);
+    });
+    runner.start(*command, args);
+    return QCoreApplication::exec();
 }

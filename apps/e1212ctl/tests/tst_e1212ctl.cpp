@@ -20,14 +20,16 @@ struct Run
     QString err;
 };
 
-// Runs e1212ctl while this event loop serves the simulators.
+// Runs e1212ctl, `input` on its standard input, while this event loop serves the simulators.
 Run runCtl(const QStringList &arguments, const QString &program = QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"),
-           const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
+           const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), const QByteArray &input = {})
 {
     QProcess process;
     process.setProcessEnvironment(environment);
     QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
     process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
     Run run;
     if (finished.wait(60000) && process.exitStatus() == QProcess::NormalExit)
         run.exitCode = process.exitCode();
@@ -110,7 +112,8 @@ private slots:
         row("pulse an input", {"pulse", "DI3", "--on", "100", "--off", "100", "1"}, output);
         row("pulse past the outputs", {"pulse", "DO7", "--on", "10", "--off", "10", "1", "1"}, "unknown channel \"(past the table)\"");
         row("value 7", {"set", "DO2", "7"}, "VALUE \"7\" is not a whole number from 0 to 1");
-        row("value -1", {"set", "DO1", "-1"}, "Unknown option '1'");
+        row("value -1", {"set", "DO1", "-1"}, "VALUE \"-1\" is not a whole number from 0 to 1");
+        row("mask -1", {"set", "DO1", "1", "--mask", "-1"}, "--mask \"-1\" is not a whole number from 0 to 65535");
         row("value +1", {"set", "DO1", "+1"}, "VALUE \"+1\"");
         row("mask too big", {"set", "DO1", "1", "--mask", "0x10000"}, "--mask \"0x10000\" is not a whole number from 0 to 65535");
         row("unknown output", {"set", "DX9", "1"}, "unknown channel \"DX9\" for device \"Moxa E1212 io1\" (known: DI0,");
@@ -130,6 +133,7 @@ private slots:
         row("run value 65536", {"run", "setValue", "channel=DO1", "value=0x10000"}, "argument \"value\" is 65536, " + ui16);
         row("run value list", {"run", "setValue", "channel=DO1", "value=[1,2]"}, "argument \"value\" is [1,2], " + ui16);
         row("run unknown channel", {"run", "setValue", "channel=DO9", "value=1"}, "unknown channel \"DO9\"");
+        row("run without its channel", {"run", "getValue"}, "\"channel\"");
         row("run not KEY=VALUE", {"run", "getValue", "DI0"}, "argument \"DI0\" is not KEY=VALUE");
         row("run without a key", {"run", "getValue", "=DI0"}, "argument \"=DI0\" is not KEY=VALUE");
         row("unknown command", {"frobnicate"}, "unknown command \"frobnicate\"");
@@ -231,6 +235,133 @@ private slots:
                                   .arg(m_io1.port()).arg(m_io2.port()));
     }
 
+    // The host refuses what would drive nothing or the wrong register: exit 2, its one line,
+    // nothing on the wire, alone, as a script step and at the shell; --raw still sends it.
+    void refusedByTheHost_data()
+    {
+        QTest::addColumn<QString>("step");
+        QTest::addColumn<QString>("message");
+        for (const char *mode : {"line", "script", "shell"}) {
+            const auto row = [mode](const char *name, const char *step, const char *message) {
+                QTest::newRow(qPrintable(QStringLiteral("%1 %2").arg(QLatin1String(mode), QLatin1String(name))))
+                    << QStringLiteral("%1 %2").arg(QLatin1String(mode), QLatin1String(step)) << QString::fromLatin1(message);
+            };
+            row("set an input", "run setValue channel=DI0 value=1", "DI0");
+            row("no channel", "run setValue value=1", "\"channel\"");
+            row("blink an input", "run setBlink channel=DI3 pulseOnWidth=5 pulseOffWidth=5 values=[1]", "DI3");
+            row("pulse record", "run setValue channel=DO_PulseStatus value=1", "DO_PulseStatus");
+        }
+    }
+
+    void refusedByTheHost()
+    {
+        QFETCH(QString, step);
+        QFETCH(QString, message);
+        const QString mode = step.section(QLatin1Char(' '), 0, 0);
+        const QStringList words = step.section(QLatin1Char(' '), 1).split(QLatin1Char(' '));
+        m_io1.setPulseStatus(5, false);
+        const int requests = m_io1.requestCount();
+        Run run;
+        QString where;
+        if (mode == QLatin1String("line")) {
+            run = runCtl(QStringList{QStringLiteral("--config"), m_bench} + words);
+        } else if (mode == QLatin1String("script")) {
+            const QString file = write(QStringLiteral("refused.txt"), words.join(QLatin1Char(' ')).toUtf8() + "\nset DO5 1\n");
+            run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file});
+            where = file + QStringLiteral(":1: ");
+        } else {
+            run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("shell")}, QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"),
+                         QProcessEnvironment::systemEnvironment(), words.join(QLatin1Char(' ')).toUtf8() + '\n');
+            where = QStringLiteral("shell:1: ");
+        }
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY2(run.err.startsWith(QStringLiteral("e1212ctl: ") + where) && run.err.contains(message), qPrintable(run.err));
+        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
+        QCOMPARE(m_io1.requestCount(), requests);
+        QVERIFY(!m_io1.pulseStatus(5)); // the script stopped at its failing step
+
+        const Run raw = runCtl(QStringList{QStringLiteral("--config"), m_bench, QStringLiteral("run"), QStringLiteral("--raw")} + words.mid(1));
+        QVERIFY2(m_io1.requestCount() > requests, qPrintable(raw.err));
+        m_io1.setPulseStatus(0, false);
+        m_io1.setPulseStatus(3, false);
+    }
+
+    // A listen that ends before the device ever answered has failed; so has one stopped by
+    // SIGTERM before that. One stopped by SIGTERM after a report ends well.
+    void listenOnASilentDevice()
+    {
+        m_io1.setResponseDelay(10000);
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--timeout"), QStringLiteral("5000"),
+                                QStringLiteral("listen"), QStringLiteral("DI0"), QStringLiteral("--for"), QStringLiteral("0.5")});
+        m_io1.setResponseDelay(0);
+        QCOMPARE(run.exitCode, 1);
+        QCOMPARE(run.out, QString());
+        QVERIFY2(run.err.startsWith(QStringLiteral("e1212ctl: listenEvents failed: device \"Moxa E1212 io1\" has not answered")),
+                 qPrintable(run.err));
+        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
+    }
+
+    void listenUntilSigterm()
+    {
+        QProcess process;
+        QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+        process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"),
+                      {QStringLiteral("--config"), m_bench, QStringLiteral("listen"), QStringLiteral("DI6")});
+        QTRY_VERIFY_WITH_TIMEOUT(process.bytesAvailable() > 0, 10000);
+        process.terminate();
+        QVERIFY(finished.wait(10000));
+        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(process.exitCode(), 0);
+        QVERIFY(process.readAllStandardOutput().endsWith("  DI6 = 0\n"));
+    }
+
+    // The channel table as columns, each as wide as its widest cell and two blanks; the last
+    // one unpadded; "-" where a record has no such entry.
+    void channels()
+    {
+        const Run run = runCtl({QStringLiteral("channels")});
+        QCOMPARE(run.exitCode, 0);
+        const QStringList lines = run.out.split(QLatin1Char('\n'));
+        QCOMPARE(lines.value(0), QStringLiteral("id                type           register  readRegisterType  writeRegisterType  activeLevelHigh  size  name"));
+        QCOMPARE(lines.value(1), QStringLiteral("DI0               digitalInput   0         discreteInputs    -                  -                8     Digital input 0"));
+        QCOMPARE(lines.value(17), QStringLiteral("DO_PulseStatus    -              16        coilsRegister     coilsRegister      -                8     Pulse status of DO0, coils 16-23"));
+    }
+
+    // At the shell prompt, while no line comes, a background listen still prints its events.
+    void shellPrintsWhileWaiting()
+    {
+        m_io1.setInput(2, false);
+        QProcess process;
+        QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+        process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), {QStringLiteral("--config"), m_bench, QStringLiteral("shell")});
+        process.write("listen DI2 &\n");
+        QByteArray out;
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 0\n"), 10000);
+        m_io1.setInput(2, true);
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 1\n"), 10000);
+        process.write("quit\n");
+        QVERIFY(finished.wait(10000));
+        QCOMPARE(process.exitCode(), 0);
+    }
+
+    // expect --within passes on the report that shows the value, and fails at its deadline
+    // with the last value it saw; an output is judged on what get reads (its pulse status).
+    void expectWithin()
+    {
+        m_io1.setInput(3, false);
+        m_io1.setInput(4, false);
+        QTimer::singleShot(300, this, [this] { m_io1.setInput(3, true); });
+        const QString file = write(QStringLiteral("expect.txt"), "expect DI3 1 --within 20000\n"
+                                                                 "blink DO6 --on 100 --off 100 1\n"
+                                                                 "expect DO6 1 --within 20000\n"
+                                                                 "expect DO6 0 --within 400\n");
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file});
+        m_io1.setPulseStatus(6, false);
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:4: expect DO6: read 1, expected 0 (within 400 ms)\n").arg(file));
+        QCOMPARE(run.exitCode, 1);
+        QCOMPARE(run.out, QStringLiteral("DI3 = 1 as expected\nDO6: blink on 100 ms, off 100 ms, values [1] done\nDO6 = 1 as expected\n"));
+    }
+
     // A failure after sending is exit 1, and its JSON line carries the error's code.
     void deviceTimeOut()
     {
@@ -255,6 +386,7 @@ private slots:
         QTest::newRow("help SUB") << QStringList{"help", "set"} << "Usage: e1212ctl [OPTIONS] set CH VALUE [set OPTIONS]";
         QTest::newRow("SUB --help") << QStringList{"listen", "--help"} << "  --for SECONDS";
         QTest::newRow("panel --help") << QStringList{"panel", "-h"} << "  --screenshot FILE";
+        QTest::newRow("panel summary") << QStringList{"help"} << "Qt's own options (-platform ...) apply";
         QTest::newRow("time-out default") << QStringList{"--help"} << "command's own 3000, unless the device's \"timeoutMs\" is set";
         QTest::newRow("--version") << QStringList{"--version"} << "e1212ctl 1.0\n";
     }

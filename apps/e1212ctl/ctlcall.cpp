@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: MIT
+#include "ctlcall.h"
+
+#include "ctllog.h"
+#include "ctlsession.h"
+#include "execution.h"
+#include "host.h"
+
+#include <QDateTime>
+
+namespace {
+
+// The one value of a listen report {"values": [v]}; the report itself otherwise.
+QVariant eventValue(const QVariant &report)
+{
+    const QVariantList values = report.toMap().value(QStringLiteral("values")).toList();
+    return values.size() == 1 ? values.first() : report;
+}
+
+} // namespace
+
+CtlCall::CtlCall(CtlSession &session, const CtlRequest &request, bool background, const Ended &ended, QObject *parent)
+    : QObject(parent)
+    , m_session(session)
+    , m_request(request)
+    , m_background(background)
+    , m_ended(ended)
+    , m_line(session.stepLine())
+    , m_reference(session.config(request.device).reference)
+{
+    const QString channel = request.arguments.value(QStringLiteral("channel")).toString();
+    m_label = request.device == session.current() ? channel
+                                                  : m_reference.section(QLatin1Char(' '), -1) + QLatin1Char(':') + channel;
+    m_execution = session.host()->execute(session.device(request.device), request.command, request.arguments,
+                                          request.raw ? Host::RawArguments : Host::CheckArguments);
+    connect(m_execution, &Execution::resultChanged, this, [this](const QString &, const QVariant &report) {
+        if (m_execution->isListening())
+            onReport(report);
+    });
+    connect(m_execution, &Execution::errorReported, this, &CtlCall::onOutage);
+    connect(m_execution, &Execution::finished, this, &CtlCall::onFinished);
+    if (request.ms > 0) {
+        m_limit.setSingleShot(true);
+        connect(&m_limit, &QTimer::timeout, this, &CtlCall::stop);
+        m_limit.start(request.ms);
+    }
+}
+
+CtlCall::~CtlCall()
+{
+    delete m_execution;
+}
+
+void CtlCall::stop()
+{
+    if (m_execution && !m_execution->isFinished())
+        m_session.host()->stop(m_execution);
+}
+
+void CtlCall::onReport(const QVariant &report)
+{
+    ++m_events;
+    m_outage = DError();
+    const QString channel = m_request.arguments.value(QStringLiteral("channel")).toString();
+    const QVariant value = eventValue(report);
+    if (m_session.options().json)
+        m_session.printJson({{QStringLiteral("event"), QStringLiteral("value")}, {QStringLiteral("device"), m_reference},
+                             {QStringLiteral("line"), m_line}, {QStringLiteral("channel"), channel},
+                             {QStringLiteral("value"), QJsonValue::fromVariant(value)},
+                             {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
+                             {QStringLiteral("seq"), m_session.nextSeq()}});
+    else
+        m_session.out() << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  "
+                        << m_label << " = " << CtlSession::toText(value) << Qt::endl;
+    if (m_request.count > 0 && m_events >= m_request.count)
+        stop();
+}
+
+void CtlCall::onOutage(const DError &error)
+{
+    m_outage = error;
+    if (m_session.options().json)
+        m_session.printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("device"), m_reference},
+                             {QStringLiteral("line"), m_line},
+                             {QStringLiteral("channel"), m_request.arguments.value(QStringLiteral("channel")).toString()},
+                             {QStringLiteral("error"), error.text}, {QStringLiteral("code"), DError::codeName(error.code)},
+                             {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
+                             {QStringLiteral("seq"), m_session.nextSeq()}});
+    m_session.report(CtlOutcome::failed(error.text));
+}
+
+void CtlCall::onFinished()
+{
+    m_limit.stop();
+    Execution *execution = m_execution;
+    m_execution = nullptr;
+    execution->deleteLater();
+    CtlOutcome outcome;
+    if (m_background) {
+        if (!execution->isOk()) {
+            outcome = CtlOutcome::failed(QStringLiteral("listen failed: %1").arg(execution->errorString()));
+            outcome.exitCode = CtlOutcome::exitCodeOf(execution->errorCode());
+        }
+        m_ended(outcome);
+        return;
+    }
+    outcome.command = m_request.command;
+    outcome.device = m_reference;
+    outcome.results = execution->results();
+    DError error = execution->isOk() ? m_outage : execution->error();
+    // A listen that heard nothing at all has not shown the channel's state: the device is silent.
+    const bool silent = execution->isOk() && execution->isListening() && m_events == 0 && !error.isError();
+    if (silent)
+        error = DError{IMessenger::CeTimeout, 0,
+                       QStringLiteral("device \"%1\" has not answered: no report of %2 before the listen ended")
+                           .arg(m_reference, m_label)};
+    if (!error.isError()) {
+        if (m_request.shape)
+            m_request.shape(&outcome);
+        m_ended(outcome);
+        return;
+    }
+    const bool saidAlready = execution->isOk() && m_outage.isError(); // the outage is on stderr
+    outcome.exitCode = execution->isOk() ? int(CtlOutcome::ExitFailed) : CtlOutcome::exitCodeOf(error.code);
+    outcome.error = error.text;
+    outcome.code = DError::codeName(error.code);
+    if (!saidAlready)
+        outcome.message = outcome.exitCode == CtlOutcome::ExitUsage
+                              ? error.text
+                              : QStringLiteral("%1 failed: %2").arg(m_request.command, error.text);
+    qCDebug(lcCtl).noquote() << m_request.command << "ended:" << error.text;
+    m_ended(outcome);
+}

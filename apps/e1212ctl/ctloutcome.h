@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+// What one e1212ctl step ended with, as a value: CtlSession::report() prints it, as text or
+// as one JSON line, and its exit code decides the status.
+#pragma once
+
+#include "derror.h"
+
+#include <QJsonObject>
+#include <QString>
+#include <QVariantMap>
+
+struct CtlOutcome
+{
+    enum ExitCode { ExitOk = 0, ExitFailed = 1, ExitUsage = 2 };
+
+    // 0 success; 1 failed after something was sent; 2 refused before anything was sent.
+    int exitCode = ExitOk;
+    // The result line's "command"; empty: no result line (a refusal with --json still gets
+    // {"ok": false, "error", "code": "refused"}).
+    QString command;
+    // The result line's "device" (the reference); empty: none.
+    QString device;
+    // The result line's "results", unless `fields` replaces them with members of their own.
+    QVariantMap results;
+    QJsonObject fields;
+    // The result line's "error" and "code" when it failed ("timeout", "expect_failed", ...).
+    QString error;
+    QString code;
+    // The one line on stderr ("e1212ctl: [FILE:LINE: ]message"); empty: none (said already).
+    QString message;
+    // What a success prints without --json (with it too when there is no result line).
+    QString text;
+
+    bool isOk() const { return exitCode == ExitOk; }
+
+    // A result of the command line's own making.
+    static CtlOutcome local(const QString &command, const QVariantMap &results, const QString &text = QString())
+    {
+        CtlOutcome outcome;
+        outcome.command = command;
+        outcome.results = results;
+        outcome.text = text;
+        return outcome;
+    }
+
+    // Refused before anything was sent: exit 2 and `message`.
+    static CtlOutcome refused(const QString &message)
+    {
+        CtlOutcome outcome;
+        outcome.exitCode = ExitUsage;
+        outcome.message = outcome.error = message;
+        outcome.code = DError::codeName(IMessenger::CeRefused);
+        return outcome;
+    }
+
+    // Failed after something was sent: exit 1 and `message`, no result line.
+    static CtlOutcome failed(const QString &message)
+    {
+        CtlOutcome outcome;
+        outcome.exitCode = ExitFailed;
+        outcome.message = outcome.error = message;
+        return outcome;
+    }
+
+    // The status of a failure the host or the driver reports: 2 when nothing was sent.
+    static int exitCodeOf(IMessenger::EnErrorCode code)
+    {
+        return code == IMessenger::CeRefused || code == IMessenger::CeBadInstruction || code == IMessenger::CeNoRoute
+                   ? ExitUsage
+                   : ExitFailed;
+    }
+};
