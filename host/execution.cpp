@@ -141,15 +141,6 @@ void Execution::addInstruction(unsigned long long id, const QString &instruction
     m_pending.insert(id, Pending{instruction, callback, guardMs, m_guards->add(id, guardMs)});
 }
 
-void Execution::dropInstruction(unsigned long long id)
-{
-    const auto it = m_pending.find(id);
-    if (it == m_pending.end())
-        return;
-    m_guards->remove(it->guard);
-    m_pending.erase(it);
-}
-
 void Execution::guardExpired(unsigned long long id)
 {
     const auto it = m_pending.find(id);

@@ -55,7 +55,6 @@ public:
     void setCommand(DAbstractCommand *command, const QSharedPointer<ICommand> &fresh, bool listening,
                     bool checkArguments);
     DAbstractCommand *command() const { return m_command; }
-    bool hasFreshCommand() const { return !m_fresh.isNull(); }
     // Whether the command runs on this execution's behalf now (inside its commandExecute or
     // one of its reply callbacks): what the command posts or sends then is this execution's.
     bool isActive() const { return m_active > 0; }
@@ -73,10 +72,6 @@ public:
     // `guardMs` from now unless a reply comes first.
     void addInstruction(unsigned long long id, const QString &instruction, const IMessenger::ReplyCallback &callback,
                         int guardMs);
-    QList<unsigned long long> pendingInstructions() const { return m_pending.keys(); }
-    bool hasInstruction(unsigned long long id) const { return m_pending.contains(id); }
-    // Forgets a pending instruction (and its guard).
-    void dropInstruction(unsigned long long id);
     // A driver's reply to instruction `id`; `last` when the driver ends the instruction with it.
     void deliver(unsigned long long id, const QVariantMap &reply, bool last);
     // The guard of instruction `id` expired: the driver gave no answer in time.
