@@ -47,11 +47,11 @@ void BackendRuns::startRun(unsigned long long runId)
     }
     Execution *execution = m_host->execute(it->backend->plugin(), it->command, it->arguments);
     it->current = execution;
-    connect(execution, &Execution::resultChanged, this, [this, runId](const QString &name, const QVariant &value) {
-        const auto run = m_runs.constFind(runId);
-        if (run != m_runs.constEnd() && run->backend)
-            run->backend->commandResultChanged(runId, run->command, name, value);
-    });
+    connect(execution, &Execution::resultChanged, this,
+            [runId, backend = it->backend, command = it->command](const QString &name, const QVariant &value) {
+                if (backend)
+                    backend->commandResultChanged(runId, command, name, value);
+            });
     connect(execution, &Execution::finished, this, [this, runId, execution] { runEnded(runId, execution); });
 }
 

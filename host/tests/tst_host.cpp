@@ -51,15 +51,22 @@ public:
 
 } // namespace
 
-// Sends one "read" without a time-out of its own.
-class NoTimeOutCommand : public DAbstractCommand
+// Sends one "read" to `target` without a time-out of its own, and keeps the host's id for it.
+class SendingCommand : public DAbstractCommand
 {
 public:
-    NoTimeOutCommand() : DAbstractCommand(QStringLiteral("noTimeOut"), {}, nullptr) {}
+    explicit SendingCommand(const QString &target) : DAbstractCommand(QStringLiteral("send"), {}, nullptr), m_target(target) {}
     bool commandExecute() override
     {
-        return DAbstractCommand::commandExecute() && addInstruction(QStringLiteral("driver"), QStringLiteral("read"), {}, 0, {}) != 0;
+        if (!DAbstractCommand::commandExecute())
+            return false;
+        id = addInstruction(m_target, QStringLiteral("read"), {}, 0, {});
+        return true;
     }
+    unsigned long long id = ~0ull;
+
+private:
+    const QString m_target;
 };
 
 class TstHost : public QObject
@@ -273,12 +280,27 @@ private slots:
         QCOMPARE(execution->results().value(QStringLiteral("identity")).toMap().value(QStringLiteral("reference")), QVariant("bench io1"));
     }
 
-    // A command that gives no time-out of its own gets 3000 ms.
-    void defaultTimeOut()
+    void ownInstructions_data()
     {
-        QVERIFY(m_device->declareInstructionCommand(new NoTimeOutCommand));
-        m_host->execute(m_device, QStringLiteral("noTimeOut"));
-        QTRY_COMPARE_WITH_TIMEOUT(record("started").value(0).toMap().value(QStringLiteral("timeoutMs")).toInt(), 3000, 2000);
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<int>("code");
+        QTest::newRow("no time-out of its own: 3000 ms") << "driver" << int(IMessenger::CeNoError);
+        QTest::newRow("no such target") << "nowhere" << int(IMessenger::CeNoRoute);
+    }
+
+    // What a command sends reaches the driver with the command's time-out, else 3000 ms; an
+    // instruction for a target the device lacks fails the execution, and its id is 0.
+    void ownInstructions()
+    {
+        QFETCH(QString, target);
+        QFETCH(int, code);
+        auto *command = new SendingCommand(target);
+        QVERIFY(m_device->declareInstructionCommand(command));
+        Execution *execution = m_host->execute(m_device, QStringLiteral("send"));
+        QTRY_VERIFY_WITH_TIMEOUT(command->id != ~0ull, 2000);
+        QCOMPARE(int(execution->errorCode()), code);
+        QCOMPARE(command->id == 0, code != 0);
+        QCOMPARE(record("started").value(0).toMap().value(QStringLiteral("timeoutMs")).toInt(), code ? 0 : 3000);
     }
 
     void executions_data()
