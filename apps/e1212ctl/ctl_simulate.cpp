@@ -224,8 +224,9 @@ CtlGroup simulateGroup()
                    QStringLiteral("print each request served: time, client, function code, address, count or values, "
                                   "and the exception sent (and each refused client)")},
                   {QStringLiteral("mac"),
-                   QStringLiteral("the MAC address in input registers 5024-5026; default 00:90:E8:00 and the port's two bytes"),
-                   QStringLiteral("XX:XX:XX:XX:XX:XX")},
+                   QStringLiteral("the MAC address XX:XX:XX:XX:XX:XX in input registers 5024-5026; default 00:90:E8:00 "
+                                  "and the port's two bytes"),
+                   QStringLiteral("MAC")},
                   {QStringLiteral("fault"),
                    QStringLiteral("inject a fault (repeatable):\n")
                        + indent + QStringLiteral("silence           hold every answer back (the requests are still served)\n")
