@@ -101,6 +101,52 @@ private slots:
         QCOMPARE(served.at(2).at(0).value<SimulatorRequest>().toString().section(' ', 2), "fc 1 address 0 count 8");
     }
 
+    void frameSize_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<int>("size");
+        QTest::newRow("header incomplete") << QByteArray::fromHex("000100000006") << 0;
+        QTest::newRow("body missing") << QByteArray::fromHex("00010000000601010000") << 0;
+        QTest::newRow("whole") << QByteArray::fromHex("000100000006010100000008") << 12;
+        QTest::newRow("whole, more behind") << QByteArray::fromHex("00010000000601010000000800") << 12;
+        QTest::newRow("length 1") << QByteArray::fromHex("00010000000101") << -1;
+        QTest::newRow("length 2") << QByteArray::fromHex("0001000000020141") << 8;
+        QTest::newRow("length 254") << QByteArray(6, '\0').replace(5, 1, "\xFE") + QByteArray(254, '\1') << 260;
+        QTest::newRow("length 255") << QByteArray(6, '\0').replace(5, 1, "\xFF") + QByteArray(255, '\1') << -1;
+    }
+
+    void frameSize()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(int, size);
+        QCOMPARE(SimulatorRequest::frameSize(bytes), size);
+    }
+
+    void describe_data()
+    {
+        QTest::addColumn<QByteArray>("pdu");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("coil, raw value") << QByteArray::fromHex("0500031234") << "fc 5 address 3 values 4660";
+        QTest::newRow("read, short") << QByteArray::fromHex("03000100") << "fc 3 truncated";
+        QTest::newRow("coils, bytes missing") << QByteArray::fromHex("0F0000000A02FF") << "fc 15 truncated";
+        QTest::newRow("coils, more than asked") << QByteArray::fromHex("0F0000000302FFFF") << "fc 15 address 0 values 1 1 1";
+        QTest::newRow("coils, fewer than asked") << QByteArray::fromHex("0F0000000A0105") << "fc 15 address 0 values 1 0 1 0 0 0 0 0";
+        QTest::newRow("registers, bytes missing") << QByteArray::fromHex("1000000002040001") << "fc 16 truncated";
+        QTest::newRow("registers, odd count") << QByteArray::fromHex("100000000203000100") << "fc 16 address 0 values 1";
+        QTest::newRow("no byte count") << QByteArray::fromHex("1000000002") << "fc 16 truncated";
+        QTest::newRow("diagnostics") << QByteArray::fromHex("0800000000") << "fc 8";
+    }
+
+    // Requests the server would refuse are told as far as they go.
+    void describe()
+    {
+        QFETCH(QByteArray, pdu);
+        QFETCH(QString, expected);
+        const SimulatorRequest request = SimulatorRequest::fromFrame(frame(3, pdu), QStringLiteral("client"));
+        QCOMPARE(request.transactionId, quint16(3));
+        QCOMPARE(request.toString(), " client " + expected);
+    }
+
     void macAddress_data()
     {
         QTest::addColumn<QByteArray>("set");

@@ -241,6 +241,35 @@ private slots:
         QVERIFY(m_simulators.at(0).mac != m_simulators.at(1).mac);
     }
 
+    void help_data()
+    {
+        QTest::addColumn<QString>("text");
+        for (const char *text : {"--latency MS ", "--max-connections N ", "--log ", "--mac MAC ", "--fault KIND ",
+                                 " silence ", " delay:MS ", " exception:TABLE:ADDRESS:CODE ", " duplicate ", " garbage "})
+            QTest::newRow(text) << QString::fromLatin1(text);
+    }
+
+    // simulate --help names every option and every fault.
+    void help()
+    {
+        QFETCH(QString, text);
+        const Outcome outcome = run(c_ctl, {"simulate", "--help"});
+        QCOMPARE(outcome.exitCode, 0);
+        QVERIFY2(outcome.output.contains(text), qPrintable(outcome.output));
+    }
+
+    // Input lines on stdin, one of them in two pieces, reach the inputs a client reads.
+    void inputsFromStdin()
+    {
+        Simulator &simulator = serve({"--input", "DI0=1"});
+        simulator.process->write("DI2=1\nDI5");
+        QTRY_VERIFY_WITH_TIMEOUT(simulator.process->peek(4096).contains("\nDI2=1\n"), WaitMs);
+        simulator.process->write("=1\n");
+        QTRY_VERIFY_WITH_TIMEOUT(simulator.process->peek(4096).contains("\nDI5=1\n"), WaitMs);
+        const Outcome outcome = mbpoll(simulator.port, {"-t", "1", "-r", "0", "-c", "8"});
+        QVERIFY2(outcome.output.contains("[0]: \t1\n[1]: \t0\n[2]: \t1\n[3]: \t0\n[4]: \t0\n[5]: \t1\n"), qPrintable(outcome.output));
+    }
+
     // A duplicate answer on the wire: each of two requests answered twice, in order.
     void duplicate()
     {
