@@ -240,6 +240,19 @@ private slots:
                                   WaitMs);
     }
 
+    // stop() closes every connection, held answers and all.
+    void stopClosesConnections()
+    {
+        m_sim->setSilent(true);
+        auto client = connectClient();
+        client->write(frame(1, c_readCoils));
+        QTRY_COMPARE_WITH_TIMEOUT(m_sim->requestCount(), 1, WaitMs);
+        m_sim->stop();
+        QCOMPARE(m_sim->connectionCount(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(client->state(), QAbstractSocket::UnconnectedState, WaitMs);
+        QCOMPARE(client->readAll(), QByteArray());
+    }
+
     void maxConnections_data()
     {
         QTest::addColumn<int>("max");
