@@ -18,7 +18,7 @@ constexpr int HoldingCount = E1212Simulator::PulseOffWidthBase + E1212Simulator:
 constexpr int InputRegisterCount = E1212Simulator::FirmwareAddress + 4 - E1212Simulator::ModelNameAddress;
 
 const char c_modelName[] = "E1212";
-const quint8 c_mac[6] = {0x00, 0x90, 0xE8, 0x12, 0x34, 0x56};
+const char c_defaultMac[] = "\x00\x90\xE8\x12\x34\x56";
 // b0.b1.b2 version, b3 unused, b4..b7 build date digits.
 const quint8 c_firmware[8] = {3, 2, 1, 0, 23, 4, 17, 9};
 
@@ -51,9 +51,7 @@ E1212Simulator::E1212Simulator(QObject *parent)
         m_server->setData(QModbusDataUnit::InputRegisters, quint16(ModelNameAddress + word),
                           quint16(high << 8 | low));
     }
-    for (int word = 0; word < 3; ++word)
-        m_server->setData(QModbusDataUnit::InputRegisters, quint16(MacAddressAddress + word),
-                          quint16(c_mac[word * 2] << 8 | c_mac[word * 2 + 1]));
+    setMacAddress(QByteArray(c_defaultMac, 6));
     for (int word = 0; word < 4; ++word)
         m_server->setData(QModbusDataUnit::InputRegisters, quint16(FirmwareAddress + word),
                           quint16(c_firmware[word * 2] << 8 | c_firmware[word * 2 + 1]));
@@ -70,6 +68,8 @@ E1212Simulator::E1212Simulator(QObject *parent)
     connect(m_server, &QModbusServer::dataWritten, this, &E1212Simulator::onDataWritten);
     connect(m_proxy, &SimulatorFaultProxy::connectionCountChanged, this,
             &E1212Simulator::connectionCountChanged);
+    connect(m_proxy, &SimulatorFaultProxy::connectionRefused, this, &E1212Simulator::connectionRefused);
+    connect(m_proxy, &SimulatorFaultProxy::requestServed, this, &E1212Simulator::requestServed);
 }
 
 E1212Simulator::~E1212Simulator()
@@ -129,12 +129,25 @@ QString E1212Simulator::modelName()
     return QString::fromLatin1(c_modelName);
 }
 
-QString E1212Simulator::macAddress()
+QString E1212Simulator::macAddress() const
 {
     QStringList bytes;
-    for (quint8 byte : c_mac)
-        bytes << QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0')).toUpper();
+    for (int word = 0; word < 3; ++word) {
+        const quint16 value = this->value(QModbusDataUnit::InputRegisters, MacAddressAddress + word);
+        bytes << QStringLiteral("%1").arg(value >> 8, 2, 16, QLatin1Char('0')).toUpper()
+              << QStringLiteral("%1").arg(value & 0xFF, 2, 16, QLatin1Char('0')).toUpper();
+    }
     return bytes.join(QLatin1Char(':'));
+}
+
+bool E1212Simulator::setMacAddress(const QByteArray &bytes)
+{
+    if (bytes.size() != 6)
+        return false;
+    for (int word = 0; word < 3; ++word)
+        setValue(QModbusDataUnit::InputRegisters, MacAddressAddress + word,
+                 quint16(quint8(bytes.at(word * 2)) << 8 | quint8(bytes.at(word * 2 + 1))));
+    return true;
 }
 
 QString E1212Simulator::firmwareVersion()
@@ -214,6 +227,31 @@ bool E1212Simulator::setValue(QModbusDataUnit::RegisterType table, int address, 
 void E1212Simulator::setResponseDelay(int ms)
 {
     m_proxy->setResponseDelay(qMax(0, ms));
+}
+
+void E1212Simulator::setSilent(bool silent)
+{
+    m_proxy->setSilent(silent);
+}
+
+void E1212Simulator::setDuplicateAnswers(bool on)
+{
+    m_proxy->setDuplicateAnswers(on);
+}
+
+void E1212Simulator::setGarbageAnswers(bool on)
+{
+    m_proxy->setGarbageAnswers(on);
+}
+
+void E1212Simulator::setMaxConnections(int max)
+{
+    m_proxy->setMaxConnections(qMax(0, max));
+}
+
+int E1212Simulator::refusedConnectionCount() const
+{
+    return m_proxy->refusedConnectionCount();
 }
 
 void E1212Simulator::setException(QModbusDataUnit::RegisterType table, int address,

@@ -2,6 +2,9 @@
 // A simulated ioLogik E1212 answering Modbus TCP, with fault controls for tests.
 #pragma once
 
+#include "simulatorrequest.h"
+
+#include <QByteArray>
 #include <QHostAddress>
 #include <QModbusDataUnit>
 #include <QModbusPdu>
@@ -19,7 +22,7 @@ class SimulatorModbusServer;
 //   holding registers 256-263  DO0-DO7 pulse on-width in ms
 //   holding registers 512-519  DO0-DO7 pulse off-width in ms
 //   input registers   5000-5009  model name "E1212", two characters a word, high byte first, zero-padded
-//   input registers   5024-5026  MAC address, three words, high byte first
+//   input registers   5024-5026  MAC address, three words, high byte first (default 00:90:E8:12:34:56)
 //   input registers   5029-5032  firmware: bytes b0..b7 = version b0.b1.b2, b3 unused, build b4 b5 b6 b7
 // Any other address of the four tables answers with exception 2 (illegal data address).
 //
@@ -63,8 +66,10 @@ public:
 
     // Identity as a client decodes it.
     static QString modelName();
-    static QString macAddress();       // "00:90:E8:12:34:56"
     static QString firmwareVersion();  // "V3.2.1 Build23041709"
+    QString macAddress() const;        // "00:90:E8:12:34:56" unless set
+    // Six bytes, first byte first; false (and nothing changed) for any other size.
+    bool setMacAddress(const QByteArray &bytes);
 
     // I/O. Channels are 0-7; out-of-range channels read false and are ignored on write.
     bool input(int channel) const;
@@ -84,6 +89,16 @@ public:
     // Faults.
     // Holds every answer back for `ms` (0 = answer at once). Answers keep their order.
     void setResponseDelay(int ms);
+    // While silent no answer leaves; held answers go out, in order, when silence ends.
+    void setSilent(bool silent);
+    // Sends every answer twice, as a faulty gateway does.
+    void setDuplicateAnswers(bool on);
+    // Replaces every answer by as many random bytes.
+    void setGarbageAnswers(bool on);
+    // With `max` clients connected (0 = no limit) a new one is accepted and closed at once,
+    // as a module with all its connections taken does; counted by refusedConnectionCount().
+    void setMaxConnections(int max);
+    int refusedConnectionCount() const;
     // Requests touching `address` of `table` get the exception answer `code`.
     void setException(QModbusDataUnit::RegisterType table, int address, QModbusPdu::ExceptionCode code);
     void clearExceptions();
@@ -97,6 +112,10 @@ signals:
     void outputChanged(int channel, bool on);
     void pulseStatusChanged(int channel, bool on);
     void connectionCountChanged(int count);
+    // A client ("address:port") closed at once for the connection limit.
+    void connectionRefused(const QString &client);
+    // A request answered by the server, whatever the faults do with its answer afterwards.
+    void requestServed(const SimulatorRequest &request);
 
 private:
     void setState(State state);

@@ -7,12 +7,15 @@
 #include "ctlstep.h"
 #include "e1212simulator.h"
 
+#include <QDateTime>
 #include <QRegularExpression>
 #include <QSocketNotifier>
 
 #include <unistd.h>
 
 namespace {
+
+constexpr quint32 MaxDelayMs = 60000;
 
 // "DI3=1": sets a simulated input. False, with *error naming the text, for anything else.
 bool applyInput(E1212Simulator &simulator, const QString &text, QString *error)
@@ -27,8 +30,102 @@ bool applyInput(E1212Simulator &simulator, const QString &text, QString *error)
     return true;
 }
 
-// e1212ctl simulate [--listen ADDRESS:PORT] [--input DIn=V...]: serves a simulated module
-// until Ctrl-C/SIGTERM; "DIn=V" lines on standard input set its inputs meanwhile.
+// "00:90:E8:0A:1B:FF" as six bytes. False, with *error, for anything else.
+bool parseMac(const QString &text, QByteArray *mac, QString *error)
+{
+    static const QRegularExpression format(QStringLiteral("^[0-9A-Fa-f]{2}(:[0-9A-Fa-f]{2}){5}$"));
+    if (!format.match(text).hasMatch()) {
+        *error = QStringLiteral("--mac \"%1\" is not six two-digit hexadecimal bytes separated by colons "
+                                "(XX:XX:XX:XX:XX:XX)").arg(text);
+        return false;
+    }
+    *mac = QByteArray::fromHex(text.toLatin1().replace(':', QByteArray()));
+    return true;
+}
+
+// One --fault KIND applied to the simulator; a delay goes to *delayMs. False, with *error
+// naming the text, for an unknown kind or a bad field.
+bool applyFault(E1212Simulator &simulator, const QString &kind, int *delayMs, QString *error)
+{
+    const QString what = QStringLiteral("--fault \"%1\"").arg(kind);
+    const QStringList fields = kind.split(QLatin1Char(':'));
+    const QString name = fields.first();
+    if ((name == QLatin1String("silence") || name == QLatin1String("duplicate") || name == QLatin1String("garbage"))
+        && fields.size() == 1) {
+        if (name == QLatin1String("silence"))
+            simulator.setSilent(true);
+        else if (name == QLatin1String("duplicate"))
+            simulator.setDuplicateAnswers(true);
+        else
+            simulator.setGarbageAnswers(true);
+        return true;
+    }
+    quint32 number = 0;
+    if (name == QLatin1String("delay") && fields.size() == 2) {
+        if (!CtlArgs::number(fields.at(1), 0, MaxDelayMs, what + QStringLiteral(": MS"), &number, error))
+            return false;
+        *delayMs = int(number);
+        return true;
+    }
+    if (name == QLatin1String("exception") && fields.size() == 4) {
+        static const QMap<QString, QModbusDataUnit::RegisterType> tables{
+            {QStringLiteral("coils"), QModbusDataUnit::Coils},
+            {QStringLiteral("discreteInputs"), QModbusDataUnit::DiscreteInputs},
+            {QStringLiteral("inputRegisters"), QModbusDataUnit::InputRegisters},
+            {QStringLiteral("holdingRegisters"), QModbusDataUnit::HoldingRegisters}};
+        if (!tables.contains(fields.at(1))) {
+            *error = what + QStringLiteral(": table \"%1\" is not coils, discreteInputs, inputRegisters or holdingRegisters")
+                                .arg(fields.at(1));
+            return false;
+        }
+        quint32 address = 0;
+        if (!CtlArgs::number(fields.at(2), 0, 0xFFFF, what + QStringLiteral(": ADDRESS"), &address, error)
+            || !CtlArgs::number(fields.at(3), 1, 0xFF, what + QStringLiteral(": CODE"), &number, error))
+            return false;
+        simulator.setException(tables.value(fields.at(1)), int(address), QModbusPdu::ExceptionCode(number));
+        return true;
+    }
+    *error = what + QStringLiteral(" is not silence, delay:MS, exception:TABLE:ADDRESS:CODE, duplicate or garbage");
+    return false;
+}
+
+// Every option but --listen applied to the (not yet started) simulator. *mac stays empty
+// without --mac. False, with *error, on the first bad one.
+bool configure(E1212Simulator &simulator, const CtlArgs &args, QByteArray *mac, QString *error)
+{
+    for (const QString &input : args.values(QStringLiteral("input")))
+        if (!applyInput(simulator, input, error))
+            return false;
+    quint32 number = 0;
+    int delays = 0;
+    int delayMs = 0;
+    if (args.has(QStringLiteral("latency"))) {
+        if (!CtlArgs::number(args.value(QStringLiteral("latency")), 0, MaxDelayMs, QStringLiteral("--latency"), &number, error))
+            return false;
+        delayMs = int(number);
+        delays += args.values(QStringLiteral("latency")).size();
+    }
+    for (const QString &kind : args.values(QStringLiteral("fault"))) {
+        if (!applyFault(simulator, kind, &delayMs, error))
+            return false;
+        delays += kind.startsWith(QLatin1String("delay:")) ? 1 : 0;
+    }
+    if (delays > 1) {
+        *error = QStringLiteral("--latency and --fault delay:MS set the same delay; give it once");
+        return false;
+    }
+    simulator.setResponseDelay(delayMs);
+    if (args.has(QStringLiteral("max-connections"))) {
+        if (!CtlArgs::number(args.value(QStringLiteral("max-connections")), 1, 64, QStringLiteral("--max-connections"),
+                             &number, error))
+            return false;
+        simulator.setMaxConnections(int(number));
+    }
+    return !args.has(QStringLiteral("mac")) || parseMac(args.value(QStringLiteral("mac")), mac, error);
+}
+
+// e1212ctl simulate [--listen ADDRESS:PORT] [OPTIONS]: serves a simulated module until
+// Ctrl-C/SIGTERM; "DIn=V" lines on standard input set its inputs meanwhile.
 void simulate(CtlStep &step)
 {
     CtlSession &session = step.session();
@@ -49,18 +146,32 @@ void simulate(CtlStep &step)
     }
     // Serves until the step is cancelled (Ctrl-C/SIGTERM).
     auto &simulator = *new E1212Simulator(&step);
-    for (const QString &input : args.values(QStringLiteral("input")))
-        if (!applyInput(simulator, input, &error))
-            return step.finish(CtlOutcome::refused(error));
+    QByteArray mac;
+    if (!configure(simulator, args, &mac, &error))
+        return step.finish(CtlOutcome::refused(error));
     if (!simulator.start(address, port, &error))
         return step.finish(CtlOutcome::failed(error));
+    // Without --mac each simulator tells itself apart by its port: 00:90:E8:00:<port>.
+    if (mac.isEmpty())
+        mac = QByteArray::fromHex("0090E800") + QByteArray(1, char(simulator.port() >> 8)) + QByteArray(1, char(simulator.port()));
+    simulator.setMacAddress(mac);
     session.out() << "E1212 simulator (" << E1212Simulator::modelName() << ", " << E1212Simulator::firmwareVersion()
-                  << ", MAC " << E1212Simulator::macAddress() << ") listening on " << address.toString() << ":"
+                  << ", MAC " << simulator.macAddress() << ") listening on " << address.toString() << ":"
                   << simulator.port() << "; DIn=0/1 lines set inputs; Ctrl-C stops it" << Qt::endl;
     QObject::connect(&simulator, &E1212Simulator::outputChanged, &session, [&session](int channel, bool on) {
         if (session.options().verbose)
             session.out() << "DO" << channel << (on ? " on" : " off") << Qt::endl;
     });
+    if (args.has(QStringLiteral("log"))) {
+        QObject::connect(&simulator, &E1212Simulator::requestServed, &session, [&session](const SimulatorRequest &request) {
+            session.out() << request.toString() << Qt::endl;
+        });
+        QObject::connect(&simulator, &E1212Simulator::connectionRefused, &session, [&](const QString &client) {
+            session.out() << QDateTime::currentDateTime().toString(Qt::ISODateWithMs) << ' ' << client
+                          << " refused: " << simulator.connectionCount() << " clients connected, the limit ("
+                          << simulator.refusedConnectionCount() << " refused so far)" << Qt::endl;
+        });
+    }
     auto &input = *new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, &step);
     QObject::connect(&input, &QSocketNotifier::activated, &step, [&session, &simulator, &input, pending = QByteArray()]() mutable {
         char buffer[256];
@@ -82,7 +193,9 @@ void simulate(CtlStep &step)
                 session.fail(CtlSession::ExitUsage, lineError);
         }
     });
-    step.setCancel([&step, &simulator] {
+    step.setCancel([&step, &session, &simulator] {
+        session.out() << "E1212 simulator stopped: " << simulator.requestCount() << " requests served, "
+                      << simulator.refusedConnectionCount() << " connections refused" << Qt::endl;
         simulator.stop();
         step.finish(CtlOutcome());
     });
@@ -92,14 +205,38 @@ void simulate(CtlStep &step)
 
 CtlGroup simulateGroup()
 {
+    const QString indent(25, QLatin1Char(' '));
     return {QStringLiteral("Simulator"),
             {
                 {QStringLiteral("simulate"), QString(),
                  QStringLiteral("serve a simulated E1212 over Modbus TCP (default 127.0.0.1:5020) until stopped; "
                                 "DIn=0/1 lines on standard input set its inputs"),
                  &simulate,
-                 {{QStringLiteral("listen"), QStringLiteral("the address to serve on"), QStringLiteral("ADDRESS:PORT")},
-                  {QStringLiteral("input"), QStringLiteral("set input DIn at start (repeatable)"), QStringLiteral("DIn=V")}},
+                 {{QStringLiteral("listen"), QStringLiteral("the address to serve on (port 0: a free one)"), QStringLiteral("ADDRESS:PORT")},
+                  {QStringLiteral("input"), QStringLiteral("set input DIn at start (repeatable)"), QStringLiteral("DIn=V")},
+                  {QStringLiteral("latency"), QStringLiteral("delay every answer by MS, 0-60000 (a slow module on a long link)"),
+                   QStringLiteral("MS")},
+                  {QStringLiteral("max-connections"),
+                   QStringLiteral("serve at most N clients at once, 1-64; one more is accepted and closed at once, as a "
+                                  "full module does, and counted"),
+                   QStringLiteral("N")},
+                  {QStringLiteral("log"),
+                   QStringLiteral("print each request served: time, client, function code, address, count or values, "
+                                  "and the exception sent (and each refused client)")},
+                  {QStringLiteral("mac"),
+                   QStringLiteral("the MAC address XX:XX:XX:XX:XX:XX in input registers 5024-5026; default 00:90:E8:00 "
+                                  "and the port's two bytes"),
+                   QStringLiteral("MAC")},
+                  {QStringLiteral("fault"),
+                   QStringLiteral("inject a fault (repeatable):\n")
+                       + indent + QStringLiteral("silence           hold every answer back (the requests are still served)\n")
+                       + indent + QStringLiteral("delay:MS          as --latency MS\n")
+                       + indent + QStringLiteral("exception:TABLE:ADDRESS:CODE  answer requests touching ADDRESS of TABLE\n")
+                       + indent + QStringLiteral("                  (coils, discreteInputs, inputRegisters, holdingRegisters)\n")
+                       + indent + QStringLiteral("                  with Modbus exception CODE 1-255, e.g. exception:coils:16:2\n")
+                       + indent + QStringLiteral("duplicate         send every answer twice, as a faulty gateway does\n")
+                       + indent + QStringLiteral("garbage           send as many random bytes instead of every answer"),
+                   QStringLiteral("KIND")}},
                  CtlCommand::CommandLineOnly},
             }};
 }

@@ -173,7 +173,7 @@ void TstMaintenance::panelAtEverySize()
     // The header names the module, the configured device and its address.
     QTRY_COMPARE_WITH_TIMEOUT(QStringList({text({"modelName"}), text({"reference"}), text({"connection"}), text({"firmware"}), text({"mac"})}),
              QStringList({E1212Simulator::modelName(), "Moxa E1212 io1", QStringLiteral("127.0.0.1:%1").arg(m_port),
-                          E1212Simulator::firmwareVersion(), E1212Simulator::macAddress()}), c_waitMs);
+                          E1212Simulator::firmwareVersion(), m_simulator.macAddress()}), c_waitMs);
     if (fault == QLatin1String("stop"))
         m_simulator.stop();
     else if (fault == QLatin1String("delay"))
