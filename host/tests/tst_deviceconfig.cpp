@@ -72,6 +72,7 @@ private slots:
         row("unknown key", R"({"reference": "a", "conection": {}})", "conection: unknown key (known: reference, plugin, driver, parameters, connection)");
         row("plugin not a uuid", R"({"reference": "a", "plugin": "moxa"})", "plugin: \"moxa\" is not a UUID");
         row("devices empty", R"({"devices": []})", "devices: the list is empty");
+        row("device not an object", R"({"devices": [{"reference": "a"}, 7]})", "devices[1]: expected a device object, found a number");
         row("device in list", R"({"devices": [{"reference": "a"}, {"reference": "b", "connection": {"timeoutMs": 3600001}}]})",
             "devices[1].connection.timeoutMs: 3600001 is out of range (expected a whole number from 1 to 3600000)");
         row("port 65536", R"({"reference": "a", "connection": {"port": 65536}})",
