@@ -110,7 +110,7 @@ private slots:
         const QString output = QStringLiteral("only \"digitalOutput\" channels can be driven");
         row("set an input", {"set", "DI0", "1"}, output);
         row("pulse an input", {"pulse", "DI3", "--on", "100", "--off", "100", "1"}, output);
-        row("pulse past the outputs", {"pulse", "DO7", "--on", "10", "--off", "10", "1", "1"}, "unknown channel \"(past the table)\"");
+        row("pulse past the outputs", {"pulse", "DO7", "--on", "10", "--off", "10", "1", "1"}, "pulse DO7: 2 values reach past DO7, the last channel");
         row("value 7", {"set", "DO2", "7"}, "VALUE \"7\" is not a whole number from 0 to 1");
         row("value -1", {"set", "DO1", "-1"}, "VALUE \"-1\" is not a whole number from 0 to 1");
         row("mask -1", {"set", "DO1", "1", "--mask", "-1"}, "--mask \"-1\" is not a whole number from 0 to 65535");
@@ -198,7 +198,7 @@ private slots:
         QTimer::singleShot(500, this, [this] { m_io1.setInput(2, true); });
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--json"), QStringLiteral("script"), file});
         QCOMPARE(run.exitCode, 1);
-        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect DI0: read 0, expected 1\n").arg(file));
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect io1:DI0: read 0, expected 1\n").arg(file));
         QStringList seen;
         for (const QString &text : run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
             const QJsonObject line = QJsonDocument::fromJson(text.toUtf8()).object();
@@ -207,7 +207,7 @@ private slots:
                              QString::fromUtf8(QJsonDocument(QJsonArray{line.value(QStringLiteral("value")), line.value(QStringLiteral("ok")),
                                                                         line.value(QStringLiteral("code"))}).toJson(QJsonDocument::Compact)));
         }
-        QVERIFY2(seen.contains(QStringLiteral("1 value DI2 [1,null,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
+        QVERIFY2(seen.contains(QStringLiteral("1 value DI2 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
         QVERIFY2(seen.contains(QStringLiteral("3  DO1 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
         QCOMPARE(seen.last(), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
         QVERIFY(m_io1.pulseStatus(1));
@@ -312,7 +312,7 @@ private slots:
         QVERIFY(finished.wait(10000));
         QCOMPARE(process.exitStatus(), QProcess::NormalExit);
         QCOMPARE(process.exitCode(), 0);
-        QVERIFY(process.readAllStandardOutput().endsWith("  DI6 = 0\n"));
+        QVERIFY(process.readAllStandardOutput().endsWith("  io1:DI6 = 0\n"));
     }
 
     // The channel table as columns, each as wide as its widest cell and two blanks; the last
@@ -336,30 +336,33 @@ private slots:
         process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), {QStringLiteral("--config"), m_bench, QStringLiteral("shell")});
         process.write("listen DI2 &\n");
         QByteArray out;
-        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 0\n"), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  io1:DI2 = 0\n"), 10000);
         m_io1.setInput(2, true);
-        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 1\n"), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  io1:DI2 = 1\n"), 10000);
         process.write("quit\n");
         QVERIFY(finished.wait(10000));
         QCOMPARE(process.exitCode(), 0);
     }
 
     // expect --within passes on the report that shows the value, and fails at its deadline
-    // with the last value it saw; an output is judged on what get reads (its pulse status).
+    // with the last value it saw; an output is judged on its coil, which a blinking output toggles.
     void expectWithin()
     {
         m_io1.setInput(3, false);
         m_io1.setInput(4, false);
         QTimer::singleShot(300, this, [this] { m_io1.setInput(3, true); });
         const QString file = write(QStringLiteral("expect.txt"), "expect DI3 1 --within 20000\n"
-                                                                 "blink DO6 --on 100 --off 100 1\n"
+                                                                 "blink DO6 --on 300 --off 300 1\n"
                                                                  "expect DO6 1 --within 20000\n"
-                                                                 "expect DO6 0 --within 400\n");
+                                                                 "expect DO6 0 --within 20000\n"
+                                                                 "get DO6 --pulse\n"
+                                                                 "set DO6 0\n"
+                                                                 "expect DO6 1 --within 400\n");
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file});
-        m_io1.setPulseStatus(6, false);
-        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:4: expect DO6: read 1, expected 0 (within 400 ms)\n").arg(file));
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect io1:DO6: read 0, expected 1 (within 400 ms)\n").arg(file));
         QCOMPARE(run.exitCode, 1);
-        QCOMPARE(run.out, QStringLiteral("DI3 = 1 as expected\nDO6: blink on 100 ms, off 100 ms, values [1] done\nDO6 = 1 as expected\n"));
+        QCOMPARE(run.out, QStringLiteral("io1:DI3 = 1 as expected\nio1:DO6: blink on 300 ms, off 300 ms, values [1] done\n"
+                                         "io1:DO6 = 1 as expected\nio1:DO6 = 0 as expected\nio1:DO6 pulse = 1\nio1:DO6 = 0 done\n"));
     }
 
     // A failure after sending is exit 1, and its JSON line carries the error's code.
