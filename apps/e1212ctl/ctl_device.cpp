@@ -254,30 +254,15 @@ void listen(CtlStep &step)
     CtlSession &session = step.session();
     CtlOutcome failure;
     CtlChannel channel;
-    QList<quint32> numbers;
-    if (!positionalCount(args, 1, 1, QStringLiteral("CH"), &failure)
-        || (args.has(QStringLiteral("count"))
-            && !::numbers({{args.value(QStringLiteral("count")), 1, c_maxCount, QStringLiteral("--count")}}, &numbers, &failure)))
-        return step.finish(failure);
     CtlRequest call;
     call.command = QStringLiteral("listenEvents");
-    call.count = int(numbers.value(0));
-    if (args.has(QStringLiteral("for"))) {
-        // Seconds, a fraction allowed: digits, at most one point, nothing else.
-        const QString text = args.value(QStringLiteral("for"));
-        bool ok = !text.isEmpty() && text.count(QLatin1Char('.')) <= 1 && !text.startsWith(QLatin1Char('.'))
-                  && std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.isDigit() || c == QLatin1Char('.'); });
-        const double seconds = ok ? text.toDouble(&ok) : 0;
-        if (!ok || seconds <= 0 || seconds > c_maxListenSeconds)
-            return step.finish(CtlOutcome::refused(QStringLiteral("--for \"%1\" is not a number of seconds above 0 and up to %2 (7 days)")
-                                                       .arg(text).arg(c_maxListenSeconds)));
-        call.ms = qMax(1, int(seconds * 1000));
-    }
+    if (!positionalCount(args, 1, 1, QStringLiteral("CH"), &failure) || !listenLimits(args, &call.count, &call.ms, &failure))
+        return step.finish(failure);
     if (!session.channel(args.positional().first(), CtlSession::AnyChannel, &channel, &failure))
         return step.finish(failure);
     if (args.background()) {
         session.startBackground(channel.device, channel.id);
-        CtlOutcome started = CtlOutcome::local(QStringLiteral("listenEvents"), {{QStringLiteral("background"), true}});
+        CtlOutcome started = CtlOutcome::local(args.name(), {{QStringLiteral("background"), true}});
         started.device = session.config(channel.device).reference;
         started.channel = channel.id;
         return step.finish(started);
@@ -293,6 +278,37 @@ QCommandLineOption valueOption(const QString &name, const QString &description, 
 }
 
 } // namespace
+
+bool listenLimits(const CtlArgs &args, int *count, int *ms, CtlOutcome *failure)
+{
+    QList<quint32> numbers;
+    if (args.has(QStringLiteral("count"))
+        && !::numbers({{args.value(QStringLiteral("count")), 1, c_maxCount, QStringLiteral("--count")}}, &numbers, failure))
+        return false;
+    *count = int(numbers.value(0));
+    *ms = 0;
+    if (!args.has(QStringLiteral("for")))
+        return true;
+    // Seconds, a fraction allowed: digits, at most one point, nothing else.
+    const QString text = args.value(QStringLiteral("for"));
+    bool ok = !text.isEmpty() && text.count(QLatin1Char('.')) <= 1 && !text.startsWith(QLatin1Char('.'))
+              && std::all_of(text.cbegin(), text.cend(), [](QChar c) { return c.isDigit() || c == QLatin1Char('.'); });
+    const double seconds = ok ? text.toDouble(&ok) : 0;
+    if (!ok || seconds <= 0 || seconds > c_maxListenSeconds) {
+        *failure = CtlOutcome::refused(QStringLiteral("--for \"%1\" is not a number of seconds above 0 and up to %2 (7 days)")
+                                           .arg(text).arg(c_maxListenSeconds));
+        return false;
+    }
+    *ms = qMax(1, int(seconds * 1000));
+    return true;
+}
+
+QList<QCommandLineOption> listenLimitOptions()
+{
+    return {valueOption(QStringLiteral("count"), QStringLiteral("stop after N events"), QStringLiteral("N")),
+            valueOption(QStringLiteral("for"), QStringLiteral("stop after SECONDS (up to 7 days)"), QStringLiteral("SECONDS"))};
+}
+
 CtlGroup deviceGroup()
 {
     using namespace std::placeholders;
@@ -316,8 +332,6 @@ CtlGroup deviceGroup()
                 {QStringLiteral("listen"), QStringLiteral("CH [&]"),
                  QStringLiteral("print each change of a channel until the limit, Ctrl-C or SIGTERM (listenEvents); "
                                 "in a script, a last word & runs it in the background until stop"),
-                 &listen,
-                 {valueOption(QStringLiteral("count"), QStringLiteral("stop after N events"), QStringLiteral("N")),
-                  valueOption(QStringLiteral("for"), QStringLiteral("stop after SECONDS (up to 7 days)"), QStringLiteral("SECONDS"))}},
+                 &listen, listenLimitOptions()},
             }};
 }

@@ -18,6 +18,7 @@ QList<CtlGroup> ctlGroups()
 {
     QList<CtlGroup> groups;
     E1212CTL_GROUP(deviceGroup);
+    E1212CTL_GROUP(watchGroup);
     E1212CTL_GROUP(genericGroup);
     E1212CTL_GROUP(sequenceGroup);
     E1212CTL_GROUP(simulateGroup);
