@@ -47,8 +47,8 @@ QList<QCommandLineOption> ctlGlobalOptions()
         {QStringLiteral("device"), QStringLiteral("the module's address (port default 502); overrides the device's "
                                                   "\"connection\". Without both, an embedded simulator is started on a "
                                                   "free loopback port"), QStringLiteral("HOST[:PORT]")},
-        {QStringLiteral("json"), QStringLiteral("one JSON object per line: {\"event\": ...} per streamed value, "
-                                                "{\"command\", \"ok\", \"results\", \"error\", \"code\"} per result")},
+        {QStringLiteral("json"), QStringLiteral("one flat JSON object per line, per result and per event: \"command\", \"ok\", "
+                                                "\"time\", \"device\", \"channel\", the values, \"error\" and \"code\" when it failed")},
         {QStringLiteral("timeout"), QStringLiteral("time the device gets to answer each request (default: the "
                                                    "command's own 3000, unless the device's \"timeoutMs\" is set)"),
          QStringLiteral("MS")},
