@@ -234,6 +234,8 @@ private slots:
                                                                         line.value(QStringLiteral("code"))}).toJson(QJsonDocument::Compact)));
         }
         QVERIFY2(seen.contains(QStringLiteral("1 value DI2 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
+        QVERIFY2(run.out.startsWith(QStringLiteral("{\"background\":true,\"channel\":\"DI2\",\"command\":\"listen\"")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("\"command\":\"listen\",\"device\":\"Moxa E1212 io1\",\"event\":\"value\"")), qPrintable(run.out));
         QVERIFY2(seen.contains(QStringLiteral("3  DO1 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
         QCOMPARE(seen.last(), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
         QVERIFY(m_io1.pulseStatus(1));
@@ -543,6 +545,7 @@ private slots:
         QVERIFY2(run.out.startsWith(QStringLiteral("\rchannel  io1  io2\x1b[K\r\n\rDI4      .    .  \x1b[K\r\n")), qPrintable(run.out));
         QVERIFY2(run.out.contains(QStringLiteral("\x1b[3A\rchannel  io1  io2\x1b[K\r\n")), qPrintable(run.out));
         QVERIFY2(run.out.contains(QStringLiteral("\rDI4      0    0  \x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("  2 changes\x1b[K\r\n")), qPrintable(run.out));
     }
 
     // A watch that ends before a device ever answered has failed.
