@@ -45,11 +45,9 @@ void shell(CtlStep &step)
     (new CtlSequence(step, STDIN_FILENO, QStringLiteral("shell"), !step.session().options().json))->start();
 }
 
-// expect CH VALUE [--within MS]: without --within one read decides. With it, a listen on the
-// channel reports its value now and on each change, until one is VALUE or the deadline has
-// passed and a value has come. An output's listen reports its output coil while a read gives
-// its pulse status (what get shows): there each report is followed by a read, and the read
-// decides; one last read is made at the deadline.
+// expect CH VALUE [--within MS]: without --within one read decides (an output's coil, as get
+// reads it). With it, a listen on the channel reports its value (an output's coil) now and on
+// each change, until one is VALUE or the deadline has passed and a value has come.
 class Expectation : public QObject
 {
 public:
@@ -58,16 +56,16 @@ public:
     {
         step.setCancel([this] { conclude(failure(QStringLiteral("stopped before the value was read"), QStringLiteral("stopped"))); });
         if (within == 0) {
-            read();
+            new CtlCall(m_session, CtlCall::stateRead(m_session, channel.device, channel.id), false, [this](const CtlOutcome &outcome) {
+                if (!outcome.isOk())
+                    return conclude(failure(outcome.error, outcome.code));
+                judge(outcome.results.value(QStringLiteral("value")));
+            }, this);
             return;
         }
-        const QString readType = m_session.channelInfo(channel.device, channel.id).value(QStringLiteral("readRegisterType")).toString();
-        m_reread = readType == QLatin1String("coilsRegister");
         m_listen = m_session.host()->execute(m_session.device(channel.device), QStringLiteral("listenEvents"),
                                              {{QStringLiteral("channel"), channel.id}});
         connect(m_listen, &Execution::resultChanged, this, [this](const QString &, const QVariant &report) {
-            if (m_reread)
-                return read();
             const QVariantList values = report.toMap().value(QStringLiteral("values")).toList();
             judge(values.value(0));
         });
@@ -76,9 +74,7 @@ public:
         m_deadline.setSingleShot(true);
         connect(&m_deadline, &QTimer::timeout, this, [this] {
             m_expired = true;
-            if (m_reread)
-                read();
-            else if (m_seen)
+            if (m_seen)
                 judge(m_value);
         });
         m_deadline.start(int(within));
@@ -90,30 +86,6 @@ public:
     }
 
 private:
-    // One getValue; a read asked for while one runs follows it.
-    void read()
-    {
-        if (m_read) {
-            m_readAgain = true;
-            return;
-        }
-        CtlRequest request;
-        request.device = m_channel.device;
-        request.command = QStringLiteral("getValue");
-        request.arguments.insert(QStringLiteral("channel"), m_channel.id);
-        m_read = new CtlCall(m_session, request, false, [this](const CtlOutcome &outcome) {
-            m_read->deleteLater();
-            m_read = nullptr;
-            if (!outcome.isOk())
-                return conclude(failure(outcome.error, outcome.code));
-            const bool again = m_readAgain && !m_expired;
-            m_readAgain = false;
-            judge(outcome.results.value(QStringLiteral("value")));
-            if (again && !m_step.isFinished())
-                read();
-        }, this);
-    }
-
     void judge(const QVariant &value)
     {
         m_value = value;
@@ -121,33 +93,37 @@ private:
         const bool met = value.toUInt() == m_expected;
         if (!met && !m_expired && m_within > 0)
             return;
-        const QString text = QStringLiteral("expect %1: read %2, expected %3%4").arg(m_channel.id).arg(value.toUInt()).arg(m_expected)
-                                 .arg(m_within > 0 ? QStringLiteral(" (within %1 ms)").arg(m_within) : QString());
-        CtlOutcome outcome;
-        outcome.command = QStringLiteral("expect");
-        outcome.device = m_session.config(m_channel.device).reference;
-        outcome.fields = {{QStringLiteral("channel"), m_channel.id}, {QStringLiteral("expected"), int(m_expected)},
-                          {QStringLiteral("value"), int(value.toUInt())}};
+        const QString label = m_session.label(m_channel.device, m_channel.id);
+        CtlOutcome outcome = result();
+        outcome.results.insert(QStringLiteral("value"), int(value.toUInt()));
         if (met) {
-            outcome.text = QStringLiteral("%1 = %2 as expected\n").arg(m_channel.id).arg(m_expected);
+            outcome.text = QStringLiteral("%1 = %2 as expected\n").arg(label).arg(m_expected);
         } else {
             outcome.exitCode = CtlOutcome::ExitFailed;
-            outcome.error = outcome.message = text;
+            outcome.error = outcome.message = QStringLiteral("expect %1: read %2, expected %3%4").arg(label).arg(value.toUInt()).arg(m_expected)
+                                                  .arg(m_within > 0 ? QStringLiteral(" (within %1 ms)").arg(m_within) : QString());
             outcome.code = QStringLiteral("expect_failed");
         }
         conclude(outcome);
     }
 
+    CtlOutcome result() const
+    {
+        CtlOutcome outcome;
+        outcome.command = QStringLiteral("expect");
+        outcome.device = m_session.config(m_channel.device).reference;
+        outcome.channel = m_channel.id;
+        outcome.results = {{QStringLiteral("expected"), int(m_expected)}};
+        return outcome;
+    }
     CtlOutcome failure(const DError &error) { return failure(error.text, DError::codeName(error.code)); }
     CtlOutcome failure(const QString &text, const QString &code)
     {
-        CtlOutcome outcome;
+        CtlOutcome outcome = result();
         outcome.exitCode = CtlOutcome::ExitFailed;
-        outcome.command = QStringLiteral("expect");
-        outcome.fields = {{QStringLiteral("channel"), m_channel.id}};
         outcome.error = text;
         outcome.code = code;
-        outcome.message = QStringLiteral("expect %1: %2").arg(m_channel.id, text);
+        outcome.message = QStringLiteral("expect %1: %2").arg(m_session.label(m_channel.device, m_channel.id), text);
         return outcome;
     }
 
@@ -167,10 +143,7 @@ private:
     const CtlChannel m_channel;
     const quint32 m_expected;
     const quint32 m_within;
-    bool m_reread = false;
     Execution *m_listen = nullptr;
-    CtlCall *m_read = nullptr;
-    bool m_readAgain = false;
     QTimer m_deadline;
     bool m_expired = false;
     bool m_seen = false;

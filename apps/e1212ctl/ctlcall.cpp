@@ -19,6 +19,36 @@ QVariant eventValue(const QVariant &report)
 
 } // namespace
 
+CtlRequest CtlCall::stateRead(CtlSession &session, int device, const QString &channel)
+{
+    CtlRequest request;
+    request.device = device;
+    request.arguments.insert(QStringLiteral("channel"), channel);
+    const bool output = session.isOutput(device, channel);
+    // getValue of an output reads its pulse status; getValues from it and its listen read its coil.
+    if (!output)
+        request.command = QStringLiteral("getValue");
+    else if (session.channelInfo(device, channel).contains(QStringLiteral("size")))
+        request.command = QStringLiteral("getValues");
+    else
+        request.command = QStringLiteral("listenEvents");
+    request.count = 1;
+    request.quiet = true;
+    request.shape = [command = request.command](CtlOutcome *outcome) {
+        QVariant value = outcome->results.value(QStringLiteral("value"));
+        if (command == QLatin1String("getValues"))
+            value = outcome->results.value(QStringLiteral("values")).toList().value(0);
+        outcome->results = {{QStringLiteral("value"), value}};
+        if (value.isValid())
+            return;
+        outcome->exitCode = CtlOutcome::ExitFailed;
+        outcome->code = DError::codeName(IMessenger::CeMalformedReply);
+        outcome->error = outcome->message
+            = QStringLiteral("%1 %2: the reply holds no value").arg(command, outcome->channel);
+    };
+    return request;
+}
+
 CtlCall::CtlCall(CtlSession &session, const CtlRequest &request, bool background, const Ended &ended, QObject *parent)
     : QObject(parent)
     , m_session(session)
@@ -28,9 +58,7 @@ CtlCall::CtlCall(CtlSession &session, const CtlRequest &request, bool background
     , m_line(session.stepLine())
     , m_reference(session.config(request.device).reference)
 {
-    const QString channel = request.arguments.value(QStringLiteral("channel")).toString();
-    m_label = request.device == session.current() ? channel
-                                                  : m_reference.section(QLatin1Char(' '), -1) + QLatin1Char(':') + channel;
+    m_label = session.label(request.device, request.arguments.value(QStringLiteral("channel")).toString());
     m_execution = session.host()->execute(session.device(request.device), request.command, request.arguments,
                                           request.raw ? Host::RawArguments : Host::CheckArguments);
     connect(m_execution, &Execution::resultChanged, this, [this](const QString &, const QVariant &report) {
@@ -61,17 +89,17 @@ void CtlCall::onReport(const QVariant &report)
 {
     ++m_events;
     m_outage = DError();
-    const QString channel = m_request.arguments.value(QStringLiteral("channel")).toString();
-    const QVariant value = eventValue(report);
-    if (m_session.options().json)
-        m_session.printJson({{QStringLiteral("event"), QStringLiteral("value")}, {QStringLiteral("device"), m_reference},
-                             {QStringLiteral("line"), m_line}, {QStringLiteral("channel"), channel},
-                             {QStringLiteral("value"), QJsonValue::fromVariant(value)},
-                             {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
-                             {QStringLiteral("seq"), m_session.nextSeq()}});
-    else
+    m_value = eventValue(report);
+    if (m_request.quiet) {
+        // read only: the caller's shape says what came
+    } else if (m_session.options().json) {
+        QJsonObject event = m_session.event(name(), m_request.device, channel(), m_value);
+        event.insert(QStringLiteral("line"), m_line);
+        m_session.printJson(event);
+    } else {
         m_session.out() << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  "
-                        << m_label << " = " << CtlSession::toText(value) << Qt::endl;
+                        << m_label << " = " << CtlSession::toText(m_value) << Qt::endl;
+    }
     if (m_request.count > 0 && m_events >= m_request.count)
         stop();
 }
@@ -79,14 +107,25 @@ void CtlCall::onReport(const QVariant &report)
 void CtlCall::onOutage(const DError &error)
 {
     m_outage = error;
-    if (m_session.options().json)
-        m_session.printJson({{QStringLiteral("event"), QStringLiteral("error")}, {QStringLiteral("device"), m_reference},
-                             {QStringLiteral("line"), m_line},
-                             {QStringLiteral("channel"), m_request.arguments.value(QStringLiteral("channel")).toString()},
-                             {QStringLiteral("error"), error.text}, {QStringLiteral("code"), DError::codeName(error.code)},
-                             {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
-                             {QStringLiteral("seq"), m_session.nextSeq()}});
+    // A read through a listen ends on the outage, with its error.
+    if (m_request.quiet)
+        return stop();
+    if (m_session.options().json) {
+        QJsonObject event = m_session.event(name(), m_request.device, channel(), QVariant(), error);
+        event.insert(QStringLiteral("line"), m_line);
+        m_session.printJson(event);
+    }
     m_session.report(CtlOutcome::failed(error.text));
+}
+
+QString CtlCall::name() const
+{
+    return m_request.name.isEmpty() ? m_request.command : m_request.name;
+}
+
+QString CtlCall::channel() const
+{
+    return m_request.arguments.value(QStringLiteral("channel")).toString();
 }
 
 void CtlCall::onFinished()
@@ -104,9 +143,13 @@ void CtlCall::onFinished()
         m_ended(outcome);
         return;
     }
-    outcome.command = m_request.command;
+    outcome.command = name();
     outcome.device = m_reference;
+    outcome.channel = channel();
     outcome.results = execution->results();
+    // A listen's result is its last report: {"value": v}, and how many reports came.
+    if (execution->isListening())
+        outcome.results = {{QStringLiteral("value"), m_value}, {QStringLiteral("events"), m_events}};
     DError error = execution->isOk() ? m_outage : execution->error();
     // A listen that heard nothing at all has not shown the channel's state: the device is silent.
     const bool silent = execution->isOk() && execution->isListening() && m_events == 0 && !error.isError();
@@ -120,7 +163,7 @@ void CtlCall::onFinished()
         m_ended(outcome);
         return;
     }
-    const bool saidAlready = execution->isOk() && m_outage.isError(); // the outage is on stderr
+    const bool saidAlready = !m_request.quiet && execution->isOk() && m_outage.isError(); // the outage is on stderr
     outcome.exitCode = execution->isOk() ? int(CtlOutcome::ExitFailed) : CtlOutcome::exitCodeOf(error.code);
     outcome.error = error.text;
     outcome.code = DError::codeName(error.code);

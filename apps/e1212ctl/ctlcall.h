@@ -18,11 +18,15 @@ struct CtlRequest
     int device = 0;
     QString command;
     QVariantMap arguments;
+    // The "command" of its result and event lines (the subcommand: "get"); empty: `command`.
+    QString name;
     // Skips the host's argument checks.
     bool raw = false;
     // A listen's limits besides a stop: this many events, this many ms; 0 means none.
     int count = 0;
     int ms = 0;
+    // A listen whose reports and outages are not printed (a read made through a listen).
+    bool quiet = false;
     // On success: fills the outcome's text, and may rewrite its results or make it a failure.
     std::function<void(CtlOutcome *outcome)> shape;
 };
@@ -39,6 +43,10 @@ public:
     // outages are said as they come), and the outcome is just a line when it failed.
     CtlCall(CtlSession &session, const CtlRequest &request, bool background, const Ended &ended,
             QObject *parent = nullptr);
+    // A read of a channel's state, its outcome's results {"value": v}: an input's value, an
+    // output's coil (what its listen reports and the wire shows), never its pulse status.
+    static CtlRequest stateRead(CtlSession &session, int device, const QString &channel);
+
     // A call deleted while it runs stops its execution.
     ~CtlCall() override;
 
@@ -50,6 +58,8 @@ private:
     void onReport(const QVariant &report);
     void onOutage(const DError &error);
     void onFinished();
+    QString channel() const;
+    QString name() const;
 
     CtlSession &m_session;
     const CtlRequest m_request;
@@ -62,6 +72,7 @@ private:
     const QString m_reference;
     QString m_label;
     int m_events = 0;
+    QVariant m_value;
     // The driver's last word on a listen, while the device does not answer.
     DError m_outage;
     QTimer m_limit;

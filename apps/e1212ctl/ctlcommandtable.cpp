@@ -18,6 +18,7 @@ QList<CtlGroup> ctlGroups()
 {
     QList<CtlGroup> groups;
     E1212CTL_GROUP(deviceGroup);
+    E1212CTL_GROUP(watchGroup);
     E1212CTL_GROUP(genericGroup);
     E1212CTL_GROUP(sequenceGroup);
     E1212CTL_GROUP(simulateGroup);
@@ -46,8 +47,8 @@ QList<QCommandLineOption> ctlGlobalOptions()
         {QStringLiteral("device"), QStringLiteral("the module's address (port default 502); overrides the device's "
                                                   "\"connection\". Without both, an embedded simulator is started on a "
                                                   "free loopback port"), QStringLiteral("HOST[:PORT]")},
-        {QStringLiteral("json"), QStringLiteral("one JSON object per line: {\"event\": ...} per streamed value, "
-                                                "{\"command\", \"ok\", \"results\", \"error\", \"code\"} per result")},
+        {QStringLiteral("json"), QStringLiteral("one flat JSON object per line, per result and per event: \"command\", \"ok\", "
+                                                "\"time\", \"device\", \"channel\", the values, \"error\" and \"code\" when it failed")},
         {QStringLiteral("timeout"), QStringLiteral("time the device gets to answer each request (default: the "
                                                    "command's own 3000, unless the device's \"timeoutMs\" is set)"),
          QStringLiteral("MS")},

@@ -5,7 +5,6 @@
 
 #include "derror.h"
 
-#include <QJsonObject>
 #include <QString>
 #include <QVariantMap>
 
@@ -18,11 +17,12 @@ struct CtlOutcome
     // The result line's "command"; empty: no result line (a refusal with --json still gets
     // {"ok": false, "error", "code": "refused"}).
     QString command;
-    // The result line's "device" (the reference); empty: none.
+    // The result line's "device" (the reference) and "channel"; empty: none.
     QString device;
-    // The result line's "results", unless `fields` replaces them with members of their own.
+    QString channel;
+    // The result line's values, each a member of its own ("value", "channels", ...); the
+    // members every line has ("command", "ok", "device", ...) take precedence over them.
     QVariantMap results;
-    QJsonObject fields;
     // The result line's "error" and "code" when it failed ("timeout", "expect_failed", ...).
     QString error;
     QString code;

@@ -10,6 +10,7 @@
 #include "host.h"
 #include "pluginmanager.h"
 
+#include <QDateTime>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -40,21 +41,23 @@ int CtlSession::report(const CtlOutcome &outcome)
 {
     const QString where = m_line > 0 ? QStringLiteral("%1:%2: ").arg(m_source).arg(m_line) : QString();
     const bool ok = outcome.isOk();
-    if (m_options.json && !outcome.command.isEmpty()) {
-        QJsonObject line = outcome.fields;
-        line.insert(QStringLiteral("command"), outcome.command);
+    const bool refusal = outcome.exitCode == ExitUsage && !outcome.message.isEmpty();
+    if (m_options.json && (!outcome.command.isEmpty() || refusal)) {
+        // One flat object: the command's values, then the members every line has.
+        QJsonObject line = QJsonObject::fromVariantMap(outcome.results);
+        if (!outcome.command.isEmpty())
+            line.insert(QStringLiteral("command"), outcome.command);
         line.insert(QStringLiteral("ok"), ok);
-        line.insert(QStringLiteral("error"), ok ? QString() : outcome.error);
         if (!outcome.device.isEmpty())
             line.insert(QStringLiteral("device"), outcome.device);
-        if (outcome.fields.isEmpty())
-            line.insert(QStringLiteral("results"), QJsonObject::fromVariantMap(outcome.results));
-        if (!ok)
-            line.insert(QStringLiteral("code"), outcome.code);
+        if (!outcome.channel.isEmpty())
+            line.insert(QStringLiteral("channel"), outcome.channel);
+        line.insert(QStringLiteral("time"), timestamp(QDateTime::currentDateTime()));
+        if (!ok) {
+            line.insert(QStringLiteral("error"), outcome.command.isEmpty() ? where + outcome.message : outcome.error);
+            line.insert(QStringLiteral("code"), outcome.code.isEmpty() ? DError::codeName(IMessenger::CeRefused) : outcome.code);
+        }
         printJson(line);
-    } else if (m_options.json && outcome.exitCode == ExitUsage && !outcome.message.isEmpty()) {
-        printJson({{QStringLiteral("ok"), false}, {QStringLiteral("error"), QString(where + outcome.message)},
-                   {QStringLiteral("code"), DError::codeName(IMessenger::CeRefused)}});
     } else if (ok) {
         m_out << outcome.text;
     }
@@ -245,6 +248,44 @@ void CtlSession::printJson(QJsonObject object)
     m_out.flush();
 }
 
+QJsonObject CtlSession::event(const QString &command, int device, const QString &channel, const QVariant &value,
+                              const DError &error)
+{
+    QJsonObject object{{QStringLiteral("event"), error.isError() ? QStringLiteral("error") : QStringLiteral("value")},
+                       {QStringLiteral("command"), command},
+                       {QStringLiteral("ok"), !error.isError()},
+                       {QStringLiteral("device"), config(device).reference},
+                       {QStringLiteral("channel"), channel},
+                       {QStringLiteral("time"), timestamp(QDateTime::currentDateTime())},
+                       {QStringLiteral("seq"), ++m_seq}};
+    if (error.isError()) {
+        object.insert(QStringLiteral("error"), error.text);
+        object.insert(QStringLiteral("code"), DError::codeName(error.code));
+    } else {
+        object.insert(QStringLiteral("value"), QJsonValue::fromVariant(value));
+    }
+    return object;
+}
+
+QString CtlSession::timestamp(const QDateTime &time)
+{
+    // Local time with its offset: "+01:00", or "Z" where local time is UTC.
+    return time.toOffsetFromUtc(time.offsetFromUtc()).toString(Qt::ISODateWithMs);
+}
+
+QString CtlSession::label(int device, const QString &channel) const
+{
+    if (deviceCount() < 2)
+        return channel;
+    return config(device).reference.section(QLatin1Char(' '), -1) + QLatin1Char(':') + channel;
+}
+
+bool CtlSession::isOutput(int device, const QString &channel) const
+{
+    const DChannelTable::Record *record = this->device(device)->channelTable().record(channel);
+    return record && record->type() == QLatin1String("digitalOutput");
+}
+
 QString CtlSession::toText(const QVariant &value)
 {
     const QJsonValue json = QJsonValue::fromVariant(value);
@@ -260,6 +301,7 @@ void CtlSession::startBackground(int device, const QString &channel)
     CtlRequest request;
     request.device = device;
     request.command = QStringLiteral("listenEvents");
+    request.name = QStringLiteral("listen");
     request.arguments.insert(QStringLiteral("channel"), channel);
     ++m_backgroundRunning;
     m_background.emplace_back(new CtlCall(*this, request, true, [this](const CtlOutcome &outcome) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 class CtlCall;
+class QDateTime;
 class DAbstractPlugin;
 class E1212Simulator;
 class Host;
@@ -59,8 +60,9 @@ public:
     void setStep(const QString &source, int line);
     int stepLine() const { return m_line; }
 
-    // The printer of every outcome: with --json its result line (or a refusal's
-    // {"ok": false, "error", "code": "refused"}), otherwise the text of a success; then the
+    // The printer of every outcome: with --json its result line, one flat object (the values,
+    // "command", "ok", "device", "channel", "time", and "error" and "code" when it failed; a
+    // refusal gets one even without a command), otherwise the text of a success; then the
     // failure's one line on stderr, "e1212ctl: [FILE:LINE: ]message". Returns the exit code.
     int report(const CtlOutcome &outcome);
     // report() of a one-line failure with this exit code (ExitUsage: a refusal).
@@ -103,9 +105,20 @@ public:
     // or a success (at once when none runs).
     void stopBackground(const std::function<void(const CtlOutcome &outcome)> &done);
 
-    // The sequence number of the next listen event.
-    qint64 nextSeq() { return ++m_seq; }
+    // How text output names a channel: "DO1", or "io2:DO1" when the session has several devices.
+    QString label(int device, const QString &channel) const;
+    // True when the record `channel` of `device` is a "digitalOutput" channel.
+    bool isOutput(int device, const QString &channel) const;
+
+    // A listen's report of `value`, or its outage `error`, as one flat --json object: "event"
+    // ("value" or "error"), "command", "ok", "device", "channel", "value" or "error" and "code",
+    // "time" and "seq" (the session's next event number).
+    QJsonObject event(const QString &command, int device, const QString &channel, const QVariant &value,
+                      const DError &error = DError());
+    // Prints one object as a JSON line; a script step's objects get its "line".
     void printJson(QJsonObject object);
+    // ISO 8601 with milliseconds and the offset from UTC: "2026-11-24T01:02:03.456+01:00".
+    static QString timestamp(const QDateTime &time);
     static QString toText(const QVariant &value);
 
 private:

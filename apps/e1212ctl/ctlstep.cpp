@@ -17,7 +17,11 @@ void CtlStep::finish(const CtlOutcome &outcome)
         return;
     m_finished = true;
     m_cancel = nullptr;
-    const int exitCode = m_session.report(outcome);
+    // A refusal's JSON line names the subcommand that refused.
+    CtlOutcome named = outcome;
+    if (named.command.isEmpty() && named.exitCode == CtlOutcome::ExitUsage)
+        named.command = m_args.name();
+    const int exitCode = m_session.report(named);
     deleteLater();
     const Done done = std::move(m_done);
     if (done)

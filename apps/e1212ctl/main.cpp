@@ -12,6 +12,7 @@
 #include "ctlsession.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTextStream>
@@ -25,7 +26,8 @@ int refuse(const QString &text, bool json)
     const QByteArray line = QStringLiteral("e1212ctl: %1\n").arg(text).toUtf8();
     if (json)
         QTextStream(stdout) << QJsonDocument(QJsonObject{{QStringLiteral("ok"), false}, {QStringLiteral("error"), text},
-                                                         {QStringLiteral("code"), QStringLiteral("refused")}})
+                                                         {QStringLiteral("code"), QStringLiteral("refused")},
+                                                         {QStringLiteral("time"), CtlSession::timestamp(QDateTime::currentDateTime())}})
                                    .toJson(QJsonDocument::Compact)
                             << '\n';
     fwrite(line.constData(), 1, size_t(line.size()), stderr);

@@ -8,6 +8,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -61,6 +62,21 @@ QJsonObject device(const QString &reference, const E1212Simulator &simulator)
     return object;
 }
 
+// ISO 8601 with milliseconds and a zone: "Z" or an offset.
+bool hasZone(const QJsonValue &time)
+{
+    static const QRegularExpression format(QStringLiteral("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}(Z|[+-]\\d\\d:\\d\\d)$"));
+    return format.match(time.toString()).hasMatch();
+}
+
+QList<QJsonObject> jsonLines(const QString &text)
+{
+    QList<QJsonObject> lines;
+    for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        lines << QJsonDocument::fromJson(line.toUtf8()).object();
+    return lines;
+}
+
 } // namespace
 
 class TstE1212Ctl : public QObject
@@ -110,7 +126,15 @@ private slots:
         const QString output = QStringLiteral("only \"digitalOutput\" channels can be driven");
         row("set an input", {"set", "DI0", "1"}, output);
         row("pulse an input", {"pulse", "DI3", "--on", "100", "--off", "100", "1"}, output);
-        row("pulse past the outputs", {"pulse", "DO7", "--on", "10", "--off", "10", "1", "1"}, "unknown channel \"(past the table)\"");
+        row("pulse past the outputs", {"pulse", "DO7", "--on", "10", "--off", "10", "1", "1"}, "pulse DO7: 2 values reach past DO7, the last channel");
+        row("mask of no bit", {"set", "DO5", "1", "--mask", "0x20"}, "--mask 0x0020 selects no bit of io1:DO5 (one coil: bits 0x1)");
+        row("mask 0", {"set", "DO5", "0", "--mask", "0"}, "--mask 0x0000 selects no bit");
+        row("pulse status of an input", {"get", "DI0", "--pulse"}, "only outputs have a pulse generator");
+        row("pulse past the table", {"pulse", "DO6", "--on", "10", "--off", "10", "1", "0", "1"}, "pulse DO6: 3 values reach past DO7");
+        row("watch unknown channel", {"watch", "DI0", "DX1"}, "unknown channel \"DX1\"");
+        row("watch unwritable file", {"watch", "--csv", "/nonexistent/w.csv"}, "watch --csv /nonexistent/w.csv: cannot write it");
+        row("watch for 0", {"watch", "--for", "0"}, "--for \"0\"");
+        row("json mask of no bit", {"--json", "set", "DO1", "1", "--mask", "2"}, "selects no bit");
         row("value 7", {"set", "DO2", "7"}, "VALUE \"7\" is not a whole number from 0 to 1");
         row("value -1", {"set", "DO1", "-1"}, "VALUE \"-1\" is not a whole number from 0 to 1");
         row("mask -1", {"set", "DO1", "1", "--mask", "-1"}, "--mask \"-1\" is not a whole number from 0 to 65535");
@@ -173,7 +197,9 @@ private slots:
         if (arguments.contains(QStringLiteral("--json"))) {
             const QJsonObject line = QJsonDocument::fromJson(run.out.toUtf8()).object();
             QCOMPARE(line.value(QStringLiteral("code")).toString(), QStringLiteral("refused"));
+            QCOMPARE(line.value(QStringLiteral("ok")), QJsonValue(false));
             QVERIFY(line.value(QStringLiteral("error")).toString().contains(message));
+            QVERIFY(hasZone(line.value(QStringLiteral("time"))));
         } else {
             QCOMPARE(run.out, QString());
         }
@@ -198,7 +224,7 @@ private slots:
         QTimer::singleShot(500, this, [this] { m_io1.setInput(2, true); });
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--json"), QStringLiteral("script"), file});
         QCOMPARE(run.exitCode, 1);
-        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect DI0: read 0, expected 1\n").arg(file));
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect io1:DI0: read 0, expected 1\n").arg(file));
         QStringList seen;
         for (const QString &text : run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
             const QJsonObject line = QJsonDocument::fromJson(text.toUtf8()).object();
@@ -207,7 +233,9 @@ private slots:
                              QString::fromUtf8(QJsonDocument(QJsonArray{line.value(QStringLiteral("value")), line.value(QStringLiteral("ok")),
                                                                         line.value(QStringLiteral("code"))}).toJson(QJsonDocument::Compact)));
         }
-        QVERIFY2(seen.contains(QStringLiteral("1 value DI2 [1,null,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
+        QVERIFY2(seen.contains(QStringLiteral("1 value DI2 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
+        QVERIFY2(run.out.startsWith(QStringLiteral("{\"background\":true,\"channel\":\"DI2\",\"command\":\"listen\"")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("\"command\":\"listen\",\"device\":\"Moxa E1212 io1\",\"event\":\"value\"")), qPrintable(run.out));
         QVERIFY2(seen.contains(QStringLiteral("3  DO1 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
         QCOMPARE(seen.last(), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
         QVERIFY(m_io1.pulseStatus(1));
@@ -312,7 +340,7 @@ private slots:
         QVERIFY(finished.wait(10000));
         QCOMPARE(process.exitStatus(), QProcess::NormalExit);
         QCOMPARE(process.exitCode(), 0);
-        QVERIFY(process.readAllStandardOutput().endsWith("  DI6 = 0\n"));
+        QVERIFY(process.readAllStandardOutput().endsWith("  io1:DI6 = 0\n"));
     }
 
     // The channel table as columns, each as wide as its widest cell and two blanks; the last
@@ -336,30 +364,199 @@ private slots:
         process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), {QStringLiteral("--config"), m_bench, QStringLiteral("shell")});
         process.write("listen DI2 &\n");
         QByteArray out;
-        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 0\n"), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  io1:DI2 = 0\n"), 10000);
         m_io1.setInput(2, true);
-        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  DI2 = 1\n"), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT((out += process.readAllStandardOutput()).contains("  io1:DI2 = 1\n"), 10000);
         process.write("quit\n");
         QVERIFY(finished.wait(10000));
         QCOMPARE(process.exitCode(), 0);
     }
 
     // expect --within passes on the report that shows the value, and fails at its deadline
-    // with the last value it saw; an output is judged on what get reads (its pulse status).
+    // with the last value it saw; an output is judged on its coil, which a blinking output toggles.
     void expectWithin()
     {
         m_io1.setInput(3, false);
         m_io1.setInput(4, false);
         QTimer::singleShot(300, this, [this] { m_io1.setInput(3, true); });
         const QString file = write(QStringLiteral("expect.txt"), "expect DI3 1 --within 20000\n"
-                                                                 "blink DO6 --on 100 --off 100 1\n"
+                                                                 "blink DO6 --on 300 --off 300 1\n"
                                                                  "expect DO6 1 --within 20000\n"
-                                                                 "expect DO6 0 --within 400\n");
+                                                                 "expect DO6 0 --within 20000\n"
+                                                                 "get DO6 --pulse\n"
+                                                                 "set DO6 0\n"
+                                                                 "expect DO6 1 --within 400\n");
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file});
-        m_io1.setPulseStatus(6, false);
-        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:4: expect DO6: read 1, expected 0 (within 400 ms)\n").arg(file));
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect io1:DO6: read 0, expected 1 (within 400 ms)\n").arg(file));
         QCOMPARE(run.exitCode, 1);
-        QCOMPARE(run.out, QStringLiteral("DI3 = 1 as expected\nDO6: blink on 100 ms, off 100 ms, values [1] done\nDO6 = 1 as expected\n"));
+        QCOMPARE(run.out, QStringLiteral("io1:DI3 = 1 as expected\nio1:DO6: blink on 300 ms, off 300 ms, values [1] done\n"
+                                         "io1:DO6 = 1 as expected\nio1:DO6 = 0 as expected\nio1:DO6 pulse = 1\nio1:DO6 = 0 done\n"));
+    }
+
+    // An output's state is its coil, as mbpoll reads it on the wire; its pulse generator is
+    // get --pulse. Each row runs its steps as one script and reads coil CH with mbpoll after.
+    void outputMeaning_data()
+    {
+        QTest::addColumn<QByteArray>("steps");
+        QTest::addColumn<QString>("out");
+        QTest::addColumn<int>("coil");
+        QTest::addColumn<int>("coilValue");
+        QTest::newRow("mask: the coil itself") << QByteArray("set DO5 1 --mask 1\nget DO5\nexpect DO5 1\nget DO5 --pulse\n")
+                                               << "io1:DO5 = 1 (mask 0x0001) done\nio1:DO5 = 1\nio1:DO5 = 1 as expected\nio1:DO5 pulse = 0\n" << 5 << 1;
+        QTest::newRow("mask off") << QByteArray("set DO5 0 --mask 0xFF\nget DO5\n") << "io1:DO5 = 0 (mask 0x00ff) done\nio1:DO5 = 0\n" << 5 << 0;
+        QTest::newRow("pulse path on") << QByteArray("set DO4 1\nget DO4\nget DO4 --pulse\n")
+                                       << "io1:DO4 = 1 done\nio1:DO4 = 1\nio1:DO4 pulse = 1\n" << 4 << 1;
+        QTest::newRow("pulse path off") << QByteArray("set DO4 0\nget DO4\nget DO4 --pulse\n")
+                                        << "io1:DO4 = 0 done\nio1:DO4 = 0\nio1:DO4 pulse = 0\n" << 4 << 0;
+        // On for 1 ms, then off for a minute: the generator runs, the coil is off.
+        QTest::newRow("blinking, off phase") << QByteArray("blink DO3 --on 1 --off 65535 1\nexpect DO3 0 --within 5000\nget DO3\nget DO3 --pulse\n")
+                                             << "io1:DO3: blink on 1 ms, off 65535 ms, values [1] done\nio1:DO3 = 0 as expected\n"
+                                                "io1:DO3 = 0\nio1:DO3 pulse = 1\n" << 3 << 0;
+        QTest::newRow("get-run reads coils") << QByteArray("set DO6 1 --mask 1\nset DO7 0 --mask 1\nget-run DO6\n")
+                                             << "io1:DO6 = 1 (mask 0x0001) done\nio1:DO7 = 0 (mask 0x0001) done\nio1:DO6 = 1\nio1:DO7 = 0\n" << 6 << 1;
+    }
+
+    void outputMeaning()
+    {
+        QFETCH(QByteArray, steps);
+        QFETCH(QString, out);
+        QFETCH(int, coil);
+        QFETCH(int, coilValue);
+        const QString file = write(QStringLiteral("outputs.txt"), steps);
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file});
+        QCOMPARE(run.err, QString());
+        QCOMPARE(run.out, out);
+        QCOMPARE(run.exitCode, 0);
+        const Run mbpoll = runCtl({QStringLiteral("-m"), QStringLiteral("tcp"), QStringLiteral("-p"), QString::number(m_io1.port()),
+                                   QStringLiteral("-t"), QStringLiteral("0"), QStringLiteral("-0"), QStringLiteral("-r"), QString::number(coil),
+                                   QStringLiteral("-c"), QStringLiteral("1"), QStringLiteral("-1"), QStringLiteral("127.0.0.1")},
+                                  QStringLiteral("mbpoll"));
+        QCOMPARE(mbpoll.exitCode, 0);
+        QVERIFY2(mbpoll.out.contains(QStringLiteral("[%1]: \t%2\n").arg(coil).arg(coilValue)), qPrintable(mbpoll.out));
+        for (int channel = 0; channel < E1212Simulator::ChannelCount; ++channel)
+            m_io1.setPulseStatus(channel, false);
+    }
+
+    // Every --json line is one flat object: "command", "ok", "time" with its zone, "device" and
+    // "channel" where there is one, the values as members (no "results", no nested "values").
+    void jsonShape_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QStringList>("members"); // of the last line: "key" present, or "key=JSON"
+        QTest::addColumn<int>("lines");
+        const QString io1 = QStringLiteral("device=\"Moxa E1212 io1\"");
+        QTest::newRow("get") << QStringList{"get", "DI1"} << QStringList{"command=\"get\"", io1, "channel=\"DI1\"", "value=0"} << 1;
+        QTest::newRow("get --pulse") << QStringList{"get", "DO2", "--pulse"} << QStringList{"command=\"get\"", "channel=\"DO2\"", "pulse=0"} << 1;
+        QTest::newRow("get of io2") << QStringList{"get", "io2:DI1"} << QStringList{"device=\"Moxa E1212 io2\"", "channel=\"DI1\""} << 1;
+        QTest::newRow("get-run") << QStringList{"get-run", "DI6"} << QStringList{"command=\"get-run\"", "channel=\"DI6\"", "channels={\"DI6\":0,\"DI7\":0}"} << 1;
+        QTest::newRow("set") << QStringList{"set", "DO1", "0", "--mask", "1"}
+                             << QStringList{"command=\"set\"", io1, "channel=\"DO1\"", "value=0", "mask=1", "ok=true"} << 1;
+        QTest::newRow("blink") << QStringList{"blink", "DO6", "--on", "5", "--off", "6", "0", "0"}
+                               << QStringList{"command=\"blink\"", "channel=\"DO6\"", "on=5", "off=6", "channels={\"DO6\":0,\"DO7\":0}"} << 1;
+        QTest::newRow("info") << QStringList{"info"} << QStringList{"command=\"info\"", io1, "modelName=\"E1212\"", "macAddress=\"00:90:E8:12:34:56\""} << 1;
+        QTest::newRow("listen") << QStringList{"listen", "DI7", "--count", "1"}
+                                << QStringList{"command=\"listen\"", io1, "channel=\"DI7\"", "value=0", "events=1"} << 2;
+        QTest::newRow("expect") << QStringList{"expect", "DI7", "1"}
+                                << QStringList{"command=\"expect\"", io1, "channel=\"DI7\"", "expected=1", "value=0", "ok=false", "code=\"expect_failed\"", "error"} << 1;
+        QTest::newRow("run") << QStringList{"run", "getValues", "channel=DI7"} << QStringList{"command=\"getValues\"", "channel=\"DI7\"", "values=[0]"} << 1;
+        QTest::newRow("refused") << QStringList{"set", "DI0", "1"} << QStringList{"command=\"set\"", "ok=false", "code=\"refused\"", "error"} << 1;
+        QTest::newRow("watch") << QStringList{"watch", "io2", "--count", "16"} << QStringList{"command=\"watch\"", "records=16", "ok=true"} << 17;
+    }
+
+    void jsonShape()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QStringList, members);
+        QFETCH(int, lines);
+        const Run run = runCtl(QStringList{QStringLiteral("--config"), m_bench, QStringLiteral("--json")} + arguments);
+        const QList<QJsonObject> objects = jsonLines(run.out);
+        QCOMPARE(objects.size(), lines);
+        for (const QJsonObject &object : objects) {
+            QVERIFY2(hasZone(object.value(QStringLiteral("time"))), qPrintable(run.out));
+            QVERIFY(object.value(QStringLiteral("ok")).isBool());
+            QVERIFY(object.contains(QStringLiteral("command")));
+            QVERIFY(!object.contains(QStringLiteral("results")));
+            QVERIFY(!object.value(QStringLiteral("values")).isObject());
+            // An event names its device and channel; an error and its code come together.
+            QCOMPARE(object.contains(QStringLiteral("code")), !object.value(QStringLiteral("ok")).toBool());
+            QCOMPARE(object.contains(QStringLiteral("error")), !object.value(QStringLiteral("ok")).toBool());
+            if (object.contains(QStringLiteral("event")))
+                QVERIFY(object.contains(QStringLiteral("device")) && object.contains(QStringLiteral("channel")));
+        }
+        for (const QString &member : members) {
+            const QString key = member.section(QLatin1Char('='), 0, 0);
+            QVERIFY2(objects.last().contains(key), qPrintable(member + QStringLiteral(" in ") + run.out));
+            if (member.contains(QLatin1Char('=')))
+                QCOMPARE(QString::fromUtf8(QJsonDocument(QJsonArray{objects.last().value(key)}).toJson(QJsonDocument::Compact)),
+                         QStringLiteral("[%1]").arg(member.section(QLatin1Char('='), 1)));
+        }
+    }
+
+    // Records while the output is no terminal: one line per change with its zone, the same
+    // records in the files, each written before the next change comes; SIGTERM ends it well.
+    void watchRecords()
+    {
+        m_io1.setInput(1, false);
+        const QString csv = m_dir.filePath(QStringLiteral("watch.csv"));
+        const QString jsonl = m_dir.filePath(QStringLiteral("watch.jsonl"));
+        QProcess process;
+        QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+        process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), {QStringLiteral("--config"), m_bench, QStringLiteral("watch"),
+                                                                        QStringLiteral("DI1"), QStringLiteral("io2:DO2"),
+                                                                        QStringLiteral("--csv"), csv, QStringLiteral("--jsonl"), jsonl});
+        const auto fileLines = [](const QString &path) {
+            QFile file(path);
+            file.open(QIODevice::ReadOnly);
+            return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        };
+        QString out;
+        QTRY_VERIFY_WITH_TIMEOUT((out += QString::fromUtf8(process.readAllStandardOutput())).count(QLatin1Char('\n')) == 2, 10000);
+        QCOMPARE(fileLines(csv).size(), 3);
+        m_io1.setInput(1, true);
+        QTRY_VERIFY_WITH_TIMEOUT((out += QString::fromUtf8(process.readAllStandardOutput())).count(QLatin1Char('\n')) == 3, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(fileLines(jsonl).size(), 3, 10000);
+        const QStringList records = fileLines(csv);
+        QCOMPARE(records.size(), 4);
+        process.terminate();
+        QVERIFY(finished.wait(10000));
+        QCOMPARE(process.exitCode(), 0);
+
+        QCOMPARE(records.first(), QStringLiteral("time,device,channel,value,code"));
+        QVERIFY2(records.contains(records.at(1).section(QLatin1Char(','), 0, 0) + QStringLiteral(",Moxa E1212 io1,DI1,0,")), qPrintable(records.join('\n')));
+        QVERIFY2(records.last().endsWith(QStringLiteral(",Moxa E1212 io1,DI1,1,")), qPrintable(records.join('\n')));
+        const QStringList lines = out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QVERIFY2(lines.contains(records.at(1).section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 0"))
+                     || lines.contains(records.at(2).section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 0")), qPrintable(out));
+        QCOMPARE(lines.last(), records.last().section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 1"));
+        for (const QString &record : records.mid(1))
+            QVERIFY2(hasZone(record.section(QLatin1Char(','), 0, 0)), qPrintable(record));
+        const QJsonObject last = QJsonDocument::fromJson(fileLines(jsonl).last().toUtf8()).object();
+        QCOMPARE(last.value(QStringLiteral("channel")).toString(), QStringLiteral("DI1"));
+        QCOMPARE(last.value(QStringLiteral("value")), QJsonValue(1));
+        QCOMPARE(last.value(QStringLiteral("time")).toString(), records.last().section(QLatin1Char(','), 0, 0));
+    }
+
+    // On a terminal (a pseudo-terminal from script(1)) the table is drawn over itself.
+    void watchTable()
+    {
+        const Run run = runCtl({QStringLiteral("-qec"), QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl --config %1 watch DI4 io2:DI4 --count 2").arg(m_bench),
+                                QStringLiteral("/dev/null")}, QStringLiteral("script"));
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.out.startsWith(QStringLiteral("\rchannel  io1  io2\x1b[K\r\n\rDI4      .    .  \x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("\x1b[3A\rchannel  io1  io2\x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("\rDI4      0    0  \x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("  2 changes\x1b[K\r\n")), qPrintable(run.out));
+    }
+
+    // A watch that ends before a device ever answered has failed.
+    void watchSilentDevice()
+    {
+        m_io2.setResponseDelay(10000);
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--timeout"), QStringLiteral("5000"),
+                                QStringLiteral("watch"), QStringLiteral("io1:DI0"), QStringLiteral("io2:DI0"), QStringLiteral("--for"), QStringLiteral("0.5")});
+        m_io2.setResponseDelay(0);
+        QCOMPARE(run.exitCode, 1);
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: watch failed: device \"Moxa E1212 io2\" had not answered yet when the watch ended\n"));
     }
 
     // A failure after sending is exit 1, and its JSON line carries the error's code.
