@@ -65,6 +65,13 @@ class TstModbusDriver : public QObject
         return spy.at(0).at(1).value<Reply>();
     }
 
+    static qulonglong statistic(DAbstractDriver *driver, const char *name)
+    {
+        QVariantMap statistics;
+        QMetaObject::invokeMethod(driver, "connectionStatistics", Q_RETURN_ARG(QVariantMap, statistics));
+        return statistics.value(QLatin1String(name), ~0ull).toULongLong();
+    }
+
 private slots:
     void initTestCase()
     {
@@ -186,10 +193,11 @@ private slots:
         QTest::addColumn<int>("code");            // what the caller sees
         QTest::addColumn<int>("boundMs");         // at most, from the fault to that reply
         QTest::addColumn<QString>("text");        // how the error goes on after "device <address> (unit 1), <register>: "
+        QTest::addColumn<int>("discarded");       // late answers dropped by the end
         using F = ModbusFaultServer;
         const auto row = [](const char *name, int fault, const char *instruction, int code, const QString &text,
-                            int boundMs = TimeoutMs + 1000) {
-            QTest::newRow(name) << fault << QString::fromLatin1(instruction) << code << boundMs << text;
+                            int boundMs = TimeoutMs + 1000, int discarded = 0) {
+            QTest::newRow(name) << fault << QString::fromLatin1(instruction) << code << boundMs << text << discarded;
         };
         const int bad = IMessenger::CeMalformedReply, timeout = IMessenger::CeTimeout, lost = IMessenger::CeNoConnection;
         const QString malformed = QStringLiteral("malformed reply: "), late = QStringLiteral("no answer within 400 ms");
@@ -198,7 +206,8 @@ private slots:
         row("length 0xFFFF", F::LengthMax, "read", bad, malformed + "length field 65535, expected 3 to 254");
         row("random bytes", F::RandomBytes, "read", bad, malformed);
         row("bytes after the answer", F::TrailingBytes, "read", bad, malformed + "3 bytes after a frame whose length field is 4");
-        row("wrong transaction id", F::WrongTransaction, "read", bad, malformed + "transaction id 2, expected 1");
+        row("transaction id never sent", F::WrongTransaction, "read", bad, malformed + "transaction id 2, expected 1");
+        row("transaction id before the first", F::EarlierTransaction, "read", bad, malformed + "transaction id 0, expected 1");
         row("wrong unit id", F::WrongUnit, "read", bad, malformed + "unit id 2, expected 1");
         row("protocol id 1", F::ProtocolOne, "read", bad, malformed + "protocol id 1, expected 0");
         row("sister function code, read", F::SisterFunction, "read", bad, malformed + "function code 1, expected 2");
@@ -207,7 +216,7 @@ private slots:
         row("write echo, other value", F::WrongValue, "write", bad, malformed + "write echo carries value 65281, expected 65280");
         row("exception", F::Exception, "write", IMessenger::CeModbusException, "Modbus exception 6 (server device busy)");
         row("silent", F::Silent, "read", timeout, late);
-        row("answer after the time-out", F::Slow, "read", timeout, late);
+        row("answer after the time-out, dropped while the next is out", F::Slow, "read", timeout, late, TimeoutMs + 1000, 1);
         row("slow but in time, queued behind two others", F::Slow, "queued", IMessenger::CeNoError, {}, 3 * TimeoutMs + 1000);
         row("dropped mid-request", F::Drop, "write", lost, "connection to 127.0.0.1:");
         row("no server", Restart, "read", lost, "cannot connect to 127.0.0.1:");
@@ -225,6 +234,7 @@ private slots:
         QFETCH(int, code);
         QFETCH(int, boundMs);
         QFETCH(QString, text);
+        QFETCH(int, discarded);
         const bool listen = instruction == QLatin1String("listen"), queued = instruction == QLatin1String("queued");
         ModbusFaultServer server;
         QVERIFY(server.start());
@@ -269,6 +279,67 @@ private slots:
             QTRY_COMPARE_WITH_TIMEOUT(spy.size() > 2 ? spy.at(2).at(1).value<Reply>() : Reply(), values({0u}), 2000 + TimeoutMs + 1000);
         else
             QCOMPARE(run(driver, QStringLiteral("read"), read, TimeoutMs), values({0u}));
+        QCOMPARE(statistic(driver, "discardedAnswers"), qulonglong(discarded));
+    }
+
+    // A server that sends every answer twice: each copy is dropped, the connection kept.
+    void duplicateAnswers_data()
+    {
+        QTest::addColumn<QString>("instruction");
+        QTest::addColumn<QVariantMap>("parameters");
+        QTest::addColumn<QVariantList>("expected");
+        const QVariantList written{1u};
+        QTest::newRow("FC2 read") << "read" << params("discreteInputs", 2) << QVariantList{0u};
+        QTest::newRow("FC3 read many") << "read" << params("holdingRegisters", 256, "dataSize", 3) << QVariantList{0u, 0u, 0u};
+        QTest::newRow("FC5 write one") << "write" << params("coilsRegister", 3, "data", 1) << written;
+        QTest::newRow("FC6 write one") << "write" << params("holdingRegisters", 256, "data", 9) << written;
+        QTest::newRow("FC15 write many") << "write" << params("coilsRegister", 0, "data", QVariantList{1, 0, 1}) << written;
+        QTest::newRow("FC16 write many") << "write" << params("holdingRegisters", 256, "data", QVariantList{1, 2}) << written;
+        QTest::newRow("listen") << "listen" << params("discreteInputs", 2) << QVariantList{0u};
+    }
+
+    void duplicateAnswers()
+    {
+        QFETCH(QString, instruction);
+        QFETCH(QVariantMap, parameters);
+        QFETCH(QVariantList, expected);
+        ModbusFaultServer server;
+        QVERIFY(server.start());
+        server.setFault(ModbusFaultServer::Twice);
+        DAbstractDriver *driver = newDriver({{"port", server.serverPort()}, {"pollIntervalMs", 10}});
+        QVERIFY(driver);
+        const int requests = 5;
+        if (instruction == QLatin1String("listen")) {
+            QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
+            driver->startInstruction(m_nextId++, instruction, parameters, TimeoutMs);
+            QTRY_VERIFY_WITH_TIMEOUT(statistic(driver, "discardedAnswers") >= requests, 5000);
+            QCOMPARE(spy.size(), 1); // the values once, no outage
+            QCOMPARE(spy.at(0).at(1).value<Reply>(), values(expected));
+        } else {
+            for (int i = 0; i < requests; ++i)
+                QCOMPARE(run(driver, instruction, parameters, TimeoutMs), values(expected));
+            QTRY_COMPARE_WITH_TIMEOUT(statistic(driver, "discardedAnswers"), qulonglong(requests), 2000);
+            QCOMPARE(statistic(driver, "requests"), qulonglong(requests));
+        }
+        QCOMPARE(server.connectionCount(), 1);
+    }
+
+    // A time-out keeps the connection for the late answer; a second one in a row without a
+    // byte between opens a new connection.
+    void silentDeviceGetsNewConnection()
+    {
+        ModbusFaultServer server;
+        QVERIFY(server.start());
+        server.setFault(ModbusFaultServer::Silent);
+        DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
+        const QVariantMap read = params("discreteInputs", 2);
+        QCOMPARE(DError::fromReply(run(driver, QStringLiteral("read"), read, 100)).code, IMessenger::CeTimeout);
+        QCOMPARE(server.connectionCount(), 1);
+        QCOMPARE(DError::fromReply(run(driver, QStringLiteral("read"), read, 100)).code, IMessenger::CeTimeout);
+        QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
+        server.setFault(ModbusFaultServer::None);
+        QCOMPARE(run(driver, QStringLiteral("read"), read, TimeoutMs), values({0u}));
+        QCOMPARE(statistic(driver, "requests"), 3ull);
     }
 
     void sixteenListensShareTwoReads()
@@ -350,7 +421,8 @@ private slots:
         DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
         server.setFault(ModbusFaultServer::Unsolicited, 50);
         QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
-        // The copy comes while nothing is asked: that connection is dropped, the next request opens a new one.
+        // A frame for an id not yet asked comes while nothing is out: that connection is dropped,
+        // the next request opens a new one.
         QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
         server.setFault(ModbusFaultServer::None);
         QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
