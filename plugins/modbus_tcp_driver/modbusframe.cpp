@@ -2,10 +2,12 @@
 // Modbus TCP frames (MBAP header + PDU) as the driver writes them and checks the answers.
 #include "modbusframe.h"
 
+#include "modbusinstruction.h"
+
 namespace {
 bool isBits(QModbusDataUnit::RegisterType table)
 {
-    return table == QModbusDataUnit::Coils || table == QModbusDataUnit::DiscreteInputs;
+    return DChannelTable::isBitSpace(ModbusInstruction::spaceOf(table));
 }
 
 void put16(char *at, int value)
