@@ -137,6 +137,7 @@ void ModbusConnection::onConnected()
         return;
     m_timer.stop();
     m_state = Connected;
+    ++m_statistics.connections;
     m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     qCInfo(lcModbus).noquote() << "connected to" << m_settings.endpoint();
     pump();

@@ -41,6 +41,7 @@ public:
 
     // Counted over the object's life, across reopenings.
     struct Statistics {
+        quint64 connections = 0;      // opened
         quint64 requests = 0;         // written to the socket
         quint64 discardedAnswers = 0; // late or duplicate answers to requests already settled
     };

@@ -324,22 +324,27 @@ private slots:
         QCOMPARE(server.connectionCount(), 1);
     }
 
-    // A time-out keeps the connection for the late answer; a second one in a row without a
+    // A time-out keeps the connection for the late answer; a second one in a row with not a
     // byte between opens a new connection.
-    void silentDeviceGetsNewConnection()
+    void timeoutsInARow()
     {
         ModbusFaultServer server;
         QVERIFY(server.start());
-        server.setFault(ModbusFaultServer::Silent);
         DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
         const QVariantMap read = params("discreteInputs", 2);
-        QCOMPARE(DError::fromReply(run(driver, QStringLiteral("read"), read, 100)).code, IMessenger::CeTimeout);
-        QCOMPARE(server.connectionCount(), 1);
-        QCOMPARE(DError::fromReply(run(driver, QStringLiteral("read"), read, 100)).code, IMessenger::CeTimeout);
-        QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
+        const auto timedOut = [&] { return DError::fromReply(run(driver, QStringLiteral("read"), read, 100)).code == IMessenger::CeTimeout; };
+        // Each late answer comes while the next request is out, so each time-out is the first in a row.
+        server.setFault(ModbusFaultServer::Slow, 150);
+        QVERIFY(timedOut() && timedOut() && timedOut());
+        QTRY_COMPARE_WITH_TIMEOUT(statistic(driver, "discardedAnswers"), 3ull, 2000);
+        server.setFault(ModbusFaultServer::Silent);
+        QVERIFY(timedOut());
+        QCOMPARE(statistic(driver, "connections"), 1ull);
+        QVERIFY(timedOut());
         server.setFault(ModbusFaultServer::None);
         QCOMPARE(run(driver, QStringLiteral("read"), read, TimeoutMs), values({0u}));
-        QCOMPARE(statistic(driver, "requests"), 3ull);
+        QCOMPARE(statistic(driver, "connections"), 2ull);
+        QCOMPARE(statistic(driver, "requests"), 6ull);
     }
 
     void sixteenListensShareTwoReads()
@@ -424,8 +429,14 @@ private slots:
         // A frame for an id not yet asked comes while nothing is out: that connection is dropped,
         // the next request opens a new one.
         QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
+        // An id answered on the old connection was never sent on the new one.
+        server.setFault(ModbusFaultServer::EarlierTransaction);
+        const Reply reply = run(driver, QStringLiteral("read"), params("discreteInputs", 2));
+        QVERIFY2(reply.value(QStringLiteral("error")).toString().endsWith(QStringLiteral("malformed reply: transaction id 1, expected 2")),
+                 qPrintable(reply.value(QStringLiteral("error")).toString()));
         server.setFault(ModbusFaultServer::None);
         QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
+        QCOMPARE(statistic(driver, "discardedAnswers"), 0ull);
     }
 
     // The simulator's exceptions, as the driver meets them.
