@@ -74,7 +74,6 @@ void ModbusConnection::pump()
     if (m_state == Connected) {
         m_current = !m_commands.isEmpty() ? m_commands.dequeue() : m_polls.dequeue();
         m_busy = true;
-        m_received.clear();
         ++m_transactionId;
         ++m_statistics.requests;
         m_socket->write(ModbusFrame::request(m_transactionId, quint8(m_settings.unitId), m_current.unit,
