@@ -393,6 +393,7 @@ private slots:
     void stopWithdrawsQueuedRead()
     {
         DAbstractDriver *driver = newDriver({});
+        QCOMPARE(run(driver, QStringLiteral("read"), params("coilsRegister", 0)), values({0u})); // connected: the next read goes out at once
         QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
         driver->startInstruction(1, QStringLiteral("read"), params("coilsRegister", 0), 1000);
         driver->startInstruction(2, QStringLiteral("read"), params("coilsRegister", 1), 1000);
