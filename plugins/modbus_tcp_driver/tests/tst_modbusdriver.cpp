@@ -189,7 +189,7 @@ private slots:
     void faults_data()
     {
         QTest::addColumn<int>("fault");
-        QTest::addColumn<QString>("instruction"); // "queued": three reads at once
+        QTest::addColumn<QString>("instruction"); // "queued": three reads at once; "write two": a list
         QTest::addColumn<int>("code");            // what the caller sees
         QTest::addColumn<int>("boundMs");         // at most, from the fault to that reply
         QTest::addColumn<QString>("text");        // how the error goes on after "device <address> (unit 1), <register>: "
@@ -214,6 +214,7 @@ private slots:
         row("sister function code, write", F::SisterFunction, "write", bad, malformed + "function code 6, expected 5");
         row("write echo, other address", F::WrongAddress, "write", bad, malformed + "write echo names address 4, expected 3");
         row("write echo, other value", F::WrongValue, "write", bad, malformed + "write echo carries value 65281, expected 65280");
+        row("write echo, other quantity", F::WrongValue, "write two", bad, malformed + "write echo carries quantity 3, expected 2");
         row("exception", F::Exception, "write", IMessenger::CeModbusException, "Modbus exception 6 (server device busy)");
         row("silent", F::Silent, "read", timeout, late);
         row("answer after the time-out, dropped while the next is out", F::Slow, "read", timeout, late, TimeoutMs + 1000, 1);
@@ -262,12 +263,14 @@ private slots:
             QCOMPARE(spy.last().at(2).toBool(), queued); // a listen's report of the outage is not its end
             reply = spy.last().at(1).value<Reply>();
         } else {
-            reply = run(driver, instruction, instruction == QLatin1String("read") ? read : params("coilsRegister", 3, "data", 1), TimeoutMs, boundMs + 500);
+            const QVariant data = instruction == QLatin1String("write two") ? QVariant(QVariantList{1, 0}) : QVariant(1);
+            reply = run(driver, instruction.left(5), instruction == QLatin1String("read") ? read : params("coilsRegister", 3, "data", data), TimeoutMs, boundMs + 500);
         }
         QVERIFY2(clock.elapsed() <= boundMs, qPrintable(QString::number(clock.elapsed())));
         const DError error = DError::fromReply(reply);
         QVERIFY2(error.code == code && error.exceptionCode == (code == IMessenger::CeModbusException ? 6 : 0), qPrintable(error.text));
-        const QString where = instruction == QLatin1String("write") ? "coilsRegister register 3" : "discreteInputs register 2";
+        const QString where = instruction == QLatin1String("write") ? "coilsRegister register 3"
+                            : instruction == QLatin1String("write two") ? "coilsRegister registers 3-4" : "discreteInputs register 2";
         QVERIFY2(code == IMessenger::CeNoError || error.text.startsWith(QStringLiteral("device 127.0.0.1:%1 (unit 1), %2: %3").arg(port).arg(where, text)),
                  qPrintable(error.text));
 
