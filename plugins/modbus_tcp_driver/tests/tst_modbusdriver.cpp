@@ -340,9 +340,9 @@ private slots:
         QVERIFY(server.start());
         DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
         const QVariantMap read = params("discreteInputs", 2);
-        const auto timedOut = [&] { return DError::fromReply(run(driver, QStringLiteral("read"), read, 100)).code == IMessenger::CeTimeout; };
+        const auto timedOut = [&] { return DError::fromReply(run(driver, QStringLiteral("read"), read, 200)).code == IMessenger::CeTimeout; };
         // Each late answer comes while the next request is out, so each time-out is the first in a row.
-        server.setFault(ModbusFaultServer::Slow, 150);
+        server.setFault(ModbusFaultServer::Slow, 300);
         QVERIFY(timedOut() && timedOut() && timedOut());
         QTRY_COMPARE_WITH_TIMEOUT(statistic(driver, "discardedAnswers"), 3ull, 2000);
         server.setFault(ModbusFaultServer::Silent);
