@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -244,14 +245,70 @@ quint16 serveSimulator(int argc, char **argv, pid_t *child)
     return port;
 }
 
+#ifdef E1212_FASTSERVER
+// Runs the libmodbus server on a free loopback port in a child process and returns the port
+// it prints (0 on failure); the child ends with the parent.
+quint16 serveFastServer(pid_t *child)
+{
+    int fds[2];
+    if (pipe(fds) != 0)
+        return 0;
+    *child = fork();
+    if (*child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        dup2(fds[1], STDOUT_FILENO);
+        close(fds[0]);
+        close(fds[1]);
+        execl(E1212_FASTSERVER, E1212_FASTSERVER, "0", static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    QByteArray line;
+    char c = 0;
+    while (*child > 0 && line.size() < 64 && read(fds[0], &c, 1) == 1 && c != '\n')
+        line += c;
+    close(fds[0]);
+    const QByteArray prefix = "listening on 127.0.0.1:";
+    return line.startsWith(prefix) ? quint16(line.mid(prefix.size()).toUInt()) : 0;
+}
+#endif
+
+// The last CPU of `all`, and the others.
+std::pair<cpu_set_t, cpu_set_t> splitLastCpu(const cpu_set_t &all)
+{
+    cpu_set_t last;
+    cpu_set_t others = all;
+    CPU_ZERO(&last);
+    for (int cpu = CPU_SETSIZE - 1; cpu >= 0 && !CPU_COUNT(&last); --cpu) {
+        if (CPU_ISSET(cpu, &all)) {
+            CPU_SET(cpu, &last);
+            CPU_CLR(cpu, &others);
+        }
+    }
+    return {last, others};
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    // --fast-server: the libmodbus server instead of the simulator, pinned to a CPU of its
+    // own in the multi-device part.
+    bool fast = false;
+    for (int i = 1; i < argc; ++i)
+        fast = fast || std::strcmp(argv[i], "--fast-server") == 0;
     pid_t server = 0;
+#ifdef E1212_FASTSERVER
+    const quint16 port = fast ? serveFastServer(&server) : serveSimulator(argc, argv, &server);
+#else
+    if (fast) {
+        std::fprintf(stderr, "e1212bench: built without libmodbus, no --fast-server\n");
+        return 2;
+    }
     const quint16 port = serveSimulator(argc, argv, &server);
+#endif
     if (!port) {
-        std::fprintf(stderr, "e1212bench: cannot start the simulator\n");
+        std::fprintf(stderr, "e1212bench: cannot start the %s\n", fast ? "fast server" : "simulator");
         return 1;
     }
     QCoreApplication app(argc, argv);
@@ -268,7 +325,8 @@ int main(int argc, char **argv)
     if (configs.isEmpty())
         qFatal("%s", qPrintable(error));
 
-    std::printf("e1212bench: %d sequential requests per command; loopback simulator in a child process\n", sequential);
+    std::printf("e1212bench: %d sequential requests per command; loopback %s in a child process\n", sequential,
+                fast ? "libmodbus server" : "simulator");
     std::printf("%-22s %8s %12s %14s %10s %10s %8s\n", "client", "devices", "requests/s", "CPU us/request", "median us", "RSS MiB", "failed");
     {
         // One request at a time, client and server on one CPU: each request costs what both
@@ -277,12 +335,7 @@ int main(int argc, char **argv)
         sched_getaffinity(0, sizeof all, &all);
         const bool pin = !app.arguments().contains(QStringLiteral("--spread"));
         if (pin) {
-            cpu_set_t one;
-            CPU_ZERO(&one);
-            for (int cpu = CPU_SETSIZE - 1; cpu >= 0 && !CPU_COUNT(&one); --cpu) {
-                if (CPU_ISSET(cpu, &all))
-                    CPU_SET(cpu, &one);
-            }
+            const cpu_set_t one = splitLastCpu(all).first;
             sched_setaffinity(0, sizeof one, &one);
             sched_setaffinity(server, sizeof one, &one);
         }
@@ -306,7 +359,25 @@ int main(int argc, char **argv)
     }
     double fullCpuOne = 0;
     double bareCpuOne = 0;
-    const QList<int> deviceCounts = app.arguments().contains(QStringLiteral("--sequential")) ? QList<int>() : QList<int>{1, 16, 64, 256};
+    QList<int> deviceCounts = app.arguments().contains(QStringLiteral("--sequential")) ? QList<int>() : QList<int>{1, 16, 64, 256};
+    // --devices N,N...: only these counts.
+    const int devicesAt = app.arguments().indexOf(QStringLiteral("--devices"));
+    if (devicesAt > 0 && devicesAt + 1 < app.arguments().size()) {
+        deviceCounts.clear();
+        for (const QString &count : app.arguments().at(devicesAt + 1).split(QLatin1Char(',')))
+            deviceCounts << qMax(1, count.toInt());
+    }
+    cpu_set_t all;
+    sched_getaffinity(0, sizeof all, &all);
+    const auto [serverCpu, clientCpus] = splitLastCpu(all);
+    if (fast && CPU_COUNT(&clientCpus) > 0) {
+        sched_setaffinity(server, sizeof serverCpu, &serverCpu);
+        sched_setaffinity(0, sizeof clientCpus, &clientCpus);
+        int cpu = CPU_SETSIZE - 1;
+        while (cpu > 0 && !CPU_ISSET(cpu, &serverCpu))
+            --cpu;
+        std::printf("server on CPU %d, client on the %d others\n\n", cpu, CPU_COUNT(&clientCpus));
+    }
     for (int devices : deviceCounts) {
         FullStack full(&plugins, configs.first(), port, devices);
         runLoops(devices, devices * 2, full.issue(QStringLiteral("getValue")));
@@ -323,9 +394,11 @@ int main(int argc, char **argv)
         }
         printRow("getValue full stack", devices, fullFigures);
         printRow("read 1 bit bare Qt", devices, bareFigures);
-        std::printf("%d devices: throughput full/bare %.2f; CPU/request vs 1 device: full %.2f, bare %.2f\n\n", devices,
-                    fullFigures.requestsPerSecond / bareFigures.requestsPerSecond, fullFigures.cpuUsPerRequest / fullCpuOne,
-                    bareFigures.cpuUsPerRequest / bareCpuOne);
+        std::printf("%d devices: throughput full/bare %.2f", devices, fullFigures.requestsPerSecond / bareFigures.requestsPerSecond);
+        if (fullCpuOne > 0)
+            std::printf("; CPU/request vs 1 device: full %.2f, bare %.2f", fullFigures.cpuUsPerRequest / fullCpuOne,
+                        bareFigures.cpuUsPerRequest / bareCpuOne);
+        std::printf("\n\n");
     }
 
     kill(server, SIGTERM);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "deviceconfig.h"
 
+#include "dchanneltable.h"
+
 #include <QFile>
 #include <QHash>
 #include <QJsonArray>
@@ -15,16 +17,6 @@ const char c_e1212PluginUuid[] = "{43ae4651-f855-42c1-81e2-c73130e79008}";
 const char c_modbusDriverUuid[] = "{7d3f2a10-5b9e-4c61-8f0a-2e4b6c8d9a13}";
 // Larger files are refused unread.
 const qint64 c_maxFileSize = 16 * 1024 * 1024;
-
-// The register spaces the driver knows; the first two hold bits, the others 16-bit words.
-const QStringList c_registerSpaces{QStringLiteral("coilsRegister"), QStringLiteral("discreteInputs"),
-                                   QStringLiteral("inputRegisters"), QStringLiteral("holdingRegisters")};
-const QStringList c_channelTypes{QStringLiteral("analogInput"), QStringLiteral("analogOutput"),
-                                 QStringLiteral("digitalInput"), QStringLiteral("digitalOutput")};
-// The records a table with digital outputs needs for their pulse generators, and what each must give.
-const QStringList c_pulseRecords{QStringLiteral("DO_PulseStatus"), QStringLiteral("DO_PulseOnWidth"),
-                                 QStringLiteral("DO_PulseOffWidth")};
-const QStringList c_pulseEntries{QStringLiteral("register"), QStringLiteral("writeRegisterType")};
 
 QString typeName(const QJsonValue &value)
 {
@@ -133,16 +125,18 @@ public:
         if (id == QLatin1String("register"))
             return wholeNumberIn(value, 0, 65535) || wrong(QStringLiteral("a whole number 0-65535"));
         if (id == QLatin1String("size")) {
-            const bool words = c_registerSpaces.indexOf(readSpace) >= 2;
-            const int max = words ? 125 : 2000;
+            const int max = DChannelTable::maxReadCount(DChannelTable::spaceFromName(readSpace));
             return wholeNumberIn(value, 1, max)
                 || wrong(QStringLiteral("a whole number 1-%1").arg(max)
                          + (readSpace.isEmpty() ? QString() : QStringLiteral(" for \"%1\"").arg(readSpace)));
         }
         if (id == QLatin1String("readRegisterType") || id == QLatin1String("writeRegisterType"))
-            return (value.isString() && c_registerSpaces.contains(value.toString())) || wrong(oneOf(c_registerSpaces));
-        if (id == QLatin1String("type"))
-            return (value.isString() && c_channelTypes.contains(value.toString())) || wrong(oneOf(c_channelTypes));
+            return (value.isString() && DChannelTable::spaceFromName(value.toString()) != DChannelTable::NoSpace)
+                || wrong(oneOf(DChannelTable::spaceNames()));
+        if (id == QLatin1String("type")) {
+            const QStringList types = DChannelTable::typeNames();
+            return (value.isString() && types.contains(value.toString())) || wrong(oneOf(types));
+        }
         if (id == QLatin1String("activeLevelHigh"))
             return value.isBool() || wrong(QStringLiteral("true or false"));
         return true;
@@ -207,12 +201,15 @@ public:
         }
         if (firstOutput.isEmpty())
             return true;
-        for (const QString &pulse : c_pulseRecords) {
+        // A table with digital outputs needs the records of their pulse generators.
+        const QStringList pulseEntries = DChannelTable::pulseRecordEntryIds();
+        const QStringList pulseRecords = DChannelTable::pulseRecordIds();
+        for (const QString &pulse : pulseRecords) {
             if (!indexOf.contains(pulse))
                 return fail(path, QStringLiteral("\"%1\" is a digital output, so the table needs the pulse record \"%2\"")
                                       .arg(firstOutput, pulse));
             const int index = indexOf.value(pulse);
-            for (const QString &needed : c_pulseEntries)
+            for (const QString &needed : pulseEntries)
                 if (entryOf(records.at(index).toObject(), needed).isUndefined())
                     return fail(path + QStringLiteral("[%1].value").arg(index),
                                 QStringLiteral("the pulse record \"%1\" has no \"%2\"").arg(pulse, needed));

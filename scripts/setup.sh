@@ -13,6 +13,7 @@ packages=(
   qml-module-qtquick-controls2 qml-module-qtquick-templates2 qml-module-qttest
   qml-module-qtqml-models2
   qt5-qmltooling-plugins
+  libmodbus-dev
   mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio time
   xvfb xauth
 )

@@ -11,10 +11,12 @@ class TstDeviceConfig : public QObject
 private slots:
     void deviceList()
     {
-        // Every checked entry at its bounds, an unknown entry, and pulse records that can be read as blocks.
+        // Every checked entry at its bounds, an unknown entry, pulse records that can be read as blocks,
+        // and a table without outputs that needs none.
         QString error;
         const QList<DeviceConfig> devices = DeviceConfig::fromJson(R"({"devices": [
-            {"reference": "bench a", "connection": {"host": "127.0.0.1", "port": 1, "unitId": 0, "timeoutMs": 1}},
+            {"reference": "bench a", "connection": {"host": "127.0.0.1", "port": 1, "unitId": 0, "timeoutMs": 1, "pollIntervalMs": 3600000},
+             "parameters": {"a_channels": [{"id": "DI0", "value": [{"id": "type", "value": "digitalInput"}, {"id": "size", "value": 1}]}]}},
             {"reference": "bench b", "plugin": "{a3c1f2d4-6b7e-4f80-9c1d-2e3f4a5b6c7d}", "parameters": {"b_channels": [
                 {"id": "DO0", "name": "", "value": [{"id": "type", "value": "digitalOutput"}, {"id": "register", "value": 65535},
                     {"id": "size", "value": 2000}, {"id": "activeLevelHigh", "value": false}, {"id": "mode", "value": [1]}]},
@@ -77,6 +79,8 @@ private slots:
             "devices[1].connection.timeoutMs: 3600001 is out of range (expected a whole number from 1 to 3600000)");
         row("port 65536", R"({"reference": "a", "connection": {"port": 65536}})",
             "connection.port: 65536 is out of range (expected a whole number from 1 to 65535)");
+        row("poll interval 3600001", R"({"reference": "a", "connection": {"pollIntervalMs": 3600001}})",
+            "connection.pollIntervalMs: 3600001 is out of range (expected a whole number from 1 to 3600000)");
         row("unit 256", R"({"reference": "a", "connection": {"unitId": 256}})",
             "connection.unitId: 256 is out of range (expected a whole number from 0 to 255)");
         row("connection not an object", R"({"reference": "a", "connection": "10.0.0.9"})", "connection: expected an object, found a text");

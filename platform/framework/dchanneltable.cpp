@@ -82,6 +82,11 @@ QStringList DChannelTable::pulseRecordIds()
     return {QStringLiteral("DO_PulseStatus"), QStringLiteral("DO_PulseOnWidth"), QStringLiteral("DO_PulseOffWidth")};
 }
 
+QStringList DChannelTable::pulseRecordEntryIds()
+{
+    return {QStringLiteral("register"), QStringLiteral("writeRegisterType")};
+}
+
 DChannelTable::RegisterSpace DChannelTable::Record::readSpace() const
 {
     return spaceFromName(value(QStringLiteral("readRegisterType")).toString());

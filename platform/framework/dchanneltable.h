@@ -32,8 +32,9 @@ public:
     static QStringList typeNames();
     static bool isOutputType(const QString &type);
 
-    // The fixed records of the module's pulse-output registers.
+    // The fixed records of the module's pulse-output registers, and the entries each must give.
     static QStringList pulseRecordIds();
+    static QStringList pulseRecordEntryIds();
 
     struct Record
     {

@@ -74,8 +74,8 @@ void ModbusConnection::pump()
     if (m_state == Connected) {
         m_current = !m_commands.isEmpty() ? m_commands.dequeue() : m_polls.dequeue();
         m_busy = true;
-        m_received.clear();
         ++m_transactionId;
+        ++m_statistics.requests;
         m_socket->write(ModbusFrame::request(m_transactionId, quint8(m_settings.unitId), m_current.unit,
                                              m_current.write));
         m_timer.start(m_current.timeoutMs, this);
@@ -110,17 +110,21 @@ void ModbusConnection::timerEvent(QTimerEvent *event)
     } else if (m_state == Connecting) {
         connectFailed(IMessenger::CeTimeout, QStringLiteral("no connection within %1 ms").arg(m_connectTimeoutMs));
     } else if (m_busy) {
-        // A partial answer is a broken one; no answer at all is a time-out.
+        // A partial answer is a broken one; no answer at all is a time-out. The socket stays
+        // open for the late answer (which is then dropped) unless the request before also went
+        // unanswered: a silent device or a half-open connection gets a new connection.
         DError error;
         if (m_received.isEmpty()) {
             error.code = IMessenger::CeTimeout;
             error.text = QStringLiteral("no answer within %1 ms").arg(m_current.timeoutMs);
+            if (++m_silentTimeouts > 1)
+                resynchronise(error.text);
         } else {
             error.code = IMessenger::CeMalformedReply;
             error.text = QStringLiteral("malformed reply: only %1 bytes within %2 ms")
                              .arg(m_received.size()).arg(m_current.timeoutMs);
+            resynchronise(error.text);
         }
-        resynchronise(error.text);
         complete(error);
         pump();
     }
@@ -132,6 +136,7 @@ void ModbusConnection::onConnected()
         return;
     m_timer.stop();
     m_state = Connected;
+    ++m_statistics.connections;
     m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     qCInfo(lcModbus).noquote() << "connected to" << m_settings.endpoint();
     pump();
@@ -151,31 +156,53 @@ void ModbusConnection::onReadyRead()
         m_received = m_socket->readAll();
     else
         m_received += m_socket->readAll();
-    if (!m_busy) {
-        resynchronise(QStringLiteral("%1 bytes came while no request was out").arg(m_received.size()));
+    m_silentTimeouts = 0;
+    const quint8 unitId = quint8(m_settings.unitId);
+    // Frame by frame: a completion may send the next request before the rest is judged.
+    while (!m_received.isEmpty() && m_state == Connected) {
+        const int earlier = ModbusFrame::earlierAnswerSize(m_received, lastSettledId(), m_settled, unitId);
+        if (earlier > m_received.size())
+            return; // the rest of it is due (at most one frame, bounded by the request's time-out)
+        if (earlier > 0) {
+            m_received.remove(0, earlier);
+            ++m_statistics.discardedAnswers;
+            qCDebug(lcModbus).noquote() << m_settings.deviceText() << ": dropped a late or duplicate answer";
+            continue;
+        }
+        if (!m_busy) {
+            resynchronise(QStringLiteral("%1 bytes came while no request was out").arg(m_received.size()));
+            pump();
+            return;
+        }
+        // The answer is judged alone when what follows it may be a copy of it.
+        QByteArray answer = m_received;
+        const int size = ModbusFrame::frameSize(m_received);
+        if (size > 0 && size < m_received.size()
+            && ModbusFrame::earlierAnswerSize(m_received.mid(size), m_transactionId, m_settled + 1, unitId) > 0)
+            answer.truncate(size);
+        DError error;
+        QVector<quint16> values;
+        if (ModbusFrame::checkReply(answer, m_transactionId, unitId, m_current.unit, m_current.write, &error,
+                                    &values) == ModbusFrame::Incomplete)
+            return;
+        m_received.remove(0, answer.size());
+        if (error.code == IMessenger::CeMalformedReply) {
+            resynchronise(error.text);
+        } else {
+            m_timer.stop();
+            m_backoffMs = 0;
+            m_sinceFailure.invalidate();
+        }
+        complete(error, values);
         pump();
-        return;
     }
-    DError error;
-    QVector<quint16> values;
-    if (ModbusFrame::checkReply(m_received, m_transactionId, quint8(m_settings.unitId), m_current.unit,
-                                m_current.write, &error, &values) == ModbusFrame::Incomplete)
-        return;
-    m_received.clear();
-    if (error.code == IMessenger::CeMalformedReply) {
-        resynchronise(error.text);
-    } else {
-        m_timer.stop();
-        m_backoffMs = 0;
-        m_sinceFailure.invalidate();
-    }
-    complete(error, values);
-    pump();
 }
 
 void ModbusConnection::complete(const DError &error, const QVector<quint16> &values)
 {
     m_busy = false;
+    if (m_state == Connected)
+        m_settled = qMin(m_settled + 1, int(SettledWindow));
     const Completion done = std::move(m_current.done);
     m_current.done = nullptr;
     if (done)
@@ -228,6 +255,8 @@ void ModbusConnection::closeSocket()
     m_state = Unconnected;
     m_timer.stop();
     m_received.clear();
+    m_settled = 0;
+    m_silentTimeouts = 0;
     m_socket->abort();
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // One device's Modbus TCP connection: opened on first use and kept, reopened after a loss
 // or a broken exchange with bounded back-off, one request on the wire at a time.
+// An answer that comes late (after its request timed out) or twice is dropped: the request
+// on the wire waits for its own answer within its own time-out.
 #pragma once
 
 #include "derror.h"
@@ -37,6 +39,14 @@ public:
     const ModbusConnectionSettings &settings() const { return m_settings; }
     State state() const { return m_state; }
 
+    // Counted over the object's life, across reopenings.
+    struct Statistics {
+        quint64 connections = 0;      // opened
+        quint64 requests = 0;         // written to the socket
+        quint64 discardedAnswers = 0; // late or duplicate answers to requests already settled
+    };
+    const Statistics &statistics() const { return m_statistics; }
+
     // Queues a read (`write` false: the unit gives table, start and count) or a write of the
     // unit's values. The device gets `timeoutMs` to answer, counted from when the request is
     // written to the socket; opening the connection for it is bounded by the same figure.
@@ -58,6 +68,10 @@ public:
     // InitialBackoffMs up to MaxBackoffMs, back to the start after a good answer.
     static constexpr int InitialBackoffMs = 100;
     static constexpr int MaxBackoffMs = 2000;
+    // An answer is recognised as late or duplicate while its request is one of the last
+    // this many settled (answered or given up) on the current socket; any other id that is
+    // not the request on the wire is a broken exchange.
+    static constexpr int SettledWindow = 32;
 
 protected:
     // The connection's one timer: the opening deadline while connecting, the answer
@@ -87,6 +101,8 @@ private:
     void resynchronise(const QString &why);
     void closeSocket();
     void noteFailure();
+    // The transaction id of the last settled request on this socket.
+    quint16 lastSettledId() const { return m_busy ? quint16(m_transactionId - 1) : m_transactionId; }
 
     const ModbusConnectionSettings m_settings;
     QTcpSocket *m_socket = nullptr;
@@ -97,6 +113,9 @@ private:
     bool m_busy = false; // m_current is on the wire
     QByteArray m_received;
     quint16 m_transactionId = 0;
+    int m_settled = 0;        // requests settled on this socket, at most SettledWindow
+    int m_silentTimeouts = 0; // time-outs in a row on this socket with not a byte between
+    Statistics m_statistics;
     int m_connectTimeoutMs = 0;
     State m_state = Unconnected;
     QElapsedTimer m_sinceFailure;

@@ -2,10 +2,12 @@
 // Modbus TCP frames (MBAP header + PDU) as the driver writes them and checks the answers.
 #include "modbusframe.h"
 
+#include "modbusinstruction.h"
+
 namespace {
 bool isBits(QModbusDataUnit::RegisterType table)
 {
-    return table == QModbusDataUnit::Coils || table == QModbusDataUnit::DiscreteInputs;
+    return DChannelTable::isBitSpace(ModbusInstruction::spaceOf(table));
 }
 
 void put16(char *at, int value)
@@ -85,6 +87,25 @@ QByteArray ModbusFrame::request(quint16 transactionId, quint8 unitId, const QMod
     return frame;
 }
 
+int ModbusFrame::frameSize(const QByteArray &bytes)
+{
+    return bytes.size() < 6 ? 0 : 6 + get16(reinterpret_cast<const uchar *>(bytes.constData()) + 4);
+}
+
+int ModbusFrame::earlierAnswerSize(const QByteArray &bytes, quint16 lastId, int count, quint8 unitId)
+{
+    const auto *b = reinterpret_cast<const uchar *>(bytes.constData());
+    const int size = bytes.size();
+    if (count <= 0 || (size >= 2 && quint16(lastId - get16(b)) >= count) || (size >= 4 && get16(b + 2) != 0))
+        return -1;
+    if (size < 6)
+        return HeaderSize;
+    const int length = get16(b + 4);
+    if (length < MinLength || length > MaxLength || (size >= HeaderSize && b[6] != unitId))
+        return -1;
+    return 6 + length;
+}
+
 ModbusFrame::Status ModbusFrame::checkReply(const QByteArray &bytes, quint16 transactionId, quint8 unitId,
                                             const QModbusDataUnit &unit, bool write, DError *error,
                                             QVector<quint16> *values)
@@ -101,9 +122,8 @@ ModbusFrame::Status ModbusFrame::checkReply(const QByteArray &bytes, quint16 tra
         return malformed(error, QStringLiteral("transaction id %1, expected %2").arg(transaction).arg(transactionId));
     if (b[6] != unitId)
         return malformed(error, QStringLiteral("unit id %1, expected %2").arg(b[6]).arg(unitId));
-    // The largest Modbus PDU is 253 bytes; an answer has at least a function code and one byte.
-    if (length < 3 || length > 254)
-        return malformed(error, QStringLiteral("length field %1, expected 3 to 254").arg(length));
+    if (length < MinLength || length > MaxLength)
+        return malformed(error, QStringLiteral("length field %1, expected %2 to %3").arg(length).arg(MinLength).arg(MaxLength));
     if (bytes.size() < 6 + length)
         return Incomplete;
     if (bytes.size() > 6 + length)

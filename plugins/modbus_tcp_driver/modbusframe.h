@@ -31,5 +31,18 @@ public:
     static Status checkReply(const QByteArray &bytes, quint16 transactionId, quint8 unitId,
                              const QModbusDataUnit &unit, bool write, DError *error, QVector<quint16> *values);
 
+    // The size the frame at the start of `bytes` gives itself in its header (6 + length
+    // field); 0 while fewer than 6 bytes are there.
+    static int frameSize(const QByteArray &bytes);
+    // Whether `bytes` start with an answer to one of the `count` transactions up to and
+    // including `lastId`: -1 when they cannot (another id, a protocol id other than 0, another
+    // unit, a length field outside 3-254); otherwise the size of that frame, HeaderSize while
+    // its header is incomplete. Only the header is judged: such an answer is dropped unread.
+    static int earlierAnswerSize(const QByteArray &bytes, quint16 lastId, int count, quint8 unitId);
+
     static constexpr int HeaderSize = 7; // MBAP: transaction, protocol, length, unit
+    // Length field of an answer: unit id, function code and at least one byte, at most the
+    // unit id and the largest PDU (253 bytes).
+    static constexpr int MinLength = 3;
+    static constexpr int MaxLength = 254;
 };

@@ -3,28 +3,10 @@
 #include "modbusinstruction.h"
 
 namespace {
-struct TableInfo {
-    const char *name;
-    QModbusDataUnit::RegisterType table;
-    bool writable;
-    int maxRead;  // per request: 2000 bits (FC1/FC2), 125 registers (FC3/FC4)
-    int maxWrite; // per request: 1968 coils (FC15), 123 registers (FC16)
-};
-
-const TableInfo c_tables[] = {
-    {"coilsRegister", QModbusDataUnit::Coils, true, 2000, 1968},
-    {"discreteInputs", QModbusDataUnit::DiscreteInputs, false, 2000, 0},
-    {"inputRegisters", QModbusDataUnit::InputRegisters, false, 125, 0},
-    {"holdingRegisters", QModbusDataUnit::HoldingRegisters, true, 125, 123},
-};
-
-const TableInfo *findTable(const QString &name)
+// "a, b, c or d"
+QString alternatives(const QStringList &names)
 {
-    for (const TableInfo &info : c_tables) {
-        if (name == QLatin1String(info.name))
-            return &info;
-    }
-    return nullptr;
+    return names.mid(0, names.size() - 1).join(QStringLiteral(", ")) + QStringLiteral(" or ") + names.last();
 }
 
 // A whole number from a JSON double, an int, a bool or a numeric string.
@@ -70,10 +52,10 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
         return false;
     }
 
-    const TableInfo *table = findTable(typeName);
-    if (!table)
-        return fail(QStringLiteral("unknown register type \"%1\" (expected coilsRegister, discreteInputs, "
-                                   "inputRegisters or holdingRegisters)").arg(typeName));
+    const DChannelTable::RegisterSpace space = DChannelTable::spaceFromName(typeName);
+    if (space == DChannelTable::NoSpace)
+        return fail(QStringLiteral("unknown register type \"%1\" (expected %2)")
+                        .arg(typeName, alternatives(DChannelTable::spaceNames())));
 
     qlonglong start = 0;
     if (!registerValue.isValid())
@@ -84,7 +66,7 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
     QVector<quint16> values;
     qlonglong count = 1;
     if (result.m_operation == Write) {
-        if (!table->writable)
+        if (!DChannelTable::isWritable(space))
             return fail(QStringLiteral("%1 is read-only, it cannot be written").arg(typeName));
         const QVariant data = parameters.value(QStringLiteral("data"));
         QVariantList items;
@@ -98,7 +80,7 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
         for (int i = 0; i < items.size(); ++i) {
             qlonglong v = 0;
             const bool numeric = toInteger(items.at(i), &v);
-            if (table->table == QModbusDataUnit::Coils && numeric)
+            if (space == DChannelTable::Coils && numeric)
                 values.append(v != 0 ? 1 : 0);
             else if (numeric && v >= 0 && v <= 0xFFFF)
                 values.append(quint16(v));
@@ -115,7 +97,7 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
             return fail(QStringLiteral("dataSize 0, nothing to read"));
     }
 
-    const int limit = result.m_operation == Write ? table->maxWrite : table->maxRead;
+    const int limit = result.m_operation == Write ? DChannelTable::maxWriteCount(space) : DChannelTable::maxReadCount(space);
     if (start + count - 1 > 0xFFFF)
         return fail(QStringLiteral("%1 addresses from %2 run past the end of the table (last address 65535)")
                         .arg(count).arg(start));
@@ -126,7 +108,7 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
                                                          : QStringLiteral("values to read"))
                         .arg(limit));
 
-    result.m_unit = QModbusDataUnit(table->table, int(start), quint16(count));
+    result.m_unit = QModbusDataUnit(tableOf(space), int(start), quint16(count));
     if (result.m_operation == Write)
         result.m_unit.setValues(values);
     *out = result;
@@ -135,11 +117,7 @@ bool ModbusInstruction::parse(const QString &instruction, const QVariantMap &par
 
 QString ModbusInstruction::registerText(const QModbusDataUnit &unit)
 {
-    QString typeName;
-    for (const TableInfo &info : c_tables) {
-        if (info.table == unit.registerType())
-            typeName = QLatin1String(info.name);
-    }
+    const QString typeName = DChannelTable::spaceName(spaceOf(unit.registerType()));
     const int start = unit.startAddress();
     const int count = int(unit.valueCount());
     if (count <= 1)
@@ -154,4 +132,28 @@ QVariantList ModbusInstruction::replyValues(const quint16 *values, int count)
     for (int i = 0; i < count; ++i)
         list.append(uint(values[i]));
     return list;
+}
+
+QModbusDataUnit::RegisterType ModbusInstruction::tableOf(DChannelTable::RegisterSpace space)
+{
+    switch (space) {
+    case DChannelTable::Coils: return QModbusDataUnit::Coils;
+    case DChannelTable::DiscreteInputs: return QModbusDataUnit::DiscreteInputs;
+    case DChannelTable::InputRegisters: return QModbusDataUnit::InputRegisters;
+    case DChannelTable::HoldingRegisters: return QModbusDataUnit::HoldingRegisters;
+    case DChannelTable::NoSpace: break;
+    }
+    return QModbusDataUnit::Invalid;
+}
+
+DChannelTable::RegisterSpace ModbusInstruction::spaceOf(QModbusDataUnit::RegisterType table)
+{
+    switch (table) {
+    case QModbusDataUnit::Coils: return DChannelTable::Coils;
+    case QModbusDataUnit::DiscreteInputs: return DChannelTable::DiscreteInputs;
+    case QModbusDataUnit::InputRegisters: return DChannelTable::InputRegisters;
+    case QModbusDataUnit::HoldingRegisters: return DChannelTable::HoldingRegisters;
+    case QModbusDataUnit::Invalid: break;
+    }
+    return DChannelTable::NoSpace;
 }

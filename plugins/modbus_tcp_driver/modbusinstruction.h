@@ -2,6 +2,8 @@
 // One driver instruction ("read", "write", "listen") checked and turned into a Modbus data unit.
 #pragma once
 
+#include "dchanneltable.h"
+
 #include <QModbusDataUnit>
 #include <QString>
 #include <QVariantMap>
@@ -29,6 +31,10 @@ public:
 
     // Values as the driver's reply carries them (unsigned numbers).
     static QVariantList replyValues(const quint16 *values, int count);
+
+    // The Modbus table of a register space and back (NoSpace <-> Invalid).
+    static QModbusDataUnit::RegisterType tableOf(DChannelTable::RegisterSpace space);
+    static DChannelTable::RegisterSpace spaceOf(QModbusDataUnit::RegisterType table);
 
 private:
     Operation m_operation = Read;

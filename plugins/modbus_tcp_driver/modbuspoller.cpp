@@ -13,11 +13,6 @@ namespace {
 // Every poll goes under this tag, so takeAll() can withdraw them at once.
 constexpr quint64 c_pollTag = ~quint64(0);
 
-int maxPerRead(QModbusDataUnit::RegisterType table)
-{
-    return table == QModbusDataUnit::Coils || table == QModbusDataUnit::DiscreteInputs ? 2000 : 125;
-}
-
 int end(const QModbusDataUnit &unit)
 {
     return unit.startAddress() + int(unit.valueCount());
@@ -101,7 +96,7 @@ void ModbusPoller::plan()
             const int start = span.unit.startAddress();
             const int newEnd = qMax(end(span.unit), end(unit));
             if (span.unit.registerType() == unit.registerType() && unit.startAddress() - end(span.unit) <= NearGap
-                && newEnd - start <= maxPerRead(unit.registerType())) {
+                && newEnd - start <= DChannelTable::maxReadCount(ModbusInstruction::spaceOf(unit.registerType()))) {
                 span.unit.setValueCount(uint(newEnd - start));
                 span.timeoutMs = qMin(span.timeoutMs, listener.timeoutMs);
                 span.members.append(id);

@@ -138,6 +138,13 @@ void PDriverModbusTcp::stopInstruction(unsigned long long id)
     }
 }
 
+QVariantMap PDriverModbusTcp::connectionStatistics() const
+{
+    const ModbusConnection::Statistics counted = m_connection ? m_connection->statistics() : ModbusConnection::Statistics();
+    return {{QStringLiteral("connections"), counted.connections}, {QStringLiteral("requests"), counted.requests},
+            {QStringLiteral("discardedAnswers"), counted.discardedAnswers}};
+}
+
 void PDriverModbusTcp::replyLater(unsigned long long id, const QVariantMap &reply)
 {
     m_pending.insert(id);

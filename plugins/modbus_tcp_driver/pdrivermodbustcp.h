@@ -39,6 +39,10 @@ public:
     void stopInstruction(unsigned long long id) override;
 
     const ModbusConnectionSettings &connectionSettings() const { return m_settings; }
+    // The current connection's counters: {"connections": n (opened), "requests": n (sent),
+    // "discardedAnswers": n (late or duplicate answers dropped)}; zeros before the first
+    // instruction and after a reconfiguration.
+    Q_INVOKABLE QVariantMap connectionStatistics() const;
 
 private:
     void replyLater(unsigned long long id, const QVariantMap &reply);

@@ -56,6 +56,7 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
         case TrailingBytes: reply += QByteArray(3, '\x01'); break;
         case WrongTransaction: reply[1] = char(reply[1] + 1); break;
         case WrongUnit: reply[6] = char(reply[6] + 1); break;
+        case EarlierTransaction: reply[1] = char(reply[1] - 1); break;
         case ProtocolOne: reply[3] = 1; break;
         case SisterFunction: reply[7] = char(fc == 15 || fc == 16 ? 31 - fc : ((fc - 1) ^ 1) + 1); break;
         case WrongAddress: reply[9] = char(reply[9] + 1); break;
@@ -65,7 +66,13 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
         case Slow: QTimer::singleShot(m_delayMs, Qt::PreciseTimer, socket, [socket, reply] { socket->write(reply); });
             reply.clear(); break;
         case Drop: socket->abort(); socket->deleteLater(); return;
-        case Unsolicited: QTimer::singleShot(m_delayMs, socket, [socket, reply] { socket->write(reply); }); break;
+        case Twice: socket->write(reply); break;
+        case Unsolicited: {
+            QByteArray next = reply;
+            next[1] = char(next[1] + 1);
+            QTimer::singleShot(m_delayMs, socket, [socket, next] { socket->write(next); });
+            break;
+        }
         case None: break;
         }
         socket->write(reply);

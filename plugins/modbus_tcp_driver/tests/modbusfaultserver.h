@@ -11,11 +11,14 @@ class ModbusFaultServer : public QTcpServer
 public:
     // Truncated: without its last two bytes. LengthZero, LengthMax: MBAP length 0, 0xFFFF. RandomBytes: 1-40
     // random bytes instead. TrailingBytes: three more after it. WrongTransaction, WrongUnit: that id + 1.
-    // ProtocolOne: protocol id 1. SisterFunction: 1<->2, 3<->4, 5<->6, 15<->16. WrongAddress, WrongValue: a
-    // write echo naming the next address, another value. Exception: exception 6. Silent: no answer. Slow: the
-    // answer after delayMs. Drop: the connection closed instead. Unsolicited: the answer, a copy after delayMs.
+    // EarlierTransaction: transaction id - 1. ProtocolOne: protocol id 1. SisterFunction: 1<->2, 3<->4, 5<->6,
+    // 15<->16. WrongAddress, WrongValue: a write echo naming the next address, another value. Exception:
+    // exception 6. Silent: no answer. Slow: the answer after delayMs. Drop: the connection closed instead.
+    // Twice: the answer and at once a copy of it. Unsolicited: the answer, after delayMs a copy with the next
+    // transaction id (one not yet asked).
     enum Fault { None, Truncated, LengthZero, LengthMax, RandomBytes, TrailingBytes, WrongTransaction, WrongUnit,
-                 ProtocolOne, SisterFunction, WrongAddress, WrongValue, Exception, Silent, Slow, Drop, Unsolicited };
+                 EarlierTransaction, ProtocolOne, SisterFunction, WrongAddress, WrongValue, Exception, Silent, Slow,
+                 Drop, Twice, Unsolicited };
 
     explicit ModbusFaultServer(QObject *parent = nullptr);
     bool start(quint16 port = 0) { return listen(QHostAddress::LocalHost, port); } // 0 picks a free port

@@ -65,6 +65,13 @@ class TstModbusDriver : public QObject
         return spy.at(0).at(1).value<Reply>();
     }
 
+    static qulonglong statistic(DAbstractDriver *driver, const char *name)
+    {
+        QVariantMap statistics;
+        QMetaObject::invokeMethod(driver, "connectionStatistics", Q_RETURN_ARG(QVariantMap, statistics));
+        return statistics.value(QLatin1String(name), ~0ull).toULongLong();
+    }
+
 private slots:
     void initTestCase()
     {
@@ -121,7 +128,7 @@ private slots:
         QTest::newRow("FC5 one coil, non-zero is ON") << "coilsRegister" << 3 << QVariant(7) << QVariantList{0u, 0u, 0u, 1u, 0u};
         QTest::newRow("FC15 a byte of coils") << "coilsRegister" << 0 << QVariant(QVariantList{1, 1, 0, 0, 0, 0, 0, 1}) << QVariantList{1u, 1u, 0u, 0u, 0u, 0u, 0u, 1u};
         QTest::newRow("FC6 one register") << "holdingRegisters" << 257 << QVariant(65535) << QVariantList{1u, 65535u, 1u};
-        QTest::newRow("FC16 register list") << "holdingRegisters" << 256 << QVariant(QVariantList{500, 250.0, "7"}) << QVariantList{500u, 250u, 7u};
+        QTest::newRow("FC16 register list") << "holdingRegisters" << 256 << QVariant(QVariantList{500, 250.0, "7", 0}) << QVariantList{500u, 250u, 7u, 0u};
     }
 
     void readAndWriteEachTable()
@@ -182,14 +189,15 @@ private slots:
     void faults_data()
     {
         QTest::addColumn<int>("fault");
-        QTest::addColumn<QString>("instruction"); // "queued": three reads at once
+        QTest::addColumn<QString>("instruction"); // "queued": three reads at once; "write two": a list
         QTest::addColumn<int>("code");            // what the caller sees
         QTest::addColumn<int>("boundMs");         // at most, from the fault to that reply
         QTest::addColumn<QString>("text");        // how the error goes on after "device <address> (unit 1), <register>: "
+        QTest::addColumn<int>("discarded");       // late answers dropped by the end
         using F = ModbusFaultServer;
         const auto row = [](const char *name, int fault, const char *instruction, int code, const QString &text,
-                            int boundMs = TimeoutMs + 1000) {
-            QTest::newRow(name) << fault << QString::fromLatin1(instruction) << code << boundMs << text;
+                            int boundMs = TimeoutMs + 1000, int discarded = 0) {
+            QTest::newRow(name) << fault << QString::fromLatin1(instruction) << code << boundMs << text << discarded;
         };
         const int bad = IMessenger::CeMalformedReply, timeout = IMessenger::CeTimeout, lost = IMessenger::CeNoConnection;
         const QString malformed = QStringLiteral("malformed reply: "), late = QStringLiteral("no answer within 400 ms");
@@ -198,16 +206,18 @@ private slots:
         row("length 0xFFFF", F::LengthMax, "read", bad, malformed + "length field 65535, expected 3 to 254");
         row("random bytes", F::RandomBytes, "read", bad, malformed);
         row("bytes after the answer", F::TrailingBytes, "read", bad, malformed + "3 bytes after a frame whose length field is 4");
-        row("wrong transaction id", F::WrongTransaction, "read", bad, malformed + "transaction id 2, expected 1");
+        row("transaction id never sent", F::WrongTransaction, "read", bad, malformed + "transaction id 2, expected 1");
+        row("transaction id before the first", F::EarlierTransaction, "read", bad, malformed + "transaction id 0, expected 1");
         row("wrong unit id", F::WrongUnit, "read", bad, malformed + "unit id 2, expected 1");
         row("protocol id 1", F::ProtocolOne, "read", bad, malformed + "protocol id 1, expected 0");
         row("sister function code, read", F::SisterFunction, "read", bad, malformed + "function code 1, expected 2");
         row("sister function code, write", F::SisterFunction, "write", bad, malformed + "function code 6, expected 5");
         row("write echo, other address", F::WrongAddress, "write", bad, malformed + "write echo names address 4, expected 3");
         row("write echo, other value", F::WrongValue, "write", bad, malformed + "write echo carries value 65281, expected 65280");
+        row("write echo, other quantity", F::WrongValue, "write two", bad, malformed + "write echo carries quantity 3, expected 2");
         row("exception", F::Exception, "write", IMessenger::CeModbusException, "Modbus exception 6 (server device busy)");
         row("silent", F::Silent, "read", timeout, late);
-        row("answer after the time-out", F::Slow, "read", timeout, late);
+        row("answer after the time-out, dropped while the next is out", F::Slow, "read", timeout, late, TimeoutMs + 1000, 1);
         row("slow but in time, queued behind two others", F::Slow, "queued", IMessenger::CeNoError, {}, 3 * TimeoutMs + 1000);
         row("dropped mid-request", F::Drop, "write", lost, "connection to 127.0.0.1:");
         row("no server", Restart, "read", lost, "cannot connect to 127.0.0.1:");
@@ -225,6 +235,7 @@ private slots:
         QFETCH(int, code);
         QFETCH(int, boundMs);
         QFETCH(QString, text);
+        QFETCH(int, discarded);
         const bool listen = instruction == QLatin1String("listen"), queued = instruction == QLatin1String("queued");
         ModbusFaultServer server;
         QVERIFY(server.start());
@@ -252,12 +263,14 @@ private slots:
             QCOMPARE(spy.last().at(2).toBool(), queued); // a listen's report of the outage is not its end
             reply = spy.last().at(1).value<Reply>();
         } else {
-            reply = run(driver, instruction, instruction == QLatin1String("read") ? read : params("coilsRegister", 3, "data", 1), TimeoutMs, boundMs + 500);
+            const QVariant data = instruction == QLatin1String("write two") ? QVariant(QVariantList{1, 0}) : QVariant(1);
+            reply = run(driver, instruction.left(5), instruction == QLatin1String("read") ? read : params("coilsRegister", 3, "data", data), TimeoutMs, boundMs + 500);
         }
         QVERIFY2(clock.elapsed() <= boundMs, qPrintable(QString::number(clock.elapsed())));
         const DError error = DError::fromReply(reply);
         QVERIFY2(error.code == code && error.exceptionCode == (code == IMessenger::CeModbusException ? 6 : 0), qPrintable(error.text));
-        const QString where = instruction == QLatin1String("write") ? "coilsRegister register 3" : "discreteInputs register 2";
+        const QString where = instruction == QLatin1String("write") ? "coilsRegister register 3"
+                            : instruction == QLatin1String("write two") ? "coilsRegister registers 3-4" : "discreteInputs register 2";
         QVERIFY2(code == IMessenger::CeNoError || error.text.startsWith(QStringLiteral("device 127.0.0.1:%1 (unit 1), %2: %3").arg(port).arg(where, text)),
                  qPrintable(error.text));
 
@@ -269,6 +282,77 @@ private slots:
             QTRY_COMPARE_WITH_TIMEOUT(spy.size() > 2 ? spy.at(2).at(1).value<Reply>() : Reply(), values({0u}), 2000 + TimeoutMs + 1000);
         else
             QCOMPARE(run(driver, QStringLiteral("read"), read, TimeoutMs), values({0u}));
+        QCOMPARE(statistic(driver, "discardedAnswers"), qulonglong(discarded));
+    }
+
+    // A server that sends every answer twice: each copy is dropped, the connection kept.
+    void duplicateAnswers_data()
+    {
+        QTest::addColumn<QString>("instruction");
+        QTest::addColumn<QVariantMap>("parameters");
+        QTest::addColumn<QVariantList>("expected");
+        const QVariantList written{1u};
+        QTest::newRow("FC2 read") << "read" << params("discreteInputs", 2) << QVariantList{0u};
+        QTest::newRow("FC3 read many") << "read" << params("holdingRegisters", 256, "dataSize", 3) << QVariantList{0u, 0u, 0u};
+        QTest::newRow("FC5 write one") << "write" << params("coilsRegister", 3, "data", 1) << written;
+        QTest::newRow("FC6 write one") << "write" << params("holdingRegisters", 256, "data", 9) << written;
+        QTest::newRow("FC15 write many") << "write" << params("coilsRegister", 0, "data", QVariantList{1, 0, 1}) << written;
+        QTest::newRow("FC16 write many") << "write" << params("holdingRegisters", 256, "data", QVariantList{1, 2}) << written;
+        QTest::newRow("listen") << "listen" << params("discreteInputs", 2) << QVariantList{0u};
+    }
+
+    void duplicateAnswers()
+    {
+        QFETCH(QString, instruction);
+        QFETCH(QVariantMap, parameters);
+        QFETCH(QVariantList, expected);
+        ModbusFaultServer server;
+        QVERIFY(server.start());
+        server.setFault(ModbusFaultServer::Twice);
+        DAbstractDriver *driver = newDriver({{"port", server.serverPort()}, {"pollIntervalMs", 10}});
+        QVERIFY(driver);
+        const int requests = 5;
+        if (instruction == QLatin1String("listen")) {
+            QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
+            driver->startInstruction(m_nextId++, instruction, parameters, TimeoutMs);
+            QTRY_VERIFY_WITH_TIMEOUT(statistic(driver, "discardedAnswers") >= requests, 5000);
+            QCOMPARE(spy.size(), 1); // the values once, no outage
+            QCOMPARE(spy.at(0).at(1).value<Reply>(), values(expected));
+        } else {
+            // Queued: each copy comes while the next request is out.
+            QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
+            for (int i = 0; i < requests; ++i)
+                driver->startInstruction(m_nextId++, instruction, parameters, TimeoutMs);
+            QTRY_COMPARE_WITH_TIMEOUT(spy.size(), requests, 2000);
+            for (const QList<QVariant> &reply : qAsConst(spy))
+                QCOMPARE(reply.at(1).value<Reply>(), values(expected));
+            QTRY_COMPARE_WITH_TIMEOUT(statistic(driver, "discardedAnswers"), qulonglong(requests), 2000);
+            QCOMPARE(statistic(driver, "requests"), qulonglong(requests));
+        }
+        QCOMPARE(server.connectionCount(), 1);
+    }
+
+    // A time-out keeps the connection for the late answer; a second one in a row with not a
+    // byte between opens a new connection.
+    void timeoutsInARow()
+    {
+        ModbusFaultServer server;
+        QVERIFY(server.start());
+        DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
+        const QVariantMap read = params("discreteInputs", 2);
+        const auto timedOut = [&] { return DError::fromReply(run(driver, QStringLiteral("read"), read, 200)).code == IMessenger::CeTimeout; };
+        // Each late answer comes while the next request is out, so each time-out is the first in a row.
+        server.setFault(ModbusFaultServer::Slow, 300);
+        QVERIFY(timedOut() && timedOut() && timedOut());
+        QTRY_COMPARE_WITH_TIMEOUT(statistic(driver, "discardedAnswers"), 3ull, 2000);
+        server.setFault(ModbusFaultServer::Silent);
+        QVERIFY(timedOut());
+        QCOMPARE(statistic(driver, "connections"), 1ull);
+        QVERIFY(timedOut());
+        server.setFault(ModbusFaultServer::None);
+        QCOMPARE(run(driver, QStringLiteral("read"), read, TimeoutMs), values({0u}));
+        QCOMPARE(statistic(driver, "connections"), 2ull);
+        QCOMPARE(statistic(driver, "requests"), 6ull);
     }
 
     void sixteenListensShareTwoReads()
@@ -277,12 +361,12 @@ private slots:
         DAbstractDriver *driver = newDriver({{"pollIntervalMs", interval}});
         QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
         m_sim->setInput(3, true);
-        for (int i = 0; i < 16; ++i) // DI0-DI7, the pulse status of DO0-DO7
+        for (int i = 0; i < 16; ++i) // DI0-DI7, the pulse on-widths of DO0-DO7 (1 ms)
             driver->startInstruction(100 + i, QStringLiteral("listen"),
-                                     params(i < 8 ? "discreteInputs" : "coilsRegister", i < 8 ? i : i + 8), 1000);
+                                     params(i < 8 ? "discreteInputs" : "holdingRegisters", i < 8 ? i : i + 248), 1000);
         QTRY_COMPARE_WITH_TIMEOUT(spy.size(), 16, 2000);
         for (const QList<QVariant> &each : qAsConst(spy))
-            QCOMPARE(each.at(1).value<Reply>(), values({each.at(0).toULongLong() == 103 ? 1u : 0u}));
+            QCOMPARE(each.at(1).value<Reply>(), values({each.at(0).toULongLong() == 103 || each.at(0).toULongLong() >= 108 ? 1u : 0u}));
 
         // At most two requests per interval: twenty requests take at least ten intervals.
         const int before = m_sim->requestCount();
@@ -312,6 +396,7 @@ private slots:
     void stopWithdrawsQueuedRead()
     {
         DAbstractDriver *driver = newDriver({});
+        QCOMPARE(run(driver, QStringLiteral("read"), params("coilsRegister", 0)), values({0u})); // connected: the next read goes out at once
         QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
         driver->startInstruction(1, QStringLiteral("read"), params("coilsRegister", 0), 1000);
         driver->startInstruction(2, QStringLiteral("read"), params("coilsRegister", 1), 1000);
@@ -350,10 +435,17 @@ private slots:
         DAbstractDriver *driver = newDriver({{"port", server.serverPort()}});
         server.setFault(ModbusFaultServer::Unsolicited, 50);
         QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
-        // The copy comes while nothing is asked: that connection is dropped, the next request opens a new one.
+        // A frame for an id not yet asked comes while nothing is out: that connection is dropped,
+        // the next request opens a new one.
         QTRY_COMPARE_WITH_TIMEOUT(server.connectionCount(), 0, 2000);
+        // An id answered on the old connection was never sent on the new one.
+        server.setFault(ModbusFaultServer::EarlierTransaction);
+        const Reply reply = run(driver, QStringLiteral("read"), params("discreteInputs", 2));
+        QVERIFY2(reply.value(QStringLiteral("error")).toString().endsWith(QStringLiteral("malformed reply: transaction id 1, expected 2")),
+                 qPrintable(reply.value(QStringLiteral("error")).toString()));
         server.setFault(ModbusFaultServer::None);
         QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
+        QCOMPARE(statistic(driver, "discardedAnswers"), 0ull);
     }
 
     // The simulator's exceptions, as the driver meets them.
