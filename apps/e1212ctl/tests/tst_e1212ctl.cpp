@@ -492,6 +492,31 @@ private slots:
         }
     }
 
+    void duplicateAnswers_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("info") << QStringList{"info"};
+        QTest::newRow("get") << QStringList{"get", "DI0"};
+        QTest::newRow("get-run") << QStringList{"get-run", "DI0"};
+        QTest::newRow("set") << QStringList{"set", "DO1", "1", "--mask", "1"};
+        QTest::newRow("pulse") << QStringList{"pulse", "DO2", "--on", "5", "--off", "5", "1"};
+        QTest::newRow("blink") << QStringList{"blink", "DO3", "--on", "5", "--off", "5", "1"};
+        QTest::newRow("listen") << QStringList{"listen", "DI0", "--count", "1"};
+    }
+
+    // A module behind a gateway that sends every answer twice: each command still succeeds
+    // (the copy is a late answer, dropped), and a script of them runs over one connection.
+    void duplicateAnswers()
+    {
+        QFETCH(QStringList, arguments);
+        E1212Simulator twice;
+        twice.setDuplicateAnswers(true);
+        QVERIFY(twice.start());
+        const Run run = runCtl(QStringList{QStringLiteral("--device"), QStringLiteral("127.0.0.1:%1").arg(twice.port())} + arguments);
+        QVERIFY2(run.exitCode == 0, qPrintable(run.err));
+        QVERIFY(run.err.isEmpty() && twice.requestCount() > 0);
+    }
+
     // Records while the output is no terminal: one line per change with its zone, the same
     // records in the files, each written before the next change comes; SIGTERM ends it well.
     void watchRecords()
