@@ -86,7 +86,9 @@ void CtlCall::onOutage(const DError &error)
                              {QStringLiteral("error"), error.text}, {QStringLiteral("code"), DError::codeName(error.code)},
                              {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
                              {QStringLiteral("seq"), m_session.nextSeq()}});
-    m_session.report(CtlOutcome::failed(error.text));
+    CtlOutcome outage = CtlOutcome::failed(error.text);
+    outage.line = m_line;
+    m_session.report(outage);
 }
 
 void CtlCall::onFinished()
@@ -100,6 +102,7 @@ void CtlCall::onFinished()
         if (!execution->isOk()) {
             outcome = CtlOutcome::failed(QStringLiteral("listen failed: %1").arg(execution->errorString()));
             outcome.exitCode = CtlOutcome::exitCodeOf(execution->errorCode());
+            outcome.line = m_line;
         }
         m_ended(outcome);
         return;

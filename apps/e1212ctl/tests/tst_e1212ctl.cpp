@@ -209,7 +209,12 @@ private slots:
         }
         QVERIFY2(seen.contains(QStringLiteral("1 value DI2 [1,null,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
         QVERIFY2(seen.contains(QStringLiteral("3  DO1 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
-        QCOMPARE(seen.last(), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
+        QCOMPARE(seen.value(seen.size() - 2), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
+        // The summary: six steps (line 4 is a comment), one failed.
+        const QJsonObject summary = QJsonDocument::fromJson(run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts).last().toUtf8()).object();
+        QCOMPARE(summary.value(QStringLiteral("command")).toString(), QStringLiteral("script"));
+        QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("steps")).toInt(), 6);
+        QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("failed")).toInt(), 1);
         QVERIFY(m_io1.pulseStatus(1));
         QVERIFY(!m_io1.pulseStatus(2));
         QCOMPARE(m_connections - connections, 1);
@@ -359,7 +364,9 @@ private slots:
         m_io1.setPulseStatus(6, false);
         QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:4: expect DO6: read 1, expected 0 (within 400 ms)\n").arg(file));
         QCOMPARE(run.exitCode, 1);
-        QCOMPARE(run.out, QStringLiteral("DI3 = 1 as expected\nDO6: blink on 100 ms, off 100 ms, values [1] done\nDO6 = 1 as expected\n"));
+        QVERIFY2(QRegularExpression(QStringLiteral("^DI3 = 1 as expected\nDO6: blink on 100 ms, off 100 ms, values \\[1\\] done\n"
+                                                   "DO6 = 1 as expected\n.*/expect.txt: 4 steps, 3 passed, 1 failed, [0-9]+\\.[0-9]{2} s\n$"))
+                     .match(run.out).hasMatch(), qPrintable(run.out));
     }
 
     // A failure after sending is exit 1, and its JSON line carries the error's code.
