@@ -310,8 +310,8 @@ void CtlSequence::end()
                     summary.insert(QStringLiteral("code"), QStringLiteral("steps_failed"));
                 session.printJson(summary);
             } else {
-                session.out() << QStringLiteral("%1: %2 steps%3, %4 passed, %5 failed, %6 s\n")
-                                     .arg(CtlText::echo(m_source)).arg(m_steps)
+                session.out() << QStringLiteral("%1: %2 step%3%4, %5 passed, %6 failed, %7 s\n")
+                                     .arg(CtlText::echo(m_source)).arg(m_steps).arg(m_steps == 1 ? QString() : QStringLiteral("s"))
                                      .arg(m_mode == Check ? QStringLiteral(" checked") : QString())
                                      .arg(passed).arg(m_failed).arg(seconds)
                               << Qt::flush;
