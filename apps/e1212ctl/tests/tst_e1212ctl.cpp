@@ -571,6 +571,8 @@ private slots:
         QVERIFY(install.waitForFinished(60000));
         QCOMPARE(install.exitCode(), 0);
         QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/e1212/e1212.json"))));
+        QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/man/man1/e1212ctl.1"))));
+        QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/bash-completion/completions/e1212ctl"))));
         // A prefix can be moved: nothing points into the build tree or at the install path.
         QVERIFY(QDir(m_dir.path()).rename(QStringLiteral("prefix"), QStringLiteral("moved")));
         const Run run = runCtl({QStringLiteral("--verbose"), QStringLiteral("info")}, m_dir.filePath(QStringLiteral("moved/bin/e1212ctl")));
