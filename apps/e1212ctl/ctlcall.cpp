@@ -63,15 +63,17 @@ void CtlCall::onReport(const QVariant &report)
     m_outage = DError();
     const QString channel = m_request.arguments.value(QStringLiteral("channel")).toString();
     const QVariant value = eventValue(report);
-    if (m_session.options().json)
+    if (m_session.options().json) {
         m_session.printJson({{QStringLiteral("event"), QStringLiteral("value")}, {QStringLiteral("device"), m_reference},
                              {QStringLiteral("line"), m_line}, {QStringLiteral("channel"), channel},
                              {QStringLiteral("value"), QJsonValue::fromVariant(value)},
                              {QStringLiteral("time"), QDateTime::currentDateTime().toString(Qt::ISODateWithMs)},
                              {QStringLiteral("seq"), m_session.nextSeq()}});
-    else
+    } else {
+        m_session.beforeOutput();
         m_session.out() << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  "
                         << m_label << " = " << CtlSession::toText(value) << Qt::endl;
+    }
     if (m_request.count > 0 && m_events >= m_request.count)
         stop();
 }

@@ -56,6 +56,8 @@ CtlSequence::CtlSequence(CtlStep &step, int fd, const QString &source, Mode mode
     m_regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
     m_size = m_regular ? qint64(status.st_size) : 0;
     m_progress = mode != Shell && ::isatty(STDERR_FILENO);
+    if (m_progress)
+        step.session().setBeforeOutput([this] { clearProgress(); });
     if (mode == Shell && ::isatty(fd)) {
         const QString history = QFileInfo(ctlLogFilePath()).dir().filePath(QStringLiteral("e1212ctl.history"));
         m_readline = new CtlReadline(history, [this](const QStringList &before, const QString &word) { return completions(before, word); },
@@ -92,6 +94,8 @@ CtlSequence::~CtlSequence()
 {
     if (m_mode == Shell)
         m_step.runner().setInterruptHandler(nullptr);
+    if (m_progress)
+        m_step.session().setBeforeOutput(nullptr);
 }
 
 void CtlSequence::start()

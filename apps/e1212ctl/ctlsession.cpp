@@ -44,6 +44,7 @@ int CtlSession::report(const CtlOutcome &outcome)
     const bool ok = outcome.isOk();
     if (ok && m_checkOnly)
         return outcome.exitCode;
+    beforeOutput();
     if (m_options.json && !outcome.command.isEmpty()) {
         QJsonObject line = outcome.fields;
         line.insert(QStringLiteral("command"), outcome.command);
@@ -269,6 +270,7 @@ void CtlSession::printJson(QJsonObject object)
         object.insert(QStringLiteral("line"), m_line);
     else if (object.value(QStringLiteral("line")).toInt() <= 0)
         object.remove(QStringLiteral("line"));
+    beforeOutput();
     m_out << QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) << '\n';
     m_out.flush();
 }

@@ -54,6 +54,13 @@ public:
 
     const Options &options() const { return m_options; }
     QTextStream &out() { return m_out; }
+    // Called before anything is printed (a script clears its progress line); nullptr: nothing.
+    void setBeforeOutput(const std::function<void()> &beforeOutput) { m_beforeOutput = beforeOutput; }
+    void beforeOutput()
+    {
+        if (m_beforeOutput)
+            m_beforeOutput();
+    }
 
     // The line of the script step being run (0 outside scripts), and its file for messages.
     void setStep(const QString &source, int line);
@@ -124,6 +131,7 @@ private:
 
     Options m_options;
     QTextStream m_out;
+    std::function<void()> m_beforeOutput;
     QString m_source;
     int m_line = 0;
     bool m_opened = false;
