@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QProcess>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <cstdio>
 #include <cstdlib>
@@ -65,6 +66,20 @@ void CtlReadline::pause()
     if (m_installed)
         rl_callback_handler_remove();
     m_installed = false;
+}
+
+void CtlReadline::makeRoom()
+{
+    if (!m_installed || m_wiped)
+        return;
+    m_wiped = true;
+    fputs("\r\x1b[K", rl_outstream);
+    fflush(rl_outstream);
+    QTimer::singleShot(0, this, [this] {
+        m_wiped = false;
+        if (m_installed)
+            rl_forced_update_display();
+    });
 }
 
 bool CtlReadline::hasText() const

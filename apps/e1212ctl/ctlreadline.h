@@ -27,6 +27,9 @@ public:
     void prompt(const QString &prompt);
     // Stops reading (while a step runs the terminal is as it was).
     void pause();
+    // Output is coming while the prompt shows: the prompt line is wiped now and drawn again,
+    // with what was typed, once the event loop turns.
+    void makeRoom();
     // Whether something is typed at the prompt.
     bool hasText() const;
     // Ctrl-C at the prompt: the line typed so far is dropped and the prompt shown afresh.
@@ -45,6 +48,7 @@ private:
     const Completer m_completer;
     QSocketNotifier *m_notifier = nullptr;
     bool m_installed = false;
+    bool m_wiped = false;
     QByteArray m_prompt;
     QStringList m_matches;
 };

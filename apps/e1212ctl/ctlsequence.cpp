@@ -70,6 +70,10 @@ CtlSequence::CtlSequence(CtlStep &step, int fd, const QString &source, Mode mode
             m_eof = true;
             next();
         });
+        step.session().setBeforeOutput([this] {
+            if (m_readline)
+                m_readline->makeRoom();
+        });
     } else if (!m_regular) {
         m_notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
         m_notifier->setEnabled(false);
@@ -94,7 +98,7 @@ CtlSequence::~CtlSequence()
 {
     if (m_mode == Shell)
         m_step.runner().setInterruptHandler(nullptr);
-    if (m_progress)
+    if (m_progress || m_mode == Shell)
         m_step.session().setBeforeOutput(nullptr);
 }
 
