@@ -317,6 +317,9 @@ private slots:
         QTest::newRow("stops") << QStringList() << QByteArray("get DX0\nget DI0\n") << 2 << "1 step, 0 passed, 1 failed";
         QTest::newRow("keep going") << QStringList{"--keep-going"} << QByteArray("get DI0\nget DX0\nget DI1\nwait x\n") << 2
                                     << "4 steps, 2 passed, 2 failed";
+        // A line too long is one failed step, the lines after it run: 65536 bytes is the limit.
+        QTest::newRow("past a long line") << QStringList{"--keep-going"} << QByteArray(70000, 'A') + "\n" + QByteArray(65529, ' ') + "get DI0\n"
+                                          << 2 << "2 steps, 1 passed, 1 failed";
     }
 
     void summary()
