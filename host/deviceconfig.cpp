@@ -64,7 +64,7 @@ QString oneOf(const QStringList &names)
 class Reader
 {
 public:
-    explicit Reader(const QString &source) : m_source(source) {}
+    Reader(const QString &source, const QVariantList &defaultChannels) : m_source(source), m_defaultChannels(defaultChannels) {}
 
     bool fail(const QString &path, const QString &what)
     {
@@ -249,6 +249,8 @@ public:
                 if (it.key().endsWith(QLatin1String("_channels")) && !channelTable(it.value(), join(at, it.key())))
                     return false;
             config->parameters = map.toVariantMap();
+        } else if (!m_defaultChannels.isEmpty()) {
+            config->parameters.insert(config->reference.section(QLatin1Char(' '), -1) + QStringLiteral("_channels"), m_defaultChannels);
         }
 
         if (object.contains(QStringLiteral("connection"))) {
@@ -286,6 +288,7 @@ public:
     }
 
     QString m_source;
+    QVariantList m_defaultChannels;
     QString m_error;
 };
 
@@ -300,7 +303,7 @@ QVariantList DeviceConfig::channelTable() const
     return parameters.value(tableName).toList();
 }
 
-QList<DeviceConfig> DeviceConfig::loadFile(const QString &path, QString *error)
+QList<DeviceConfig> DeviceConfig::loadFile(const QString &path, QString *error, const QVariantList &defaultChannels)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
@@ -320,10 +323,11 @@ QList<DeviceConfig> DeviceConfig::loadFile(const QString &path, QString *error)
     const QByteArray json = file.read(c_maxFileSize + 1);
     if (json.size() > c_maxFileSize)
         return tooLarge();
-    return fromJson(json, path, error);
+    return fromJson(json, path, error, defaultChannels);
 }
 
-QList<DeviceConfig> DeviceConfig::fromJson(const QByteArray &json, const QString &sourceName, QString *error)
+QList<DeviceConfig> DeviceConfig::fromJson(const QByteArray &json, const QString &sourceName, QString *error,
+                                           const QVariantList &defaultChannels)
 {
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
@@ -336,7 +340,7 @@ QList<DeviceConfig> DeviceConfig::fromJson(const QByteArray &json, const QString
                          .arg(sourceName).arg(line).arg(column).arg(parseError.errorString());
         return {};
     }
-    Reader reader(sourceName);
+    Reader reader(sourceName, defaultChannels);
     QList<DeviceConfig> devices;
     const QJsonObject root = document.object();
     bool ok; // set on every branch below

@@ -12,7 +12,8 @@
 //   "reference"  (text, required)  names the instance; its last word selects the channel table
 //   "plugin"     (UUID text)       the device plug-in; default the E1212 plug-in
 //   "driver"     (UUID text)       the driver plug-in; default the Modbus TCP driver
-//   "parameters" (object)          given to the instance as its "parameters"; a "*_channels"
+//   "parameters" (object)          given to the instance as its "parameters"; without it, the
+//                                  caller's default channel table as "<last word>_channels"; a "*_channels"
 //                                  entry is a list of channel records {"id", "name", "value": [...]}
 //                                  with unique, non-empty ids; their entries "register" (0-65535),
 //                                  "size" (1-2000 bits, 1-125 words, by "readRegisterType"),
@@ -45,8 +46,10 @@ struct DeviceConfig
     QVariantList channelTable() const;
 
     // Reads a configuration file of at most 16 MiB (a larger one is refused unread). On failure returns an empty list and sets *error to one
-    // line naming the file, the JSON path or line, and what is wrong.
-    static QList<DeviceConfig> loadFile(const QString &path, QString *error);
+    // line naming the file, the JSON path or line, and what is wrong. A device without
+    // "parameters" gets `defaultChannels` (when not empty) as its channel table.
+    static QList<DeviceConfig> loadFile(const QString &path, QString *error, const QVariantList &defaultChannels = {});
     // Reads configuration text; `sourceName` stands for the file in messages.
-    static QList<DeviceConfig> fromJson(const QByteArray &json, const QString &sourceName, QString *error);
+    static QList<DeviceConfig> fromJson(const QByteArray &json, const QString &sourceName, QString *error,
+                                        const QVariantList &defaultChannels = {});
 };

@@ -16,6 +16,7 @@ packages=(
   libmodbus-dev
   mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio time
   xvfb xauth
+  libreadline-dev
 )
 
 missing=()

@@ -4,6 +4,7 @@
 #include "ctl_sequence.h"
 
 #include "ctlcall.h"
+#include "ctlrunner.h"
 #include "ctlsequence.h"
 #include "ctlsession.h"
 #include "ctlstep.h"
@@ -28,21 +29,37 @@ void script(CtlStep &step)
     if (args.positional().size() != 1)
         return step.finish(CtlOutcome::refused(QStringLiteral("usage: script FILE (or - for standard input)")));
     const QString path = args.positional().first();
+    const CtlSequence::Mode mode = args.has(QStringLiteral("check")) ? CtlSequence::Check : CtlSequence::Script;
     if (path == QLatin1String("-"))
-        return (new CtlSequence(step, STDIN_FILENO, QStringLiteral("-"), false))->start();
+        return (new CtlSequence(step, STDIN_FILENO, QStringLiteral("-"), mode))->start();
     const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY);
     if (fd < 0)
         return step.finish(CtlOutcome::refused(QStringLiteral("script %1: cannot read it").arg(path)));
     // The file stays open as long as the step runs.
     QObject::connect(&step, &QObject::destroyed, [fd] { ::close(fd); });
-    (new CtlSequence(step, fd, path, false))->start();
+    (new CtlSequence(step, fd, path, mode))->start();
 }
 
 void shell(CtlStep &step)
 {
     if (!step.args().positional().isEmpty())
         return step.finish(CtlOutcome::refused(QStringLiteral("usage: shell")));
-    (new CtlSequence(step, STDIN_FILENO, QStringLiteral("shell"), !step.session().options().json))->start();
+    (new CtlSequence(step, STDIN_FILENO, QStringLiteral("shell"), CtlSequence::Shell))->start();
+}
+
+// help [STEP]: the steps a sequence runs, or one step's usage.
+void help(CtlStep &step)
+{
+    const QStringList &words = step.args().positional();
+    const QList<CtlGroup> &groups = step.runner().groups();
+    if (words.size() > 1)
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: help [STEP]")));
+    if (words.isEmpty())
+        return step.finish(CtlOutcome::local(QStringLiteral("help"), {}, ctlStepHelp(groups)));
+    const CtlCommand *command = findCtlCommand(groups, words.first());
+    if (!command || command->where == CtlCommand::CommandLineOnly)
+        return step.finish(CtlOutcome::refused(QStringLiteral("help: \"%1\" is not a step").arg(words.first())));
+    step.finish(CtlOutcome::local(QStringLiteral("help"), {{QStringLiteral("step"), command->name}}, ctlCommandHelp(*command)));
 }
 
 // expect CH VALUE [--within MS]: without --within one read decides (an output's coil, as get
@@ -211,14 +228,19 @@ CtlGroup sequenceGroup()
                            "subcommand line, # starts a comment)"),
             {
                 {QStringLiteral("script"), QStringLiteral("FILE|-"), QStringLiteral("run the steps of FILE (- standard input); stops at the first failure unless --keep-going"),
-                 &script, {}, CtlCommand::CommandLineOnly},
-                {QStringLiteral("shell"), QString(), QStringLiteral("read steps at a prompt until end of input or quit"), &shell, {},
+                 &script, {{QStringLiteral("check"), QStringLiteral("read and check every step (syntax, channels, values, devices), send nothing")}},
                  CtlCommand::CommandLineOnly},
+                {QStringLiteral("shell"), QString(),
+                 QStringLiteral("read steps at a prompt naming the device, with line editing, history and completion at a "
+                                "terminal; Ctrl-C stops the running step, Ctrl-D, quit or a second Ctrl-C at an empty prompt leaves"),
+                 &shell, {}, CtlCommand::CommandLineOnly},
                 {QStringLiteral("expect"), QStringLiteral("CH VALUE"), QStringLiteral("pass when CH reads VALUE, or, with --within, once its reports show VALUE"),
                  &expect, {{QStringLiteral("within"), QStringLiteral("wait up to MS milliseconds for it"), QStringLiteral("MS")}}},
                 {QStringLiteral("wait"), QStringLiteral("MS"), QStringLiteral("wait MS milliseconds"), &wait},
                 {QStringLiteral("use"), QStringLiteral("NAME"), QStringLiteral("(steps only) make device NAME the one channels refer to"), &use, {},
                  CtlCommand::ScriptOnly},
                 {QStringLiteral("stop"), QString(), QStringLiteral("(steps only) stop the background listens"), &stop, {}, CtlCommand::ScriptOnly},
+                {QStringLiteral("help"), QStringLiteral("[STEP]"), QStringLiteral("(steps only) list the steps, or show one step's usage"), &help, {},
+                 CtlCommand::ScriptOnly},
             }};
 }

@@ -97,6 +97,7 @@ void CtlCall::onReport(const QVariant &report)
         event.insert(QStringLiteral("line"), m_line);
         m_session.printJson(event);
     } else {
+        m_session.beforeOutput();
         m_session.out() << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz")) << "  "
                         << m_label << " = " << CtlSession::toText(m_value) << Qt::endl;
     }
@@ -115,7 +116,9 @@ void CtlCall::onOutage(const DError &error)
         event.insert(QStringLiteral("line"), m_line);
         m_session.printJson(event);
     }
-    m_session.report(CtlOutcome::failed(error.text));
+    CtlOutcome outage = CtlOutcome::failed(error.text);
+    outage.line = m_line;
+    m_session.report(outage);
 }
 
 QString CtlCall::name() const
@@ -139,6 +142,7 @@ void CtlCall::onFinished()
         if (!execution->isOk()) {
             outcome = CtlOutcome::failed(QStringLiteral("listen failed: %1").arg(execution->errorString()));
             outcome.exitCode = CtlOutcome::exitCodeOf(execution->errorCode());
+            outcome.line = m_line;
         }
         m_ended(outcome);
         return;

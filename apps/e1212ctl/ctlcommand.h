@@ -50,5 +50,7 @@ QList<QCommandLineOption> ctlGlobalOptions();
 QString ctlCommandHelp(const CtlCommand &command);
 // "e1212ctl --help".
 QString ctlHelp(const QList<CtlGroup> &groups);
+// The step `help`: every subcommand a script or shell line may run.
+QString ctlStepHelp(const QList<CtlGroup> &groups);
 // The options of one option list, one per line, for help texts.
 QString ctlOptionLines(const QList<QCommandLineOption> &options);

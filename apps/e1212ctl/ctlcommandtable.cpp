@@ -3,6 +3,7 @@
 #include "ctlcommand.h"
 
 #include "ctllog.h"
+#include "ctlsequence.h"
 
 #include <QTextStream>
 
@@ -97,6 +98,25 @@ QString ctlCommandHelp(const CtlCommand &command)
     return text;
 }
 
+namespace {
+
+// One line of a command list: "name USAGE [--option VALUE]...", then the summary.
+QString commandLine(const CtlCommand &command)
+{
+    QStringList synopsis{command.name};
+    if (!command.usage.isEmpty())
+        synopsis << command.usage;
+    for (const QCommandLineOption &option : command.options)
+        if (!(option.flags() & QCommandLineOption::HiddenFromHelp) && !command.usage.contains(QStringLiteral("--") + option.names().last()))
+            synopsis << QStringLiteral("[--%1%2]").arg(option.names().last(),
+                                                      option.valueName().isEmpty() ? QString() : QLatin1Char(' ') + option.valueName());
+    const QString line = synopsis.join(QLatin1Char(' '));
+    return QStringLiteral("  ") + line.leftJustified(30) + (line.size() > 30 ? QStringLiteral("\n%1").arg(QString(), 33) : QStringLiteral(" "))
+        + command.summary + QLatin1Char('\n');
+}
+
+} // namespace
+
 QString ctlHelp(const QList<CtlGroup> &groups)
 {
     QString text;
@@ -108,24 +128,26 @@ QString ctlHelp(const QList<CtlGroup> &groups)
         << ctlOptionLines(ctlGlobalOptions());
     for (const CtlGroup &group : groups) {
         out << '\n' << group.title << ":\n";
-        for (const CtlCommand &command : group.commands) {
-            QStringList synopsis{command.name};
-            if (!command.usage.isEmpty())
-                synopsis << command.usage;
-            for (const QCommandLineOption &option : command.options)
-                if (!(option.flags() & QCommandLineOption::HiddenFromHelp) && !command.usage.contains(QStringLiteral("--") + option.names().last()))
-                    synopsis << QStringLiteral("[--%1%2]").arg(option.names().last(),
-                                                              option.valueName().isEmpty() ? QString() : QLatin1Char(' ') + option.valueName());
-            const QString line = synopsis.join(QLatin1Char(' '));
-            out << "  " << line.leftJustified(30) << (line.size() > 30 ? QStringLiteral("\n%1").arg(QString(), 33) : QStringLiteral(" "))
-                << command.summary << '\n';
-        }
+        for (const CtlCommand &command : group.commands)
+            out << commandLine(command);
     }
     out << "\nHelp:\n  " << QStringLiteral("help [COMMAND]").leftJustified(30) << " this text, or one subcommand's\n"
+        << "\nScripts: at most " << (CtlSequence::MaxScript >> 20) << " MiB, lines at most " << (CtlSequence::MaxLine >> 10)
+        << " KiB; a NUL byte in a line is refused. script --check FILE checks every step and sends nothing.\n"
         << "\nExit status: 0 success; 1 the device or the command failed after something was sent\n"
            "(device error, time-out, wrong reply, failed expect); 2 refused before anything was sent\n"
            "(usage, configuration, argument, unknown command or channel).\n"
            "Log file (without --verbose): "
         << ctlLogFilePath() << '\n';
     return text;
+}
+
+QString ctlStepHelp(const QList<CtlGroup> &groups)
+{
+    QString text = QStringLiteral("Steps (help STEP for one; # starts a comment; listen CH & runs in the background):\n");
+    for (const CtlGroup &group : groups)
+        for (const CtlCommand &command : group.commands)
+            if (command.where != CtlCommand::CommandLineOnly)
+                text += commandLine(command);
+    return text + QStringLiteral("  %1 leave the shell (so does Ctrl-D)\n").arg(QStringLiteral("quit, exit").leftJustified(30));
 }

@@ -30,6 +30,9 @@ struct CtlOutcome
     QString message;
     // What a success prints without --json (with it too when there is no result line).
     QString text;
+    // The script line the outcome belongs to; -1: the step that runs (a background listen
+    // names the line that started it).
+    int line = -1;
 
     bool isOk() const { return exitCode == ExitOk; }
 

@@ -30,15 +30,10 @@ CtlStep *CtlRunner::runLine(const QStringList &words, const CtlStep::Done &done)
 {
     CtlArgs args;
     // A line that is not a step ends as a step of its own, with what is wrong or the help.
-    const auto answer = [&](const CtlOutcome &outcome) {
-        auto *step = new CtlStep(*this, m_session, args, done);
-        step->setParent(this);
-        step->finish(outcome);
-        return step;
-    };
+    const auto answer = [&](const CtlOutcome &outcome) { return this->answer(outcome, done); };
     const CtlCommand *command = findCtlCommand(m_groups, words.first());
     if (!command || command->where == CtlCommand::CommandLineOnly)
-        return answer(CtlOutcome::refused(QStringLiteral("\"%1\" is not a step (see e1212ctl help script)").arg(words.first())));
+        return answer(CtlOutcome::refused(QStringLiteral("\"%1\" is not a step (see help)").arg(words.first())));
     QString error;
     QList<QCommandLineOption> options = command->options;
     options << QCommandLineOption({QStringLiteral("h"), QStringLiteral("help")}, QString());
@@ -54,6 +49,14 @@ CtlStep *CtlRunner::runLine(const QStringList &words, const CtlStep::Done &done)
     return run(*command, args, done);
 }
 
+CtlStep *CtlRunner::answer(const CtlOutcome &outcome, const CtlStep::Done &done)
+{
+    auto *step = new CtlStep(*this, m_session, CtlArgs(), done);
+    step->setParent(this);
+    step->finish(outcome);
+    return step;
+}
+
 CtlStep *CtlRunner::run(const CtlCommand &command, const CtlArgs &args, const CtlStep::Done &done)
 {
     auto *step = new CtlStep(*this, m_session, args, done);
@@ -64,6 +67,8 @@ CtlStep *CtlRunner::run(const CtlCommand &command, const CtlArgs &args, const Ct
 
 void CtlRunner::interrupt(int signalNumber)
 {
+    if (m_interruptHandler && m_interruptHandler(signalNumber))
+        return;
     qCInfo(lcCtl) << "signal" << signalNumber << "received: stopping";
     m_interrupted = true;
     if (m_top)

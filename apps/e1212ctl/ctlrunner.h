@@ -28,6 +28,14 @@ public:
     // options, refused when it is not a step. `done` gets the exit code, maybe from inside
     // this call. Returns the step (finished already when it ended at once).
     CtlStep *runLine(const QStringList &words, const CtlStep::Done &done);
+    // A line that is no step (too long, a NUL in it): a step that ends at once with `outcome`.
+    CtlStep *answer(const CtlOutcome &outcome, const CtlStep::Done &done);
+
+    const QList<CtlGroup> &groups() const { return m_groups; }
+
+    // A shell takes Ctrl-C itself: `handler` gets each signal first and returns true when it
+    // has dealt with it. nullptr: none.
+    void setInterruptHandler(const std::function<bool(int signalNumber)> &handler) { m_interruptHandler = handler; }
 
     // True once Ctrl-C or SIGTERM came: sequences start no further step.
     bool isInterrupted() const { return m_interrupted; }
@@ -43,5 +51,6 @@ private:
     const QList<CtlGroup> m_groups;
     SignalWatcher m_signals;
     QPointer<CtlStep> m_top;
+    std::function<bool(int signalNumber)> m_interruptHandler;
     bool m_interrupted = false;
 };

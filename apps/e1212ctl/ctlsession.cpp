@@ -4,6 +4,7 @@
 #include "ctlargs.h"
 #include "ctlcall.h"
 #include "ctllog.h"
+#include "ctltext.h"
 #include "dabstractplugin.h"
 #include "dchanneltable.h"
 #include "e1212simulator.h"
@@ -39,8 +40,12 @@ void CtlSession::setStep(const QString &source, int line)
 
 int CtlSession::report(const CtlOutcome &outcome)
 {
-    const QString where = m_line > 0 ? QStringLiteral("%1:%2: ").arg(m_source).arg(m_line) : QString();
+    const int stepLine = outcome.line >= 0 ? outcome.line : m_line;
+    const QString where = stepLine > 0 ? QStringLiteral("%1:%2: ").arg(m_source).arg(stepLine) : QString();
     const bool ok = outcome.isOk();
+    if (ok && m_checkOnly)
+        return outcome.exitCode;
+    beforeOutput();
     const bool refusal = outcome.exitCode == ExitUsage && !outcome.message.isEmpty();
     if (m_options.json && (!outcome.command.isEmpty() || refusal)) {
         // One flat object: the command's values, then the members every line has.
@@ -54,7 +59,7 @@ int CtlSession::report(const CtlOutcome &outcome)
             line.insert(QStringLiteral("channel"), outcome.channel);
         line.insert(QStringLiteral("time"), timestamp(QDateTime::currentDateTime()));
         if (!ok) {
-            line.insert(QStringLiteral("error"), outcome.command.isEmpty() ? where + outcome.message : outcome.error);
+            line.insert(QStringLiteral("error"), CtlText::line(outcome.command.isEmpty() ? where + outcome.message : outcome.error));
             line.insert(QStringLiteral("code"), outcome.code.isEmpty() ? DError::codeName(IMessenger::CeRefused) : outcome.code);
         }
         printJson(line);
@@ -63,9 +68,10 @@ int CtlSession::report(const CtlOutcome &outcome)
     }
     m_out.flush();
     if (!outcome.message.isEmpty()) {
-        qCWarning(lcCtl).noquote() << where + outcome.message;
-        const QByteArray line = QStringLiteral("e1212ctl: %1%2\n").arg(where, outcome.message).toUtf8();
-        fwrite(line.constData(), 1, size_t(line.size()), stderr);
+        const QString message = CtlText::line(where + outcome.message);
+        qCWarning(lcCtl).noquote() << message;
+        const QByteArray text = QStringLiteral("e1212ctl: %1\n").arg(message).toUtf8();
+        fwrite(text.constData(), 1, size_t(text.size()), stderr);
         fflush(stderr);
     }
     return outcome.exitCode;
@@ -80,26 +86,29 @@ int CtlSession::fail(int code, const QString &text)
 
 bool CtlSession::loadConfig(QString *error)
 {
-    QList<DeviceConfig> devices;
-    if (m_options.configFile.isEmpty()) {
-        QFile builtIn(QString::fromLatin1(c_builtInConfig));
-        builtIn.open(QIODevice::ReadOnly);
-        devices = DeviceConfig::fromJson(builtIn.readAll(), QStringLiteral("built-in configuration"), error);
-    } else {
-        devices = DeviceConfig::loadFile(m_options.configFile, error);
-    }
+    // The module's own configuration: the default, and the channel table of every device
+    // of a file that gives no "parameters".
+    QFile builtIn(QString::fromLatin1(c_builtInConfig));
+    builtIn.open(QIODevice::ReadOnly);
+    QList<DeviceConfig> devices = DeviceConfig::fromJson(builtIn.readAll(), QStringLiteral("built-in configuration"), error);
+    if (!m_options.configFile.isEmpty() && !devices.isEmpty())
+        devices = DeviceConfig::loadFile(m_options.configFile, error, devices.front().channelTable());
     if (devices.isEmpty())
         return false;
     m_configs.assign(devices.cbegin(), devices.cend());
     m_simulators.resize(m_configs.size());
     if (!m_options.ref.isEmpty()) {
-        m_current = findDevice(m_options.ref);
+        QStringList candidates;
+        m_current = findDevice(m_options.ref, &candidates);
         if (m_current < 0) {
             QStringList known;
             for (const DeviceConfig &config : m_configs)
                 known << QLatin1Char('"') + config.reference + QLatin1Char('"');
-            *error = QStringLiteral("--ref %1: no such device in %2 (known: %3)")
-                         .arg(m_options.ref, m_configs.front().sourceFile, known.join(QStringLiteral(", ")));
+            *error = candidates.size() > 1
+                         ? QStringLiteral("--ref %1: more than one device is called so in %2 (%3); give the whole reference")
+                               .arg(m_options.ref, m_configs.front().sourceFile, candidates.join(QStringLiteral(", ")))
+                         : QStringLiteral("--ref %1: no such device in %2 (known: %3)")
+                               .arg(m_options.ref, m_configs.front().sourceFile, known.join(QStringLiteral(", ")));
             m_current = 0;
             return false;
         }
@@ -147,6 +156,7 @@ CtlOutcome CtlSession::open()
     }
 
     m_host.reset(new Host(m_plugins.data()));
+    m_checkHost.reset(new Host(m_plugins.data()));
     m_host->setTimeoutOverride(m_options.timeoutMs);
     for (const DeviceConfig &config : m_configs) {
         if (!m_host->addDevice(config, &error))
@@ -160,19 +170,38 @@ DAbstractPlugin *CtlSession::device(int device) const
     return m_host ? m_host->device(m_configs.at(size_t(device)).reference) : nullptr;
 }
 
-int CtlSession::findDevice(const QString &name) const
+int CtlSession::findDevice(const QString &name, QStringList *candidates) const
 {
-    for (size_t i = 0; i < m_configs.size(); ++i)
-        if (m_configs[i].reference == name || m_configs[i].reference.section(QLatin1Char(' '), -1) == name)
+    int found = -1;
+    QStringList matches;
+    for (size_t i = 0; i < m_configs.size(); ++i) {
+        if (m_configs[i].reference == name)
             return int(i);
-    return -1;
+        if (m_configs[i].reference.section(QLatin1Char(' '), -1) == name) {
+            found = int(i);
+            matches << QLatin1Char('"') + m_configs[i].reference + QLatin1Char('"');
+        }
+    }
+    if (candidates)
+        *candidates = matches;
+    return matches.size() == 1 ? found : -1;
+}
+
+QString CtlSession::noDevice(const QString &name) const
+{
+    QStringList candidates;
+    findDevice(name, &candidates);
+    if (candidates.size() > 1)
+        return QStringLiteral("\"%1\" names more than one device (%2); give the whole reference")
+            .arg(name, candidates.join(QStringLiteral(", ")));
+    return QStringLiteral("no device \"%1\" in the configuration").arg(name);
 }
 
 bool CtlSession::use(const QString &name, CtlOutcome *failure)
 {
     const int found = findDevice(name);
     if (found < 0) {
-        *failure = CtlOutcome::refused(QStringLiteral("no device \"%1\" in the configuration").arg(name));
+        *failure = CtlOutcome::refused(noDevice(name));
         return false;
     }
     m_current = found;
@@ -216,7 +245,7 @@ bool CtlSession::channel(const QString &text, ChannelKind kind, CtlChannel *chan
     channel->device = colon < 0 ? m_current : findDevice(text.left(colon));
     channel->id = text.mid(colon + 1);
     if (channel->device < 0) {
-        *failure = CtlOutcome::refused(QStringLiteral("channel \"%1\": no device \"%2\" in the configuration").arg(text, text.left(colon)));
+        *failure = CtlOutcome::refused(QStringLiteral("channel \"%1\": %2").arg(text, noDevice(text.left(colon))));
         return false;
     }
     const QString reference = config(channel->device).reference;
@@ -244,6 +273,7 @@ void CtlSession::printJson(QJsonObject object)
         object.insert(QStringLiteral("line"), m_line);
     else if (object.value(QStringLiteral("line")).toInt() <= 0)
         object.remove(QStringLiteral("line"));
+    beforeOutput();
     m_out << QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) << '\n';
     m_out.flush();
 }
@@ -298,6 +328,8 @@ QString CtlSession::toText(const QVariant &value)
 
 void CtlSession::startBackground(int device, const QString &channel)
 {
+    if (m_checkOnly)
+        return;
     CtlRequest request;
     request.device = device;
     request.command = QStringLiteral("listenEvents");

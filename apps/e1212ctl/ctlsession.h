@@ -55,6 +55,13 @@ public:
 
     const Options &options() const { return m_options; }
     QTextStream &out() { return m_out; }
+    // Called before anything is printed (a script clears its progress line); nullptr: nothing.
+    void setBeforeOutput(const std::function<void()> &beforeOutput) { m_beforeOutput = beforeOutput; }
+    void beforeOutput()
+    {
+        if (m_beforeOutput)
+            m_beforeOutput();
+    }
 
     // The line of the script step being run (0 outside scripts), and its file for messages.
     void setStep(const QString &source, int line);
@@ -73,7 +80,13 @@ public:
     // simulators on free loopback ports; adds every device to one host. Does the work once;
     // later calls return the first outcome. False, with the failure in *failure, otherwise.
     bool openDevices(CtlOutcome *failure);
-    Host *host() const { return m_host.data(); }
+    // The host commands run on. While checking, one that serves no device: whatever a step
+    // starts then is refused there, so nothing reaches a device.
+    Host *host() const { return m_checkOnly ? m_checkHost.data() : m_host.data(); }
+    // A check (script --check): steps are read and checked, successes print nothing,
+    // background listens do not start and host() serves no device.
+    void setCheckOnly(bool checkOnly) { m_checkOnly = checkOnly; }
+    bool isCheckOnly() const { return m_checkOnly; }
     int deviceCount() const { return int(m_configs.size()); }
     const DeviceConfig &config(int device) const { return m_configs.at(device); }
     DAbstractPlugin *device(int device) const;
@@ -81,8 +94,11 @@ public:
     int current() const { return m_current; }
     const DeviceConfig &config() const { return config(m_current); }
     DAbstractPlugin *device() const { return device(m_current); }
-    // The index of the device whose reference, or the reference's last word, is `name`; -1.
-    int findDevice(const QString &name) const;
+    // The index of the device whose reference is `name`, else of the one device whose
+    // reference's last word is; -1 when none or several are (those in *candidates, quoted).
+    int findDevice(const QString &name, QStringList *candidates = nullptr) const;
+    // Why findDevice(name) found none: no such device, or the candidates when several.
+    QString noDevice(const QString &name) const;
     // Makes `name` the current device; false, with the refusal in *failure, otherwise.
     bool use(const QString &name, CtlOutcome *failure);
     // The embedded simulator of a device, or nullptr when it has a real address.
@@ -128,6 +144,7 @@ private:
 
     Options m_options;
     QTextStream m_out;
+    std::function<void()> m_beforeOutput;
     QString m_source;
     int m_line = 0;
     bool m_opened = false;
@@ -137,6 +154,8 @@ private:
     QScopedPointer<PluginManager> m_plugins;
     std::vector<std::unique_ptr<E1212Simulator>> m_simulators;
     QScopedPointer<Host> m_host;
+    QScopedPointer<Host> m_checkHost;
+    bool m_checkOnly = false;
     qint64 m_seq = 0;
     // Background listens, and the outcome stopBackground() reports when they have ended.
     std::vector<std::unique_ptr<CtlCall>> m_background;

@@ -28,6 +28,13 @@ void CtlStep::finish(const CtlOutcome &outcome)
         done(exitCode);
 }
 
+void CtlStep::setCancel(const std::function<void()> &cancel)
+{
+    if (m_session.isCheckOnly())
+        return finish(CtlOutcome());
+    m_cancel = cancel;
+}
+
 void CtlStep::cancel()
 {
     if (!m_finished && m_cancel)
@@ -36,6 +43,8 @@ void CtlStep::cancel()
 
 void CtlStep::run(const CtlRequest &request)
 {
+    if (m_session.isCheckOnly())
+        return finish(CtlOutcome());
     auto *call = new CtlCall(m_session, request, false, [this](const CtlOutcome &outcome) { finish(outcome); }, this);
     setCancel([call] { call->stop(); });
 }

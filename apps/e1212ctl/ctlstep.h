@@ -31,10 +31,13 @@ public:
     // Prints the outcome, tells the runner and deletes the step later. Only the first call counts.
     void finish(const CtlOutcome &outcome);
     // What Ctrl-C / SIGTERM do to this step; without it, nothing (the step ends on its own).
-    void setCancel(const std::function<void()> &cancel) { m_cancel = cancel; }
+    // A step sets it once its checks have passed and before it starts its work, so in a check
+    // (CtlSession::isCheckOnly()) the step ends here, passed, and what it starts is dropped.
+    void setCancel(const std::function<void()> &cancel);
     void cancel();
 
-    // Runs one device command and ends with its outcome; a cancel stops the command.
+    // Runs one device command and ends with its outcome; a cancel stops the command. In a
+    // check the step ends passed and nothing runs.
     void run(const CtlRequest &request);
 
 private:

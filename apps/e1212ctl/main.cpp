@@ -10,9 +10,11 @@
 #include "ctllog.h"
 #include "ctlrunner.h"
 #include "ctlsession.h"
+#include "ctltext.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTextStream>
@@ -23,9 +25,10 @@ namespace {
 
 int refuse(const QString &text, bool json)
 {
-    const QByteArray line = QStringLiteral("e1212ctl: %1\n").arg(text).toUtf8();
+    const QString shown = CtlText::line(text);
+    const QByteArray line = QStringLiteral("e1212ctl: %1\n").arg(shown).toUtf8();
     if (json)
-        QTextStream(stdout) << QJsonDocument(QJsonObject{{QStringLiteral("ok"), false}, {QStringLiteral("error"), text},
+        QTextStream(stdout) << QJsonDocument(QJsonObject{{QStringLiteral("ok"), false}, {QStringLiteral("error"), shown},
                                                          {QStringLiteral("code"), QStringLiteral("refused")},
                                                          {QStringLiteral("time"), CtlSession::timestamp(QDateTime::currentDateTime())}})
                                    .toJson(QJsonDocument::Compact)
@@ -67,6 +70,12 @@ bool options(const CtlArgs &args, CtlSession::Options *options, QString *error)
     options->device = args.value(QStringLiteral("device"));
     options->json = args.has(QStringLiteral("json"));
     options->pluginDirs = args.values(QStringLiteral("plugin-dir"));
+    for (const QString &dir : qAsConst(options->pluginDirs)) {
+        if (!QFileInfo(dir).isDir()) {
+            *error = QStringLiteral("--plugin-dir %1: no such folder").arg(dir);
+            return false;
+        }
+    }
     options->keepGoing = args.has(QStringLiteral("keep-going"));
     options->verbose = args.has(QStringLiteral("verbose"));
     quint32 timeout = 0;

@@ -36,6 +36,23 @@ private slots:
         QCOMPARE(devices.at(1).channelTable().size(), 5);
     }
 
+    // A device without "parameters" gets the default table under its reference's last word;
+    // one with them keeps its own, even an empty one.
+    void defaultChannels()
+    {
+        const QVariantList table{QVariantMap{{QStringLiteral("id"), QStringLiteral("DI0")}, {QStringLiteral("value"), QVariantList()}}};
+        QString error;
+        const QList<DeviceConfig> devices = DeviceConfig::fromJson(R"({"devices": [{"reference": "Moxa E1212 io2"},
+            {"reference": "own", "parameters": {"own_channels": []}}, {"reference": "none", "parameters": {}}]})",
+                                                                   QStringLiteral("short.json"), &error, table);
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QCOMPARE(devices.at(0).parameters, (QVariantMap{{QStringLiteral("io2_channels"), table}}));
+        QCOMPARE(devices.at(0).channelTable(), table);
+        QCOMPARE(devices.at(1).channelTable(), QVariantList());
+        QCOMPARE(devices.at(2).parameters, QVariantMap());
+        QCOMPARE(DeviceConfig::fromJson(R"({"reference": "a b"})", QStringLiteral("one.json"), &error).at(0).parameters, QVariantMap());
+    }
+
     void mistakes_data()
     {
         QTest::addColumn<QByteArray>("json");

@@ -179,6 +179,11 @@ private slots:
         row("register abc", {"set", "DO1", "1"}, "io1_channels[0].value[1].value: \"register\" must be a whole number 0-65535, found \"abc\"",
             R"({"reference": "Moxa E1212 io1", "parameters": {"io1_channels": [{"id": "DO1", "value": [
                 {"id": "type", "value": "digitalOutput"}, {"id": "register", "value": "abc"}]}]}})");
+        row("plug-in folder missing", {"--plugin-dir", "/nonexistent/plugins", "info"}, "--plugin-dir /nonexistent/plugins: no such folder");
+        const QByteArray twoIo1 = R"({"devices": [{"reference": "Moxa E1212 io1"}, {"reference": "Spare io1"}]})";
+        row("ambiguous --ref", {"--ref", "io1", "info"}, "--ref io1: more than one device is called so in " + m_dir.filePath("row.json")
+            + " (\"Moxa E1212 io1\", \"Spare io1\")", twoIo1);
+        row("ambiguous NAME:CH", {"get", "io1:DI0"}, "channel \"io1:DI0\": \"io1\" names more than one device (\"Moxa E1212 io1\", \"Spare io1\")", twoIo1);
         row("unknown plug-in", {"info"}, "no plug-in with UUID {11111111-2222-3333-4444-555555555555} is loaded",
             R"({"reference": "Moxa E1212 io1", "plugin": "{11111111-2222-3333-4444-555555555555}"})");
     }
@@ -237,10 +242,164 @@ private slots:
         QVERIFY2(run.out.startsWith(QStringLiteral("{\"background\":true,\"channel\":\"DI2\",\"command\":\"listen\"")), qPrintable(run.out));
         QVERIFY2(run.out.contains(QStringLiteral("\"command\":\"listen\",\"device\":\"Moxa E1212 io1\",\"event\":\"value\"")), qPrintable(run.out));
         QVERIFY2(seen.contains(QStringLiteral("3  DO1 [1,true,null]")), qPrintable(seen.join(QLatin1Char('\n'))));
-        QCOMPARE(seen.last(), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
+        QCOMPARE(seen.value(seen.size() - 2), QStringLiteral("7  DI0 [0,false,\"expect_failed\"]"));
+        // The summary: six steps (line 4 is a comment), one failed.
+        const QJsonObject summary = QJsonDocument::fromJson(run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts).last().toUtf8()).object();
+        QCOMPARE(summary.value(QStringLiteral("command")).toString(), QStringLiteral("script"));
+        QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("steps")).toInt(), 6);
+        QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("failed")).toInt(), 1);
         QVERIFY(m_io1.pulseStatus(1));
         QVERIFY(!m_io1.pulseStatus(2));
         QCOMPARE(m_connections - connections, 1);
+    }
+
+    // script --check reads every line and sends nothing: exit 0 and the summary when all is
+    // well, else 2 and one FILE:LINE: line per bad step, a bad step early not hiding a later one.
+    void checkScript_data()
+    {
+        QTest::addColumn<QByteArray>("script");
+        QTest::addColumn<QStringList>("errors"); // one per line on stderr, after "e1212ctl: FILE:"
+        QTest::addColumn<QString>("summary");
+        const QByteArray good = "set DO1 1\nexpect DI0 1 --within 100\nlisten DI2 &\nwait 100\n# comment\n\nuse io2\nget io1:DI0\n"
+                                "expect DO3 0\nlisten DI0 --count 2\nrun setValue channel=DO1 value=1\nstop\nhelp set\n";
+        QTest::newRow("all good") << good << QStringList() << "11 steps checked, 11 passed, 0 failed";
+        QTest::newRow("channel") << good + "set DO9 1\n" << QStringList{"14: unknown channel \"DO9\""} << "12 steps checked, 11 passed, 1 failed";
+        QTest::newRow("after use") << QByteArray("use io2\nget io2:DI0\nset DO1 7\n") << QStringList{"3: VALUE \"7\""}
+                                   << "3 steps checked, 2 passed, 1 failed";
+        QTest::newRow("two bad") << QByteArray("bogus\nget DI0\nuse io9\n") << QStringList{"1: \"bogus\" is not a step", "3: no device \"io9\""}
+                                 << "3 steps checked, 1 passed, 2 failed";
+        QTest::newRow("wait too long") << QByteArray("wait 604800001\n") << QStringList{"1: wait \"604800001\""} << "1 step checked, 0 passed, 1 failed";
+        QTest::newRow("within") << QByteArray("expect DI0 1 --within x\n") << QStringList{"1: --within \"x\""} << "1 step checked, 0 passed, 1 failed";
+        QTest::newRow("option") << QByteArray("get DI0 --within 5\n") << QStringList{"1: Unknown option 'within'"} << "1 step checked, 0 passed, 1 failed";
+        QTest::newRow("background") << QByteArray("get DI0 &\n") << QStringList{"1: only listen runs in the background"} << "1 step checked, 0 passed, 1 failed";
+        QTest::newRow("NUL") << QByteArray("get DI0\0junk\n", 13) << QStringList{"1: the line holds a NUL byte (at byte 8)"}
+                             << "1 step checked, 0 passed, 1 failed";
+    }
+
+    void checkScript()
+    {
+        QFETCH(QByteArray, script);
+        QFETCH(QStringList, errors);
+        QFETCH(QString, summary);
+        const int requests = m_io1.requestCount() + m_io2.requestCount();
+        const int connections = m_connections;
+        const QString file = write(QStringLiteral("check.txt"), script);
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), QStringLiteral("--check"), file});
+        QCOMPARE(run.exitCode, errors.isEmpty() ? 0 : 2);
+        const QStringList lines = run.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), errors.size());
+        for (int i = 0; i < errors.size(); ++i)
+            QVERIFY2(lines.at(i).startsWith(QStringLiteral("e1212ctl: %1:%2").arg(file, errors.at(i))), qPrintable(lines.at(i)));
+        QVERIFY2(QRegularExpression(QStringLiteral("^%1: %2, [0-9.]+ s\n$").arg(QRegularExpression::escape(file), summary)).match(run.out).hasMatch(),
+                 qPrintable(run.out));
+        QCOMPARE(m_io1.requestCount() + m_io2.requestCount(), requests);
+        QCOMPARE(m_connections, connections);
+    }
+
+    // Text from a script or the shell is echoed escaped and cut: nothing it holds reaches the
+    // terminal as a control sequence, and a huge word is not echoed whole.
+    void hostileText_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QString>("error");
+        const QString a200(200, QLatin1Char('A'));
+        QTest::newRow("escape") << "script" << QByteArray("\x1b[31mred\n") << "-:1: \"\\x1b[31mred\" is not a step (see help)";
+        QTest::newRow("escape at the shell") << "shell" << QByteArray("\x1b[31mred\n") << "shell:1: \"\\x1b[31mred\" is not a step (see help)";
+        QTest::newRow("bidi") << "script" << QByteArray("get DI\u202e0\n") << "-:1: unknown channel \"DI\\u202e0\" for device";
+        QTest::newRow("bell in a value") << "script" << QByteArray("set DO1 \a1\n") << "-:1: VALUE \"\\x071\" is not";
+        QTest::newRow("long word") << "script" << "get " + QByteArray(1000, 'A') + '\n'
+                                   << "-:1: unknown channel \"" + a200 + "... (1000 characters)\" for device";
+        QTest::newRow("long step") << "script" << QByteArray(60000, 'A') + '\n' << "-:1: \"" + a200 + "... (60000 characters)\" is not a step";
+        QTest::newRow("1 MB line") << "script" << QByteArray(1 << 20, 'A') + "\nget DI0\n" << "-:1: the line is longer than 65536 bytes (1048576 bytes)";
+        QTest::newRow("1 MB at the shell") << "shell" << QByteArray(1 << 20, 'x') << "shell:1: the line is longer than 65536 bytes (1048576 bytes)";
+        QTest::newRow("NUL") << "script" << QByteArray("get DI0\0 junk\n", 14) << "-:1: the line holds a NUL byte (at byte 8)";
+    }
+
+    void hostileText()
+    {
+        QFETCH(QString, command);
+        QFETCH(QByteArray, input);
+        QFETCH(QString, error);
+        const int requests = m_io1.requestCount();
+        QStringList arguments{QStringLiteral("--config"), m_bench, command};
+        if (command == QLatin1String("script"))
+            arguments << QStringLiteral("-");
+        const Run run = runCtl(arguments, QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), QProcessEnvironment::systemEnvironment(), input);
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY2(run.err.startsWith(QStringLiteral("e1212ctl: ") + error), qPrintable(run.err.left(500)));
+        QCOMPARE(run.err.count(QLatin1Char('\n')), 1);
+        QVERIFY(run.err.size() < 600);
+        QVERIFY(!run.err.contains(QChar(0x1b)) && !run.err.contains(QChar(0x202e)) && !run.err.contains(QChar(7)));
+        QCOMPARE(m_io1.requestCount(), requests);
+    }
+
+    // A script ends with its summary; --keep-going runs on past a failure and counts it.
+    void summary_data()
+    {
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<QByteArray>("script");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("summary");
+        QTest::newRow("passed") << QStringList() << QByteArray("get DI0\n# comment\n\nget DI1") << 0 << "2 steps, 2 passed, 0 failed";
+        QTest::newRow("stops") << QStringList() << QByteArray("get DX0\nget DI0\n") << 2 << "1 step, 0 passed, 1 failed";
+        QTest::newRow("keep going") << QStringList{"--keep-going"} << QByteArray("get DI0\nget DX0\nget DI1\nwait x\n") << 2
+                                    << "4 steps, 2 passed, 2 failed";
+        // A line too long is one failed step, the lines after it run: 65536 bytes is the limit.
+        QTest::newRow("past a long line") << QStringList{"--keep-going"} << QByteArray(70000, 'A') + "\n" + QByteArray(65529, ' ') + "get DI0\n"
+                                          << 2 << "2 steps, 1 passed, 1 failed";
+    }
+
+    void summary()
+    {
+        QFETCH(QStringList, options);
+        QFETCH(QByteArray, script);
+        QFETCH(int, exitCode);
+        QFETCH(QString, summary);
+        const QString file = write(QStringLiteral("summary.txt"), script);
+        const Run run = runCtl(QStringList{QStringLiteral("--config"), m_bench} + options + QStringList{QStringLiteral("script"), file});
+        QCOMPARE(run.exitCode, exitCode);
+        const QString last = run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts).value(run.out.count(QLatin1Char('\n')) - 1);
+        QVERIFY2(QRegularExpression(QStringLiteral("^%1: %2, [0-9]+\\.[0-9]{2} s$").arg(QRegularExpression::escape(file), summary)).match(last).hasMatch(),
+                 qPrintable(run.out));
+    }
+
+    // A script of 64 MiB and one byte is refused unread.
+    void scriptTooLarge()
+    {
+        QFile file(m_dir.filePath(QStringLiteral("huge.txt")));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.resize((64 << 20) + 1));
+        file.close();
+        const Run run = runCtl({QStringLiteral("script"), file.fileName()});
+        QCOMPARE(run.exitCode, 2);
+        QCOMPARE(run.err, QStringLiteral("e1212ctl: script %1: larger than 64 MiB\n").arg(file.fileName()));
+        QVERIFY(file.remove());
+    }
+
+    // A background listen's outage names the line that started it, not the running one's.
+    void backgroundListenLine()
+    {
+        const QString file = write(QStringLiteral("outage.txt"), "get DI0\nlisten DI2 &\nwait 1500\n");
+        QTimer::singleShot(300, this, [this] { m_io1.setResponseDelay(5000); });
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--timeout"), QStringLiteral("300"), QStringLiteral("script"), file});
+        m_io1.setResponseDelay(0);
+        QVERIFY2(run.err.startsWith(QStringLiteral("e1212ctl: %1:2: ").arg(file)), qPrintable(run.err));
+        QVERIFY2(!run.err.contains(QStringLiteral(":3: ")), qPrintable(run.err));
+    }
+
+    // A file of references and addresses: each device gets the module's own table.
+    void shortConfiguration()
+    {
+        const QString file = write(QStringLiteral("short.json"), QStringLiteral(R"({"devices": [
+            {"reference": "Moxa E1212 io1", "connection": {"host": "127.0.0.1", "port": %1}},
+            {"reference": "Bench B", "connection": {"host": "127.0.0.1", "port": %2}}]})").arg(m_io1.port()).arg(m_io2.port()).toUtf8());
+        m_io2.setInput(4, true);
+        const Run run = runCtl({QStringLiteral("--config"), file, QStringLiteral("get"), QStringLiteral("B:DI4")});
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out, QStringLiteral("B:DI4 = 1\n"));
+        const Run channels = runCtl({QStringLiteral("--config"), file, QStringLiteral("--ref"), QStringLiteral("B"), QStringLiteral("channels")});
+        QCOMPARE(channels.out.count(QLatin1Char('\n')), 20);
+        m_io2.setInput(4, false);
     }
 
     // One host serves every device of the file: --ref, NAME:CH and use reach each one. run --raw passes
@@ -389,8 +548,10 @@ private slots:
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file});
         QCOMPARE(run.err, QStringLiteral("e1212ctl: %1:7: expect io1:DO6: read 0, expected 1 (within 400 ms)\n").arg(file));
         QCOMPARE(run.exitCode, 1);
-        QCOMPARE(run.out, QStringLiteral("io1:DI3 = 1 as expected\nio1:DO6: blink on 300 ms, off 300 ms, values [1] done\n"
-                                         "io1:DO6 = 1 as expected\nio1:DO6 = 0 as expected\nio1:DO6 pulse = 1\nio1:DO6 = 0 done\n"));
+        QVERIFY2(QRegularExpression(QStringLiteral("^io1:DI3 = 1 as expected\nio1:DO6: blink on 300 ms, off 300 ms, values \\[1\\] done\n"
+                                                   "io1:DO6 = 1 as expected\nio1:DO6 = 0 as expected\nio1:DO6 pulse = 1\nio1:DO6 = 0 done\n"
+                                                   ".*/expect.txt: 7 steps, 6 passed, 1 failed, [0-9]+\\.[0-9]{2} s\n$"))
+                     .match(run.out).hasMatch(), qPrintable(run.out));
     }
 
     // An output's state is its coil, as mbpoll reads it on the wire; its pulse generator is
@@ -425,7 +586,8 @@ private slots:
         const QString file = write(QStringLiteral("outputs.txt"), steps);
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("script"), file});
         QCOMPARE(run.err, QString());
-        QCOMPARE(run.out, out);
+        // What the steps printed, then the script's summary.
+        QVERIFY2(run.out.startsWith(out) && run.out.mid(out.size()).count(QLatin1Char('\n')) == 1, qPrintable(run.out));
         QCOMPARE(run.exitCode, 0);
         const Run mbpoll = runCtl({QStringLiteral("-m"), QStringLiteral("tcp"), QStringLiteral("-p"), QString::number(m_io1.port()),
                                    QStringLiteral("-t"), QStringLiteral("0"), QStringLiteral("-0"), QStringLiteral("-r"), QString::number(coil),
@@ -635,6 +797,8 @@ private slots:
         QVERIFY(install.waitForFinished(60000));
         QCOMPARE(install.exitCode(), 0);
         QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/e1212/e1212.json"))));
+        QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/man/man1/e1212ctl.1"))));
+        QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("prefix/share/bash-completion/completions/e1212ctl"))));
         // A prefix can be moved: nothing points into the build tree or at the install path.
         QVERIFY(QDir(m_dir.path()).rename(QStringLiteral("prefix"), QStringLiteral("moved")));
         const Run run = runCtl({QStringLiteral("--verbose"), QStringLiteral("info")}, m_dir.filePath(QStringLiteral("moved/bin/e1212ctl")));

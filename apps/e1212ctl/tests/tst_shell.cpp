@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: MIT
+// e1212ctl shell at a terminal, as a technician types at it: a pseudo-terminal that is the
+// shell's controlling terminal, so Ctrl-C is the terminal's own SIGINT. Line editing, history
+// (kept across sessions), completion, Ctrl-C for the running step and at the prompt, Ctrl-D.
+#include "e1212simulator.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <csignal>
+#include <fcntl.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// e1212ctl on a pseudo-terminal of its own.
+class Terminal
+{
+public:
+    Terminal(const QStringList &arguments, const QString &stateDir)
+    {
+        QList<QByteArray> words{QByteArrayLiteral(E1212_BUILD_DIR "/bin/e1212ctl")};
+        for (const QString &argument : arguments)
+            words << argument.toUtf8();
+        std::vector<char *> argv;
+        for (QByteArray &word : words)
+            argv.push_back(word.data());
+        argv.push_back(nullptr);
+        const QByteArray state = "XDG_STATE_HOME=" + stateDir.toUtf8();
+        m_pid = forkpty(&m_master, nullptr, nullptr, nullptr);
+        if (m_pid == 0) {
+            putenv(const_cast<char *>("TERM=xterm"));
+            putenv(const_cast<char *>("INPUTRC=/dev/null"));
+            putenv(const_cast<char *>(state.constData()));
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        fcntl(m_master, F_SETFL, O_NONBLOCK);
+    }
+
+    ~Terminal()
+    {
+        if (m_pid > 0 && m_status < 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        if (m_master >= 0)
+            close(m_master);
+    }
+
+    void type(const QByteArray &keys) { QCOMPARE(write(m_master, keys.constData(), size_t(keys.size())), ssize_t(keys.size())); }
+
+    // Everything the terminal showed so far.
+    QByteArray screen()
+    {
+        char buffer[4096];
+        ssize_t got;
+        while ((got = read(m_master, buffer, sizeof buffer)) > 0)
+            m_screen.append(buffer, int(got));
+        return m_screen;
+    }
+    // What it showed since the last mark().
+    QByteArray fresh() { return screen().mid(m_seen); }
+    void mark() { m_seen = screen().size(); }
+    // The exit status once e1212ctl has ended; -1 while it runs.
+    int status()
+    {
+        int status = 0;
+        if (m_status < 0 && waitpid(m_pid, &status, WNOHANG) == m_pid)
+            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        screen();
+        return m_status;
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_master = -1;
+    int m_status = -1;
+    QByteArray m_screen;
+    int m_seen = 0;
+};
+
+QJsonObject device(const QString &reference, const E1212Simulator &simulator)
+{
+    return {{QStringLiteral("reference"), reference},
+            {QStringLiteral("connection"), QJsonObject{{QStringLiteral("host"), QStringLiteral("127.0.0.1")},
+                                                       {QStringLiteral("port"), simulator.port()}}}};
+}
+
+} // namespace
+
+class TstShell : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    E1212Simulator m_io1;
+    E1212Simulator m_io2;
+    QStringList m_arguments;
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY(m_io1.start());
+        QVERIFY(m_io2.start());
+        // References and addresses only: both devices get the module's own table.
+        QFile file(m_dir.filePath(QStringLiteral("bench.json")));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QJsonDocument(QJsonObject{{QStringLiteral("devices"), QJsonArray{device(QStringLiteral("Moxa E1212 io1"), m_io1),
+                                                                                     device(QStringLiteral("Moxa E1212 io2"), m_io2)}}})
+                       .toJson());
+        file.close();
+        m_arguments = QStringList{QStringLiteral("--config"), file.fileName(), QStringLiteral("shell")};
+    }
+
+    // Editing keys change the line before it runs; Up recalls it; Tab completes step names,
+    // device names and channels; the prompt names the current device.
+    void editingHistoryCompletion()
+    {
+        m_io1.setInput(1, true);
+        m_io2.setInput(4, true);
+        Terminal terminal(m_arguments, m_dir.filePath(QStringLiteral("editing")));
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
+        terminal.mark();
+        terminal.type("et DI1\x01g\r"); // Ctrl-A: to the start of the line
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io1:DI1 = 1\r\n"), 10000);
+        terminal.mark();
+        terminal.type("get DI7\x7f\x7f\x7f" "DI9\x17" "DI1\r"); // Backspace, Ctrl-W
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("io1:DI1 = 1\r\n"), 10000);
+        terminal.mark();
+        m_io1.setInput(1, false);
+        terminal.type("\x1b[A\r"); // Up: the last line again
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("io1:DI1 = 0\r\n"), 10000);
+        terminal.mark();
+        terminal.type("us\t i\t2\r");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io2> "), 10000);
+        terminal.mark();
+        terminal.type("get io1:DI\t\t");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io1:DI7"), 10000);
+        terminal.type("\x15get-r\t DI\t\t4\r"); // Ctrl-U clears the line
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io2:DI4 = 1\r\nio2:DI5 = 0\r\nio2:DI6 = 0\r\nio2:DI7 = 0\r\n"), 10000);
+        terminal.type("\x04"); // Ctrl-D
+        QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), 0, 10000);
+
+        // The history outlives the session.
+        Terminal again(m_arguments, m_dir.filePath(QStringLiteral("editing")));
+        QTRY_VERIFY_WITH_TIMEOUT(again.fresh().endsWith("io1> "), 10000);
+        again.mark();
+        again.type("\x1b[A\x1b[A\r");
+        QTRY_VERIFY_WITH_TIMEOUT(again.fresh().endsWith("io2> "), 10000);
+        again.mark();
+        again.type("quit\r");
+        QTRY_COMPARE_WITH_TIMEOUT(again.status(), 0, 10000);
+    }
+
+    // Ctrl-C stops the running step (a wait, an expect, a foreground listen) and the prompt
+    // comes back, background listens still running; at the prompt it drops the line typed;
+    // twice at an empty prompt it ends the shell.
+    void controlC_data()
+    {
+        QTest::addColumn<QByteArray>("step");
+        QTest::addColumn<QByteArray>("shown"); // what the step shows before Ctrl-C
+        QTest::addColumn<int>("status");       // the shell's: an expect stopped has not passed
+        QTest::newRow("wait") << QByteArray("wait 600000") << QByteArray() << 0;
+        QTest::newRow("expect") << QByteArray("expect DI5 1 --within 600000") << QByteArray() << 1;
+        QTest::newRow("listen") << QByteArray("listen DI5") << QByteArray("  io1:DI5 = 0\r\n") << 0;
+    }
+
+    void controlC()
+    {
+        QFETCH(QByteArray, step);
+        QFETCH(QByteArray, shown);
+        QFETCH(int, status);
+        m_io1.setInput(2, false);
+        m_io1.setInput(5, false);
+        Terminal terminal(m_arguments, m_dir.filePath(QStringLiteral("interrupt")));
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
+        terminal.mark();
+        terminal.type("listen DI2 &\r");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("  io1:DI2 = 0\r\n"), 10000);
+        terminal.mark();
+        terminal.type(step + '\r');
+        // Readline ends the line ("\r\n") and starts the step in one go.
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains(step + "\r\n") && terminal.fresh().endsWith(shown), 10000);
+        terminal.mark();
+        terminal.type("\x03");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
+        terminal.mark();
+        QCOMPARE(terminal.status(), -1);
+        // The background listen has outlived the Ctrl-C.
+        m_io1.setInput(2, true);
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("  io1:DI2 = 1\r\n"), 10000);
+        terminal.mark();
+        // At the prompt: a typed line is dropped, not run; the shell goes on.
+        // (Ctrl-C is the terminal's signal, at once: the keys before it must have been read.)
+        terminal.type("set DO3 1");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("set DO3 1"), 10000);
+        terminal.type("\x03");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("^C\r\nio1> "), 10000);
+        terminal.mark();
+        terminal.type("\x03");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("^C\r\nio1> "), 10000);
+        terminal.mark();
+        QCOMPARE(terminal.status(), -1);
+        terminal.type("\x03");
+        QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), status, 10000);
+        QVERIFY(!m_io1.pulseStatus(3));
+    }
+
+    // help and help STEP are steps; a step that is not one says so on the line.
+    void help()
+    {
+        Terminal terminal(m_arguments, m_dir.filePath(QStringLiteral("help")));
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
+        terminal.mark();
+        terminal.type("help\r");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("  quit, exit"), 10000);
+        QVERIFY(terminal.screen().contains("  expect CH VALUE [--within MS]"));
+        QVERIFY(!terminal.screen().contains("  shell"));
+        terminal.type("help set\r");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("--mask M"), 10000);
+        terminal.type("help shell\r");
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("e1212ctl: shell:3: help: \"shell\" is not a step"), 10000);
+        terminal.type("\x04");
+        QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), 2, 10000);
+    }
+};
+
+QTEST_GUILESS_MAIN(TstShell)
+#include "tst_shell.moc"
