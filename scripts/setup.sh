@@ -15,6 +15,7 @@ packages=(
   qt5-qmltooling-plugins
   mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio
   xvfb xauth
+  mosquitto mosquitto-clients libmosquitto-dev openssl
 )
 
 missing=()
