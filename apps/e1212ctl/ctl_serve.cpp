@@ -91,13 +91,13 @@ int serve(CtlSession &session, const CtlArgs &args)
     for (int i = 0; i < session.deviceCount(); ++i)
         devices << session.device(i);
     MqttGateway gateway(session.host(), devices, mqtt, options);
-    if (!gateway.start(&error))
-        return session.usageError(error);
     int status = CtlSession::ExitOk;
     QObject::connect(&gateway, &MqttGateway::fatalError, qApp, [&](const QString &text) {
         status = session.fail(CtlSession::ExitFailed, text);
         QCoreApplication::quit();
     });
+    if (!gateway.start(&error))
+        return session.usageError(error);
     SignalWatcher watcher;
     QObject::connect(&watcher, &SignalWatcher::interrupted, qApp, &QCoreApplication::quit);
     session.out() << "serving " << devices.size() << " device(s) on " << args.value(QStringLiteral("mqtt")) << " as "

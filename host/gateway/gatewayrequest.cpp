@@ -140,10 +140,13 @@ GatewayRequest GatewayRequest::parse(const QString &action, const QString &targe
     QJsonObject json;
     QString error;
     if (action == QLatin1String("set")) {
-        const QByteArray text = payload.trimmed();
         int value = 0;
-        if (text == "0" || text == "1") {
-            value = text.toInt();
+        // A bare JSON number, or an object.
+        const QJsonDocument scalar = QJsonDocument::fromJson('[' + payload + ']');
+        const QJsonValue number = scalar.array().size() == 1 ? scalar.array().first() : QJsonValue();
+        if (number.isDouble()) {
+            if (!whole(number, 0, 1, &value))
+                return refuse(command, c_refused, QStringLiteral("the value must be 0 or 1, found %1").arg(shown(number)));
         } else {
             const QString usage = QStringLiteral("the payload must be 0, 1 or {\"value\": 0|1, \"mask\": 0-65535}");
             if (!object(payload, &json, &error))

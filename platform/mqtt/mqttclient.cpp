@@ -150,7 +150,8 @@ bool MqttClient::start(QString *error)
         return false;
     }
     m_running = true;
-    connectNow();
+    // The first attempt starts from the event loop, so that its outcome is always a signal.
+    m_retry.start(0);
     return true;
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "mosquittobroker.h"
 
+#include "processrun.h"
+
 #include <QDir>
 #include <QFile>
 #include <QSignalSpy>
@@ -30,17 +32,10 @@ QString MosquittoBroker::url() const
 
 bool MosquittoBroker::run(const QString &program, const QStringList &arguments, QString *error, int ms)
 {
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
-    process.start(program, arguments);
-    if (!finished.wait(ms) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        process.kill();
-        *error = QStringLiteral("%1 %2 failed: %3").arg(program, arguments.join(QLatin1Char(' ')),
-                                                         QString::fromUtf8(process.readAll()));
-        return false;
-    }
-    return true;
+    const ProcessRun run = ProcessRun::run(program, arguments, ms);
+    if (run.exitCode != 0)
+        *error = QStringLiteral("%1 %2 failed: %3%4").arg(program, arguments.join(QLatin1Char(' ')), run.out, run.err);
+    return run.exitCode == 0;
 }
 
 bool MosquittoBroker::writeFiles(QString *error)
@@ -61,7 +56,7 @@ bool MosquittoBroker::writeFiles(QString *error)
 
     QByteArray config = "listener " + QByteArray::number(m_port) + " 127.0.0.1\n"
                         "persistence false\nlog_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\n"
-                        "log_type information\nconnection_messages true\n";
+                        "log_type information\nlog_type subscribe\nconnection_messages true\n";
     const auto file = [this](const char *name) { return m_dir.filePath(QLatin1String(name)); };
     if (m_options.user.isEmpty()) {
         config += "allow_anonymous true\n";

@@ -4,6 +4,7 @@
 // failures that end it at start-up (credentials, untrusted certificate).
 #include "mosquittobroker.h"
 #include "mqttclient.h"
+#include "mqttinbox.h"
 
 #include <QtTest>
 
@@ -18,23 +19,6 @@ std::unique_ptr<MqttClient> client(const MosquittoBroker &broker, const QString 
     options.clientId = id;
     return std::make_unique<MqttClient>(options);
 }
-
-// Every message a client receives, by topic (the latest payload) and in order.
-struct Inbox
-{
-    QList<MqttClient::Message> messages;
-    QByteArray latest(const QString &topic) const
-    {
-        for (int i = messages.size() - 1; i >= 0; --i)
-            if (messages.at(i).topic == topic)
-                return messages.at(i).payload;
-        return QByteArray();
-    }
-    int count(const QString &topic) const
-    {
-        return int(std::count_if(messages.cbegin(), messages.cend(), [&](const MqttClient::Message &m) { return m.topic == topic; }));
-    }
-};
 
 } // namespace
 
@@ -109,8 +93,8 @@ void TstMqttClient::retainedStateSurvivesBrokerRestart()
     QVERIFY(connected.wait(10000)); // back-off at most 2 s
 
     auto late = client(broker, QStringLiteral("late"));
-    Inbox inbox;
-    connect(late.get(), &MqttClient::messageReceived, this, [&](const MqttClient::Message &m) { inbox.messages << m; });
+    MqttInbox inbox;
+    inbox.collect(late.get());
     late->subscribe(QStringLiteral("t/#"));
     QVERIFY(late->start(&error));
     QTRY_COMPARE_WITH_TIMEOUT(inbox.messages.size(), 2, 10000);
@@ -128,9 +112,9 @@ void TstMqttClient::correlationDataTravels()
     QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
     auto a = client(broker, QStringLiteral("a"));
     auto b = client(broker, QStringLiteral("b"));
-    Inbox inboxA, inboxB;
-    connect(a.get(), &MqttClient::messageReceived, this, [&](const MqttClient::Message &m) { inboxA.messages << m; });
-    connect(b.get(), &MqttClient::messageReceived, this, [&](const MqttClient::Message &m) { inboxB.messages << m; });
+    MqttInbox inboxA, inboxB;
+    inboxA.collect(a.get());
+    inboxB.collect(b.get());
     a->subscribe(QStringLiteral("q/#"));
     b->subscribe(QStringLiteral("q/#"));
     QSignalSpy aUp(a.get(), &MqttClient::connected), bUp(b.get(), &MqttClient::connected);
