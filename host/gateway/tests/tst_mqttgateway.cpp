@@ -136,6 +136,8 @@ private slots:
     void moduleRestart();
     void serveRefusals_data();
     void serveRefusals();
+    void serveUntilSigterm();
+    void installAndPackage();
 };
 
 void TstMqttGateway::statesOnChange_data()
@@ -531,6 +533,66 @@ void TstMqttGateway::serveRefusals()
     const ProcessRun run = ProcessRun::run(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), QStringList{QStringLiteral("serve")} + arguments);
     QCOMPARE(run.exitCode, exitCode);
     QCOMPARE(run.err, QStringLiteral("e1212ctl: %1\n").arg(QString(error).replace(QStringLiteral("BROKERPORT"), QString::number(mosquitto.port()))));
+}
+
+void TstMqttGateway::serveUntilSigterm()
+{
+    MosquittoBroker broker;
+    QString error;
+    QVERIFY2(broker.start(&error), qPrintable(error));
+    QTRY_VERIFY_WITH_TIMEOUT(broker.isReady(), 10000);
+    QProcess serve;
+    serve.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"),
+                {QStringLiteral("serve"), QStringLiteral("--mqtt"), broker.url(), QStringLiteral("--mqtt-client-id"), QStringLiteral("bench-gw")});
+    const QStringList sub{QStringLiteral("-p"), QString::number(broker.port()), QStringLiteral("-C"), QStringLiteral("1"),
+                          QStringLiteral("-W"), QStringLiteral("20"), QStringLiteral("-t")};
+    // A client that is not ours sees the module's retained state, then the gateway leave.
+    const ProcessRun state = ProcessRun::run(QStringLiteral("mosquitto_sub"), sub + QStringList{QStringLiteral("e1212/io1/DI0")});
+    QCOMPARE(state.exitCode, 0);
+    QCOMPARE(json(state.out.toUtf8()).value(QStringLiteral("value")), QJsonValue(0));
+    QCOMPARE(ProcessRun::run(QStringLiteral("mosquitto_sub"), sub + QStringList{QStringLiteral("e1212/gateway/bench-gw/status")}).out,
+             QStringLiteral("online\n"));
+    QSignalSpy finished(&serve, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+    serve.terminate();
+    QVERIFY(finished.wait(10000));
+    QCOMPARE(serve.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(serve.exitCode(), 0);
+    QCOMPARE(ProcessRun::run(QStringLiteral("mosquitto_sub"), sub + QStringList{QStringLiteral("e1212/gateway/bench-gw/status")}).out,
+             QStringLiteral("offline\n"));
+}
+
+void TstMqttGateway::installAndPackage()
+{
+    QTemporaryDir dir;
+    const QString prefix = dir.filePath(QStringLiteral("prefix"));
+    QCOMPARE(ProcessRun::run(QStringLiteral(E1212_CMAKE), {QStringLiteral("--install"), QStringLiteral(E1212_BUILD_DIR),
+                                                          QStringLiteral("--prefix"), prefix}, 120000).exitCode, 0);
+    const auto execStart = [](const QString &unit) {
+        QFile file(unit);
+        file.open(QIODevice::ReadOnly);
+        for (const QByteArray &line : file.readAll().split('\n'))
+            if (line.startsWith("ExecStart="))
+                return QString::fromUtf8(line);
+        return QString();
+    };
+    const QString tail = QStringLiteral(" serve --config /etc/e1212/%i.json --mqtt ${E1212_MQTT_URL} --mqtt-client-id e1212-%H-%i $E1212_GATEWAY_ARGS");
+    QCOMPARE(execStart(prefix + QStringLiteral("/lib/systemd/system/e1212-gateway@.service")),
+             QStringLiteral("ExecStart=") + prefix + QStringLiteral("/bin/e1212ctl") + tail);
+
+    const QString packages = dir.filePath(QStringLiteral("packages"));
+    QCOMPARE(ProcessRun::run(QStringLiteral(E1212_CPACK), {QStringLiteral("-G"), QStringLiteral("DEB"), QStringLiteral("-B"), packages,
+                                                          QStringLiteral("--config"), QStringLiteral(E1212_BUILD_DIR "/CPackConfig.cmake")}, 120000).exitCode, 0);
+    const QStringList debs = QDir(packages).entryList({QStringLiteral("*.deb")});
+    QCOMPARE(debs.size(), 1);
+    const QString root = dir.filePath(QStringLiteral("root"));
+    QCOMPARE(ProcessRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("-x"), packages + QLatin1Char('/') + debs.first(), root}).exitCode, 0);
+    for (const char *file : {"/usr/bin/e1212ctl", "/usr/lib/e1212/plugins/libp_device_moxa_iologic.so",
+                             "/usr/lib/e1212/plugins/libmodbus_tcp_driver.so", "/usr/lib/libe1212gateway.so"})
+        QVERIFY2(QFileInfo::exists(root + QLatin1String(file)), file);
+    QCOMPARE(execStart(root + QStringLiteral("/usr/lib/systemd/system/e1212-gateway@.service")),
+             QStringLiteral("ExecStart=/usr/bin/e1212ctl") + tail);
+    const ProcessRun info = ProcessRun::run(QStringLiteral("dpkg-deb"), {QStringLiteral("-f"), packages + QLatin1Char('/') + debs.first(), QStringLiteral("Depends")});
+    QVERIFY2(info.out.contains(QLatin1String("libmosquitto1")), qPrintable(info.out));
 }
 
 QTEST_GUILESS_MAIN(TstMqttGateway)
