@@ -85,6 +85,25 @@ MqttGateway::Device *MqttGateway::deviceNamed(const QString &name) const
 
 bool MqttGateway::start(QString *error)
 {
+    // Device names and channel ids become topic levels: one level each, no wildcard, unique.
+    static const QRegularExpression notALevel(QStringLiteral("^$|[/+#\\x00]"));
+    QStringList names;
+    for (const auto &device : m_devices) {
+        QStringList levels{device->name};
+        for (const GatewayRequest::Channel &channel : qAsConst(device->channels))
+            levels << channel.id;
+        for (const QString &level : qAsConst(levels)) {
+            if (level.contains(notALevel)) {
+                *error = QStringLiteral("%1: \"%2\" cannot be a topic level (empty, or with /, + or #)").arg(device->reference, level);
+                return false;
+            }
+        }
+        if (names.contains(device->name) || device->name == QLatin1String("gateway")) {
+            *error = QStringLiteral("%1: its last word \"%2\" names another device's topics already").arg(device->reference, device->name);
+            return false;
+        }
+        names << device->name;
+    }
     m_mqtt.setRetained(statusTopic(), c_online);
     m_mqtt.subscribe(m_options.prefix + QStringLiteral("/+/+/+"));
     if (!m_mqtt.start(error))
@@ -137,8 +156,8 @@ void MqttGateway::answered(Device *device)
     device->availability = Device::Online;
     qCInfo(lcGateway).noquote() << device->reference << "answers";
     m_mqtt.setRetained(topic(*device, QStringLiteral("availability")), c_online);
-    if (device->info.isEmpty())
-        requestInfo(device);
+    // Asked again on every return: the module may have been replaced meanwhile.
+    requestInfo(device);
 }
 
 void MqttGateway::outage(Device *device, const DError &error)

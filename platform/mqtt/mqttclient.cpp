@@ -164,10 +164,11 @@ void MqttClient::stop()
     m_misc.stop();
     if (m_connected) {
         mosquitto_disconnect(m_mosq);
-        // Flush what is queued and the DISCONNECT; the socket is non-blocking, so this
-        // never waits.
-        while (mosquitto_want_write(m_mosq) && mosquitto_loop_write(m_mosq, 1) == MOSQ_ERR_SUCCESS) {
-        }
+        // Flush what is queued and the DISCONNECT as far as the socket takes it now; it is
+        // non-blocking, so this never waits, and a full socket ends it.
+        for (int round = 0; round < 64 && mosquitto_want_write(m_mosq); ++round)
+            if (mosquitto_loop_write(m_mosq, 1) != MOSQ_ERR_SUCCESS)
+                break;
     }
     m_connected = false;
     dropNotifiers();

@@ -123,6 +123,8 @@ class TstMqttGateway : public QObject
 {
     Q_OBJECT
 private slots:
+    void topicNamesChecked_data();
+    void topicNamesChecked();
     void statesOnChange_data();
     void statesOnChange();
     void retainedForLateSubscriber();
@@ -139,6 +141,34 @@ private slots:
     void serveUntilSigterm();
     void installAndPackage();
 };
+
+void TstMqttGateway::topicNamesChecked_data()
+{
+    QTest::addColumn<QStringList>("references");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("same last word") << QStringList{"Bench A io1", "Bench B io1"}
+                                    << "Bench B io1: its last word \"io1\" names another device's topics already";
+    QTest::newRow("the gateway's own level") << QStringList{"Moxa gateway"} << "Moxa gateway: its last word \"gateway\" names another device's topics already";
+    QTest::newRow("wildcard") << QStringList{"Moxa io+"} << "Moxa io+: \"io+\" cannot be a topic level (empty, or with /, + or #)";
+    QTest::newRow("multi-level wildcard") << QStringList{"Moxa a#"} << "Moxa a#: \"a#\" cannot be a topic level (empty, or with /, + or #)";
+}
+
+void TstMqttGateway::topicNamesChecked()
+{
+    QFETCH(QStringList, references);
+    QFETCH(QString, error);
+    PluginManager plugins;
+    plugins.scan({QStringLiteral(E1212_PLUGIN_DIR)});
+    Host host(&plugins);
+    QString text;
+    for (const QString &reference : qAsConst(references))
+        QVERIFY2(host.addDevice(deviceConfig(reference, 1), &text), qPrintable(text));
+    MqttClient::Options mqtt;
+    mqtt.host = QStringLiteral("127.0.0.1");
+    MqttGateway gateway(&host, host.devices(), mqtt, gatewayOptions(true));
+    QVERIFY(!gateway.start(&text));
+    QCOMPARE(text, error);
+}
 
 void TstMqttGateway::statesOnChange_data()
 {
