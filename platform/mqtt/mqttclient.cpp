@@ -130,6 +130,7 @@ bool MqttClient::start(QString *error)
     mosquitto_int_option(m_mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_connect_v5_callback_set(m_mosq, &MqttClient::onConnect);
     mosquitto_message_v5_callback_set(m_mosq, &MqttClient::onMessage);
+    mosquitto_log_callback_set(m_mosq, &MqttClient::onLog);
     int rc = MOSQ_ERR_SUCCESS;
     if (!m_options.username.isEmpty())
         rc = mosquitto_username_pw_set(m_mosq, m_options.username.toUtf8().constData(),
@@ -230,13 +231,14 @@ void MqttClient::connectNow()
     if (!m_running)
         return;
     m_refusal = 0;
+    m_libraryError.clear();
     // The first attempt gives libmosquitto the address; later ones reuse it.
     const int rc = m_attempted ? mosquitto_reconnect_async(m_mosq)
                                : mosquitto_connect_async(m_mosq, m_options.host.toUtf8().constData(), m_options.port,
                                                          m_options.keepAliveSeconds);
     m_attempted = true;
     if (rc != MOSQ_ERR_SUCCESS) {
-        lost(errorText(rc), rc == MOSQ_ERR_TLS);
+        step(rc, "connect");
         return;
     }
     watchSocket();
@@ -285,8 +287,12 @@ void MqttClient::step(int rc, const char *what)
         lost(QStringLiteral("refused the connection: %1").arg(reason), refusalIsFinal(m_refusal));
         return;
     }
-    lost(QStringLiteral("%1 failed: %2").arg(QLatin1String(what), errorText(rc)),
-         rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_TLS_HANDSHAKE);
+    const bool tls = rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_TLS_HANDSHAKE;
+    // For TLS, OpenSSL's own words (from libmosquitto's log) say what is wrong.
+    if (tls && !m_libraryError.isEmpty())
+        lost(QStringLiteral("TLS failed: %1").arg(m_libraryError), true);
+    else
+        lost(QStringLiteral("%1 failed: %2").arg(QLatin1String(what), errorText(rc)), tls);
 }
 
 void MqttClient::lost(const QString &reason, bool fatal)
@@ -328,6 +334,13 @@ void MqttClient::onConnect(mosquitto *, void *self, int rc, int, const mqtt5__pr
     for (const QString &topic : qAsConst(client->m_retainedOrder))
         client->send(topic, client->m_retained.value(topic), true, QByteArray());
     emit client->connected();
+}
+
+void MqttClient::onLog(mosquitto *, void *self, int level, const char *text)
+{
+    auto *client = static_cast<MqttClient *>(self);
+    if (level == MOSQ_LOG_ERR && client->m_libraryError.isEmpty())
+        client->m_libraryError = QString::fromUtf8(text);
 }
 
 void MqttClient::onMessage(mosquitto *, void *self, const mosquitto_message *message, const mqtt5__property *properties)

@@ -83,6 +83,7 @@ signals:
 
 private:
     static void onConnect(mosquitto *, void *self, int rc, int flags, const mqtt5__property *properties);
+    static void onLog(mosquitto *, void *self, int level, const char *text);
     static void onMessage(mosquitto *, void *self, const struct mosquitto_message *message,
                           const mqtt5__property *properties);
 
@@ -110,6 +111,8 @@ private:
     bool m_everConnected = false;
     // The CONNACK's reason code when the broker refused us.
     int m_refusal = 0;
+    // libmosquitto's first error line of this attempt (OpenSSL's reason for a TLS failure).
+    QString m_libraryError;
     QHash<QString, QByteArray> m_retained;
     QStringList m_retainedOrder;
     QStringList m_filters;

@@ -144,7 +144,7 @@ void TstMqttClient::startupFailures_data()
     QTest::newRow("wrong password") << false << "wrong" << true << "refused the connection: Not authorized";
     QTest::newRow("no password") << false << "" << true << "refused the connection: Not authorized";
     QTest::newRow("trusted certificate") << true << "" << true << "";
-    QTest::newRow("untrusted certificate") << true << "" << false << "read failed: A TLS error occurred.";
+    QTest::newRow("untrusted certificate") << true << "" << false << "TLS failed: OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
 }
 
 void TstMqttClient::startupFailures()
