@@ -38,6 +38,20 @@ QVariant reportedValue(const QVariant &report)
     return values.size() == 1 ? values.first() : report;
 }
 
+QString statusTopicOf(const MqttGateway::Options &options)
+{
+    return QStringLiteral("%1/gateway/%2/status").arg(options.prefix, options.id);
+}
+
+// The broker connection as this gateway: its client id, and its will on its status topic.
+MqttClient::Options withIdentity(MqttClient::Options mqtt, const QString &id, const QString &statusTopic)
+{
+    mqtt.clientId = id;
+    mqtt.willTopic = statusTopic;
+    mqtt.willPayload = c_offline;
+    return mqtt;
+}
+
 } // namespace
 
 MqttGateway::MqttGateway(Host *host, const QList<DAbstractPlugin *> &devices, MqttClient::Options mqtt,
@@ -45,7 +59,7 @@ MqttGateway::MqttGateway(Host *host, const QList<DAbstractPlugin *> &devices, Mq
     : QObject(parent)
     , m_host(host)
     , m_options(options)
-    , m_mqtt((mqtt.clientId = options.id, mqtt.willTopic = statusTopic(), mqtt.willPayload = c_offline, mqtt))
+    , m_mqtt(withIdentity(mqtt, options.id, statusTopicOf(options)))
 {
     for (DAbstractPlugin *plugin : devices) {
         auto device = std::make_unique<Device>();
@@ -67,7 +81,7 @@ MqttGateway::~MqttGateway()
 
 QString MqttGateway::statusTopic() const
 {
-    return QStringLiteral("%1/gateway/%2/status").arg(m_options.prefix, m_options.id);
+    return statusTopicOf(m_options);
 }
 
 QString MqttGateway::topic(const Device &device, const QString &leaf) const

@@ -138,7 +138,8 @@ private slots:
     void moduleRestart();
     void serveRefusals_data();
     void serveRefusals();
-    void serveUntilSigterm();
+    void serveUntilStopped_data();
+    void serveUntilStopped();
     void installAndPackage();
 };
 
@@ -565,8 +566,16 @@ void TstMqttGateway::serveRefusals()
     QCOMPARE(run.err, QStringLiteral("e1212ctl: %1\n").arg(QString(error).replace(QStringLiteral("BROKERPORT"), QString::number(mosquitto.port()))));
 }
 
-void TstMqttGateway::serveUntilSigterm()
+void TstMqttGateway::serveUntilStopped_data()
 {
+    QTest::addColumn<bool>("kill");
+    QTest::newRow("SIGTERM: status offline as it leaves") << false;
+    QTest::newRow("SIGKILL: the will says offline") << true;
+}
+
+void TstMqttGateway::serveUntilStopped()
+{
+    QFETCH(bool, kill);
     MosquittoBroker broker;
     QString error;
     QVERIFY2(broker.start(&error), qPrintable(error));
@@ -583,10 +592,14 @@ void TstMqttGateway::serveUntilSigterm()
     QCOMPARE(ProcessRun::run(QStringLiteral("mosquitto_sub"), sub + QStringList{QStringLiteral("e1212/gateway/bench-gw/status")}).out,
              QStringLiteral("online\n"));
     QSignalSpy finished(&serve, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
-    serve.terminate();
+    if (kill)
+        serve.kill();
+    else
+        serve.terminate();
     QVERIFY(finished.wait(10000));
-    QCOMPARE(serve.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(serve.exitCode(), 0);
+    QCOMPARE(serve.exitStatus(), kill ? QProcess::CrashExit : QProcess::NormalExit);
+    if (!kill)
+        QCOMPARE(serve.exitCode(), 0);
     QCOMPARE(ProcessRun::run(QStringLiteral("mosquitto_sub"), sub + QStringList{QStringLiteral("e1212/gateway/bench-gw/status")}).out,
              QStringLiteral("offline\n"));
 }
