@@ -530,6 +530,12 @@ void TstMqttGateway::serveRefusals_data()
                                             << "--mqtt-client-id \"a/b\": must be a non-empty topic level without + or #";
     QTest::newRow("missing password file") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-user", "u", "--mqtt-password-file", "/nonexistent/pw"} << 2
                                            << "--mqtt-password-file /nonexistent/pw: No such file or directory";
+    QTest::newRow("keep-alive 4 s") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-keepalive", "4"} << 2
+                                    << "--mqtt-keepalive \"4\" is not a whole number from 5 to 65535 (decimal or 0x hexadecimal)";
+    QTest::newRow("keep-alive 65536 s") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-keepalive", "65536"} << 2
+                                        << "--mqtt-keepalive \"65536\" is not a whole number from 5 to 65535 (decimal or 0x hexadecimal)";
+    QTest::newRow("password without user") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-password-file", "PWFILE"} << 2
+                                           << "a password needs --mqtt-user";
     QTest::newRow("stray argument") << "" << QStringList{"--mqtt", "mqtt://h", "extra"} << 2 << "serve takes no argument besides its options, got \"extra\"";
     QTest::newRow("wrong password") << "password" << QStringList{"--mqtt-user", "gw", "--mqtt-password-file", "PWFILE"} << 1
                                     << "MQTT broker 127.0.0.1:BROKERPORT: refused the connection: Not authorized";
@@ -550,14 +556,14 @@ void TstMqttGateway::serveRefusals()
     MosquittoBroker mosquitto(options);
     QTemporaryDir dir;
     QString text;
+    QFile password(dir.filePath(QStringLiteral("pw")));
+    QVERIFY(password.open(QIODevice::WriteOnly));
+    password.write("not-the-secret\n");
+    password.close();
+    arguments.replaceInStrings(QStringLiteral("PWFILE"), password.fileName());
     if (!broker.isEmpty()) {
         QVERIFY2(mosquitto.start(&text), qPrintable(text));
         QTRY_VERIFY_WITH_TIMEOUT(mosquitto.isReady(), 10000);
-        QFile password(dir.filePath(QStringLiteral("pw")));
-        QVERIFY(password.open(QIODevice::WriteOnly));
-        password.write("not-the-secret\n");
-        password.close();
-        arguments.replaceInStrings(QStringLiteral("PWFILE"), password.fileName());
         arguments.replaceInStrings(QStringLiteral("OTHERCA"), mosquitto.otherCaFile());
         arguments << QStringLiteral("--mqtt") << mosquitto.url();
     }
@@ -600,6 +606,8 @@ void TstMqttGateway::serveUntilStopped()
     QCOMPARE(serve.exitStatus(), kill ? QProcess::CrashExit : QProcess::NormalExit);
     if (!kill)
         QCOMPARE(serve.exitCode(), 0);
+    QCOMPARE(QString::fromUtf8(serve.readAllStandardOutput()),
+             QStringLiteral("serving 1 device(s) on %1 as bench-gw under e1212/ (read-only); Ctrl-C stops\n").arg(broker.url()));
     QCOMPARE(ProcessRun::run(QStringLiteral("mosquitto_sub"), sub + QStringList{QStringLiteral("e1212/gateway/bench-gw/status")}).out,
              QStringLiteral("offline\n"));
 }
