@@ -232,11 +232,8 @@ void MqttClient::connectNow()
         return;
     m_refusal = 0;
     m_libraryError.clear();
-    // The first attempt gives libmosquitto the address; later ones reuse it.
-    const int rc = m_attempted ? mosquitto_reconnect_async(m_mosq)
-                               : mosquitto_connect_async(m_mosq, m_options.host.toUtf8().constData(), m_options.port,
-                                                         m_options.keepAliveSeconds);
-    m_attempted = true;
+    const int rc = mosquitto_connect_async(m_mosq, m_options.host.toUtf8().constData(), m_options.port,
+                                           m_options.keepAliveSeconds);
     if (rc != MOSQ_ERR_SUCCESS) {
         step(rc, "connect");
         return;

@@ -106,7 +106,6 @@ private:
     QTimer m_retry;
     int m_backoffMs = 0;
     bool m_running = false;
-    bool m_attempted = false;
     bool m_connected = false;
     bool m_everConnected = false;
     // The CONNACK's reason code when the broker refused us.

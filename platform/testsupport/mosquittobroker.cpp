@@ -17,6 +17,17 @@ MosquittoBroker::MosquittoBroker(const Options &options, QObject *parent)
     connect(&m_process, &QProcess::readyRead, this, [this] {
         m_log += m_process.readAll();
         m_ready = m_ready || m_log.contains(" running");
+        m_wasReady = m_wasReady || m_ready;
+    });
+    // The free port found may be taken by someone else before mosquitto binds it: another one
+    // then, on the first start only (a restart keeps the port its clients know).
+    connect(&m_process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this, [this] {
+        m_log += m_process.readAll();
+        QString error;
+        if (!m_wasReady && m_log.contains("Address already in use") && ++m_portTries < 5) {
+            m_port = 0;
+            start(&error);
+        }
     });
 }
 
@@ -46,16 +57,7 @@ bool MosquittoBroker::writeFiles(QString *error)
     }
     // mosquitto started as root drops to its own user, which must read these files.
     QFile::setPermissions(m_dir.path(), QFile::permissions(m_dir.path()) | QFile::ReadOther | QFile::ExeOther);
-    QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost, 0)) {
-        *error = QStringLiteral("no free loopback port");
-        return false;
-    }
-    m_port = probe.serverPort();
-    probe.close();
-
-    QByteArray config = "listener " + QByteArray::number(m_port) + " 127.0.0.1\n"
-                        "persistence false\nlog_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\n"
+    QByteArray config = "persistence false\nlog_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\n"
                         "log_type information\nlog_type subscribe\nconnection_messages true\n";
     const auto file = [this](const char *name) { return m_dir.filePath(QLatin1String(name)); };
     if (m_options.user.isEmpty()) {
@@ -92,11 +94,7 @@ bool MosquittoBroker::writeFiles(QString *error)
         config += "cafile " + file("ca.crt").toUtf8() + "\ncertfile " + file("server.crt").toUtf8() + "\nkeyfile "
                   + file("server.key").toUtf8() + '\n';
     }
-    QFile conf(file("mosquitto.conf"));
-    if (!conf.open(QIODevice::WriteOnly) || conf.write(config) != config.size()) {
-        *error = QStringLiteral("cannot write %1").arg(conf.fileName());
-        return false;
-    }
+    m_config = config;
     for (const QString &name : QDir(m_dir.path()).entryList(QDir::Files))
         QFile::setPermissions(m_dir.filePath(name), QFile::permissions(m_dir.filePath(name)) | QFile::ReadOther);
     m_filesWritten = true;
@@ -107,9 +105,25 @@ bool MosquittoBroker::start(QString *error)
 {
     if (!m_filesWritten && !writeFiles(error))
         return false;
+    if (m_port == 0) {
+        QTcpServer probe;
+        if (!probe.listen(QHostAddress::LocalHost, 0)) {
+            *error = QStringLiteral("no free loopback port");
+            return false;
+        }
+        m_port = probe.serverPort();
+    }
+    QFile conf(m_dir.filePath(QStringLiteral("mosquitto.conf")));
+    const QByteArray config = "listener " + QByteArray::number(m_port) + " 127.0.0.1\n" + m_config;
+    if (!conf.open(QIODevice::WriteOnly) || conf.write(config) != config.size()) {
+        *error = QStringLiteral("cannot write %1").arg(conf.fileName());
+        return false;
+    }
+    conf.close();
+    conf.setPermissions(conf.permissions() | QFile::ReadOther);
     m_ready = false;
     m_log.clear();
-    m_process.start(QStringLiteral("/usr/sbin/mosquitto"), {QStringLiteral("-c"), m_dir.filePath(QStringLiteral("mosquitto.conf"))});
+    m_process.start(QStringLiteral("/usr/sbin/mosquitto"), {QStringLiteral("-c"), conf.fileName()});
     return true;
 }
 

@@ -55,4 +55,8 @@ private:
     quint16 m_port = 0;
     bool m_ready = false;
     bool m_filesWritten = false;
+    bool m_wasReady = false;
+    int m_portTries = 0;
+    // The configuration but its listener line.
+    QByteArray m_config;
 };

@@ -186,7 +186,7 @@ void TstMqttGateway::statesOnChange()
     Bench bench;
     QString error;
     QVERIFY2(bench.start(1, gatewayOptions(false), &error), qPrintable(error));
-    QTRY_VERIFY_WITH_TIMEOUT(bench.settled(), 15000);
+    QTRY_VERIFY2_WITH_TIMEOUT(bench.settled(), qPrintable(bench.broker.log()), 15000);
     const QString topic = QStringLiteral("e1212/io1/%1%2").arg(input ? QStringLiteral("DI") : QStringLiteral("DO")).arg(channel);
     // seq counts the device's reports: 16 so far, one per channel.
     qint64 last = 0;
