@@ -104,8 +104,7 @@ int serve(CtlSession &session, const CtlArgs &args)
                   << options.id << " under " << options.prefix << "/ (" << (options.allowWrites ? "writes allowed" : "read-only")
                   << "); Ctrl-C stops" << Qt::endl;
     QCoreApplication::exec();
-    gateway.stop();
-    return status;
+    return status; // the gateway says "offline" and leaves as it goes
 }
 
 } // namespace

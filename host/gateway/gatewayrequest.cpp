@@ -184,7 +184,8 @@ GatewayRequest GatewayRequest::parse(const QString &action, const QString &targe
             if (!whole(values.at(i), 0, 1, &value))
                 return refuse(command, c_refused, QStringLiteral("\"values\"[%1] must be 0 or 1, found %2").arg(i).arg(shown(values.at(i))));
             // Each value drives the next channel of the table from CH on: all must be outputs.
-            const Channel *driven = first + i < channels.size() ? &channels.at(first + i) : nullptr;
+            const int index = first + i;
+            const Channel *driven = index < channels.size() ? &channels.at(index) : nullptr;
             if (!driven || !driven->isOutput())
                 return refuse(command, c_refused, QStringLiteral("\"values\"[%1] would drive %2, not an output")
                                                       .arg(i).arg(driven ? driven->id : QStringLiteral("past the table")));

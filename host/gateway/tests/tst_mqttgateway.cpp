@@ -530,6 +530,8 @@ void TstMqttGateway::serveRefusals_data()
                                             << "--mqtt-client-id \"a/b\": must be a non-empty topic level without + or #";
     QTest::newRow("missing password file") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-user", "u", "--mqtt-password-file", "/nonexistent/pw"} << 2
                                            << "--mqtt-password-file /nonexistent/pw: No such file or directory";
+    QTest::newRow("discovery prefix with a wildcard") << "" << QStringList{"--mqtt", "mqtt://h", "--ha-discovery", "ha/+"} << 2
+                                                      << "--ha-discovery \"ha/+\": must be a non-empty topic prefix, no empty level, without + or #";
     QTest::newRow("keep-alive 4 s") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-keepalive", "4"} << 2
                                     << "--mqtt-keepalive \"4\" is not a whole number from 5 to 65535 (decimal or 0x hexadecimal)";
     QTest::newRow("keep-alive 65536 s") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-keepalive", "65536"} << 2

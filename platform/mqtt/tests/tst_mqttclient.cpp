@@ -28,6 +28,8 @@ class TstMqttClient : public QObject
 private slots:
     void parseUrl_data();
     void parseUrl();
+    void startRefusals_data();
+    void startRefusals();
     void retainedStateSurvivesBrokerRestart();
     void correlationDataTravels();
     void startupFailures_data();
@@ -61,6 +63,41 @@ void TstMqttClient::parseUrl()
     QString error;
     const bool ok = MqttClient::parseUrl(url, &options, &error);
     QCOMPARE(ok ? QStringLiteral("%1:%2:%3").arg(options.host).arg(options.port).arg(int(options.tls)) : error, expected);
+}
+
+void TstMqttClient::startRefusals_data()
+{
+    QTest::addColumn<QString>("clientId");
+    QTest::addColumn<QString>("ca");
+    QTest::addColumn<QString>("cert");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("expected");
+
+    const QString readable = QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json");
+    QTest::newRow("no client id") << "" << "" << "" << "" << "MQTT broker h:8883: no client id";
+    QTest::newRow("missing CA") << "c" << "/nonexistent/ca.crt" << "" << "" << "--mqtt-ca /nonexistent/ca.crt: no such readable file";
+    QTest::newRow("missing key") << "c" << "" << readable << "/nonexistent/k" << "--mqtt-key /nonexistent/k: no such readable file";
+    QTest::newRow("certificate without key") << "c" << "" << readable << "" << "--mqtt-cert and --mqtt-key go together";
+    QTest::newRow("key without certificate") << "c" << "" << "" << readable << "--mqtt-cert and --mqtt-key go together";
+}
+
+void TstMqttClient::startRefusals()
+{
+    QFETCH(QString, clientId);
+    QFETCH(QString, ca);
+    QFETCH(QString, cert);
+    QFETCH(QString, key);
+    QFETCH(QString, expected);
+    MqttClient::Options options;
+    QString error;
+    QVERIFY(MqttClient::parseUrl(QStringLiteral("mqtts://h"), &options, &error));
+    options.clientId = clientId;
+    options.caFile = ca;
+    options.certFile = cert;
+    options.keyFile = key;
+    MqttClient mqtt(options);
+    QVERIFY(!mqtt.start(&error));
+    QCOMPARE(error, expected);
 }
 
 void TstMqttClient::retainedStateSurvivesBrokerRestart()
