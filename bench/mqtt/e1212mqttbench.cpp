@@ -117,7 +117,8 @@ private:
             QCoreApplication::exit(1);
             return;
         }
-        std::printf("%-34s %8s %10s %10s %10s %10s %10s\n", "what", "modules", "changes", "p50 ms", "p99 ms", "CPU %", "RSS MiB");
+        std::printf("%-34s %8s %10s %10s %10s %10s %10s %12s\n", "what", "modules", "changes", "p50 ms", "p99 ms", "CPU %", "RSS MiB",
+                    "polls/s/mod");
         when([this] { return m_broker.isReady(); }, 10000, QStringLiteral("the broker's start"), [this] { next(); });
     }
 
@@ -201,6 +202,7 @@ private:
         when([this, modules] { return m_states >= modules * 17; }, 60000, QStringLiteral("every module's first states"), [this, modules] {
             const qint64 pid = m_gateway->processId();
             const double cpu0 = cpuSeconds(pid);
+            const qint64 requests0 = requestsServed();
             QElapsedTimer window;
             window.start();
             auto *timer = new QTimer(this);
@@ -218,8 +220,11 @@ private:
             });
             timer->start(c_changeIntervalMs);
             when([this] { return int(m_latencies.size()) >= c_changes; }, 120000, QStringLiteral("every change's state"),
-                 [this, modules, pid, cpu0, window] {
-                     const double cpu = 100.0 * (cpuSeconds(pid) - cpu0) / (double(window.elapsed()) / 1000.0);
+                 [this, modules, pid, cpu0, requests0, window] {
+                     const double seconds = double(window.elapsed()) / 1000.0;
+                     const double cpu = 100.0 * (cpuSeconds(pid) - cpu0) / seconds;
+                     // Two requests (inputs, outputs) make one poll of a module.
+                     m_pollsPerSecond = double(requestsServed() - requests0) / 2.0 / modules / seconds;
                      printRow("input change to subscriber", modules, m_latencies, cpu, statusMiB(pid, "VmHWM"));
                      m_gateway->terminate();
                      connect(m_gateway.get(), qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this, [this] {
@@ -230,12 +235,20 @@ private:
         });
     }
 
+    qint64 requestsServed() const
+    {
+        qint64 total = 0;
+        for (const auto &simulator : m_simulators)
+            total += simulator->requestCount();
+        return total;
+    }
+
     void printRow(const char *what, int modules, const std::vector<double> &latencies, double cpu, double rss)
     {
         const auto figure = [](double value) { return value < 0 ? QByteArray("-") : QByteArray::number(value, 'f', 1); };
-        std::printf("%-34s %8s %10zu %10.2f %10.2f %10s %10s\n", what, modules ? QByteArray::number(modules).constData() : "-",
+        std::printf("%-34s %8s %10zu %10.2f %10.2f %10s %10s %12s\n", what, modules ? QByteArray::number(modules).constData() : "-",
                     latencies.size(), percentile(latencies, 0.5), percentile(latencies, 0.99), figure(cpu).constData(),
-                    figure(rss).constData());
+                    figure(rss).constData(), modules ? figure(m_pollsPerSecond).constData() : "-");
     }
 
     std::vector<std::function<void()>> m_steps;
@@ -250,6 +263,7 @@ private:
     std::map<QString, std::pair<QByteArray, qint64>> m_pending;
     std::vector<double> m_latencies;
     int m_states = 0;
+    double m_pollsPerSecond = 0;
 };
 
 } // namespace
