@@ -284,10 +284,13 @@ void MqttClient::step(int rc, const char *what)
         lost(QStringLiteral("refused the connection: %1").arg(reason), refusalIsFinal(m_refusal));
         return;
     }
-    const bool tls = rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_TLS_HANDSHAKE;
+    // A refused client certificate shows only as a lost connection, with OpenSSL's words logged.
+    const bool tls = rc == MOSQ_ERR_TLS || rc == MOSQ_ERR_TLS_HANDSHAKE || m_libraryError.startsWith(QLatin1String("OpenSSL"));
     // For TLS, OpenSSL's own words (from libmosquitto's log) say what is wrong.
     if (tls && !m_libraryError.isEmpty())
         lost(QStringLiteral("TLS failed: %1").arg(m_libraryError), true);
+    else if (!m_libraryError.isEmpty())
+        lost(QStringLiteral("%1 failed: %2 (%3)").arg(QLatin1String(what), errorText(rc), m_libraryError), tls);
     else
         lost(QStringLiteral("%1 failed: %2").arg(QLatin1String(what), errorText(rc)), tls);
 }

@@ -83,16 +83,24 @@ bool MosquittoBroker::writeFiles(QString *error)
         extensions.open(QIODevice::WriteOnly);
         extensions.write("subjectAltName=IP:127.0.0.1\n");
         extensions.close();
-        if (!run(openssl, {QStringLiteral("req"), QStringLiteral("-newkey"), QStringLiteral("rsa:2048"), QStringLiteral("-nodes"),
-                           QStringLiteral("-subj"), subject, QStringLiteral("-keyout"), file("server.key"),
-                           QStringLiteral("-out"), file("server.csr")}, error)
-            || !run(openssl, {QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), file("server.csr"),
-                              QStringLiteral("-CA"), file("ca.crt"), QStringLiteral("-CAkey"), file("ca.key"),
-                              QStringLiteral("-CAcreateserial"), QStringLiteral("-days"), QStringLiteral("2"),
-                              QStringLiteral("-extfile"), file("server.ext"), QStringLiteral("-out"), file("server.crt")}, error))
+        // NAME.key and NAME.crt, signed by the CA.
+        const auto issue = [&](const QString &name, const QString &subject, const QStringList &extra) {
+            const QString base = m_dir.filePath(name);
+            return run(openssl, {QStringLiteral("req"), QStringLiteral("-newkey"), QStringLiteral("rsa:2048"), QStringLiteral("-nodes"),
+                                 QStringLiteral("-subj"), subject, QStringLiteral("-keyout"), base + QStringLiteral(".key"),
+                                 QStringLiteral("-out"), base + QStringLiteral(".csr")}, error)
+                   && run(openssl, QStringList{QStringLiteral("x509"), QStringLiteral("-req"), QStringLiteral("-in"), base + QStringLiteral(".csr"),
+                                               QStringLiteral("-CA"), file("ca.crt"), QStringLiteral("-CAkey"), file("ca.key"),
+                                               QStringLiteral("-CAcreateserial"), QStringLiteral("-days"), QStringLiteral("2"),
+                                               QStringLiteral("-out"), base + QStringLiteral(".crt")} + extra, error);
+        };
+        if (!issue(QStringLiteral("server"), subject, {QStringLiteral("-extfile"), file("server.ext")})
+            || !issue(QStringLiteral("client"), QStringLiteral("/CN=test client"), {}))
             return false;
         config += "cafile " + file("ca.crt").toUtf8() + "\ncertfile " + file("server.crt").toUtf8() + "\nkeyfile "
                   + file("server.key").toUtf8() + '\n';
+        if (m_options.requireClientCertificate)
+            config += "require_certificate true\n";
     }
     m_config = config;
     for (const QString &name : QDir(m_dir.path()).entryList(QDir::Files))

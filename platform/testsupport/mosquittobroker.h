@@ -19,6 +19,8 @@ public:
         QString password;
         // A TLS listener with a server certificate for 127.0.0.1 signed by caFile().
         bool tls = false;
+        // With tls: clients must show a certificate signed by caFile() (clientCertFile()).
+        bool requireClientCertificate = false;
     };
 
     MosquittoBroker() : MosquittoBroker(Options()) {}
@@ -36,6 +38,9 @@ public:
     quint16 port() const { return m_port; }
     QString url() const;
     QString caFile() const { return m_dir.filePath(QStringLiteral("ca.crt")); }
+    // A client certificate and its key, signed by caFile().
+    QString clientCertFile() const { return m_dir.filePath(QStringLiteral("client.crt")); }
+    QString clientKeyFile() const { return m_dir.filePath(QStringLiteral("client.key")); }
     // A CA that signed nothing of this broker's.
     QString otherCaFile() const { return m_dir.filePath(QStringLiteral("other-ca.crt")); }
     QString dir() const { return m_dir.path(); }

@@ -176,13 +176,16 @@ void TstMqttClient::startupFailures_data()
     QTest::addColumn<bool>("tls");
     QTest::addColumn<QString>("password");
     QTest::addColumn<bool>("trusted");
+    QTest::addColumn<int>("clientCertificate"); // 0 none asked, 1 asked and not given, 2 asked and given
     QTest::addColumn<QString>("expected"); // empty: connects
 
-    QTest::newRow("right password") << false << "secret" << true << "";
-    QTest::newRow("wrong password") << false << "wrong" << true << "refused the connection: Not authorized";
-    QTest::newRow("no password") << false << "" << true << "refused the connection: Not authorized";
-    QTest::newRow("trusted certificate") << true << "" << true << "";
-    QTest::newRow("untrusted certificate") << true << "" << false << "TLS failed: OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
+    QTest::newRow("right password") << false << "secret" << true << 0 << "";
+    QTest::newRow("wrong password") << false << "wrong" << true << 0 << "refused the connection: Not authorized";
+    QTest::newRow("no password") << false << "" << true << 0 << "refused the connection: Not authorized";
+    QTest::newRow("trusted certificate") << true << "" << true << 0 << "";
+    QTest::newRow("untrusted certificate") << true << "" << false << 0 << "TLS failed: OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
+    QTest::newRow("client certificate given") << true << "" << true << 2 << "";
+    QTest::newRow("client certificate missing") << true << "" << true << 1 << "TLS failed: OpenSSL Error[0]: error:0A00045C:SSL routines::tlsv13 alert certificate required";
 }
 
 void TstMqttClient::startupFailures()
@@ -190,9 +193,11 @@ void TstMqttClient::startupFailures()
     QFETCH(bool, tls);
     QFETCH(QString, password);
     QFETCH(bool, trusted);
+    QFETCH(int, clientCertificate);
     QFETCH(QString, expected);
     MosquittoBroker::Options brokerOptions;
     brokerOptions.tls = tls;
+    brokerOptions.requireClientCertificate = clientCertificate > 0;
     if (!tls)
         brokerOptions.user = QStringLiteral("gw"), brokerOptions.password = QStringLiteral("secret");
     MosquittoBroker broker(brokerOptions);
@@ -205,6 +210,8 @@ void TstMqttClient::startupFailures()
         options.username = QStringLiteral("gw"), options.password = password;
     if (tls)
         options.caFile = trusted ? broker.caFile() : broker.otherCaFile();
+    if (clientCertificate == 2)
+        options.certFile = broker.clientCertFile(), options.keyFile = broker.clientKeyFile();
     auto mqtt = client(broker, QStringLiteral("c"), options);
     QSignalSpy connected(mqtt.get(), &MqttClient::connected);
     QSignalSpy fatal(mqtt.get(), &MqttClient::fatalError);
