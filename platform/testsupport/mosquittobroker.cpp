@@ -8,6 +8,9 @@
 #include <QSignalSpy>
 #include <QTcpServer>
 
+#include <pwd.h>
+#include <unistd.h>
+
 MosquittoBroker::MosquittoBroker(const Options &options, QObject *parent)
     : QObject(parent)
     , m_options(options)
@@ -57,7 +60,9 @@ bool MosquittoBroker::writeFiles(QString *error)
     }
     // mosquitto started as root drops to its own user, which must read these files.
     QFile::setPermissions(m_dir.path(), QFile::permissions(m_dir.path()) | QFile::ReadOther | QFile::ExeOther);
-    QByteArray config = "persistence false\nlog_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\n"
+    // As the user we are: switching users would also drop the parent-death signal.
+    const passwd *user = getpwuid(getuid());
+    QByteArray config = (user ? "user " + QByteArray(user->pw_name) + '\n' : QByteArray()) + "persistence false\nlog_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\n"
                         "log_type information\nlog_type subscribe\nconnection_messages true\n";
     const auto file = [this](const char *name) { return m_dir.filePath(QLatin1String(name)); };
     if (m_options.user.isEmpty()) {
@@ -131,7 +136,9 @@ bool MosquittoBroker::start(QString *error)
     conf.setPermissions(conf.permissions() | QFile::ReadOther);
     m_ready = false;
     m_log.clear();
-    m_process.start(QStringLiteral("/usr/sbin/mosquitto"), {QStringLiteral("-c"), conf.fileName()});
+    // It dies with the test, even one killed for its time-out.
+    m_process.start(QStringLiteral("setpriv"), {QStringLiteral("--pdeathsig"), QStringLiteral("KILL"), QStringLiteral("--"),
+                                                QStringLiteral("/usr/sbin/mosquitto"), QStringLiteral("-c"), conf.fileName()});
     return true;
 }
 

@@ -538,6 +538,8 @@ void TstMqttGateway::serveRefusals_data()
                                         << "--mqtt-keepalive \"65536\" is not a whole number from 5 to 65535 (decimal or 0x hexadecimal)";
     QTest::newRow("password without user") << "" << QStringList{"--mqtt", "mqtt://h", "--mqtt-password-file", "PWFILE"} << 2
                                            << "a password needs --mqtt-user";
+    QTest::newRow("key without certificate") << "" << QStringList{"--mqtt", "mqtts://h", "--mqtt-key", "PWFILE"} << 2
+                                             << "--mqtt-cert and --mqtt-key go together";
     QTest::newRow("stray argument") << "" << QStringList{"--mqtt", "mqtt://h", "extra"} << 2 << "serve takes no argument besides its options, got \"extra\"";
     QTest::newRow("wrong password") << "password" << QStringList{"--mqtt-user", "gw", "--mqtt-password-file", "PWFILE"} << 1
                                     << "MQTT broker 127.0.0.1:BROKERPORT: refused the connection: Not authorized";
