@@ -17,6 +17,7 @@ packages=(
   mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio time
   xvfb xauth
   libreadline-dev
+  mosquitto mosquitto-clients libmosquitto-dev openssl
 )
 
 missing=()

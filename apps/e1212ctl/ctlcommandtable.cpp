@@ -23,6 +23,7 @@ QList<CtlGroup> ctlGroups()
     E1212CTL_GROUP(genericGroup);
     E1212CTL_GROUP(sequenceGroup);
     E1212CTL_GROUP(simulateGroup);
+    E1212CTL_GROUP(serveGroup);
     E1212CTL_GROUP(demoGroup);
     E1212CTL_GROUP(panelGroup);
     return groups;

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: MIT
+// The MQTT client against a real mosquitto on a free loopback port: URLs, retained state
+// republished after a broker restart (latest value only), correlation data, and the
+// failures that end it at start-up (credentials, untrusted certificate).
+#include "mosquittobroker.h"
+#include "mqttclient.h"
+#include "mqttinbox.h"
+
+#include <QtTest>
+
+#include <memory>
+
+namespace {
+
+std::unique_ptr<MqttClient> client(const MosquittoBroker &broker, const QString &id, MqttClient::Options options = {})
+{
+    QString error;
+    MqttClient::parseUrl(broker.url(), &options, &error);
+    options.clientId = id;
+    return std::make_unique<MqttClient>(options);
+}
+
+} // namespace
+
+class TstMqttClient : public QObject
+{
+    Q_OBJECT
+private slots:
+    void parseUrl_data();
+    void parseUrl();
+    void startRefusals_data();
+    void startRefusals();
+    void retainedStateSurvivesBrokerRestart();
+    void correlationDataTravels();
+    void startupFailures_data();
+    void startupFailures();
+};
+
+void TstMqttClient::parseUrl_data()
+{
+    QTest::addColumn<QString>("url");
+    QTest::addColumn<QString>("expected"); // host:port:tls, or the error
+
+    QTest::newRow("plain default port") << "mqtt://broker.local" << "broker.local:1883:0";
+    QTest::newRow("tls default port") << "mqtts://10.0.0.5" << "10.0.0.5:8883:1";
+    QTest::newRow("given port") << "mqtt://127.0.0.1:1884" << "127.0.0.1:1884:0";
+    QTest::newRow("trailing slash") << "mqtts://h:1/" << "h:1:1";
+    QTest::newRow("other scheme") << "http://h" << "--mqtt http://h: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
+    QTest::newRow("no scheme") << "h:1883" << "--mqtt h:1883: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
+    QTest::newRow("no host") << "mqtt://:1883" << "--mqtt mqtt://:1883: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
+    QTest::newRow("path") << "mqtt://h/x" << "--mqtt mqtt://h/x: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
+    QTest::newRow("user in url") << "mqtt://u:p@h" << "--mqtt mqtt://u:p@h: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
+    QTest::newRow("query") << "mqtt://h?x=1" << "--mqtt mqtt://h?x=1: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
+    QTest::newRow("port 0") << "mqtt://h:0" << "--mqtt mqtt://h:0: the port must be 1-65535";
+    QTest::newRow("port too big") << "mqtt://h:65536" << "--mqtt mqtt://h:65536: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
+}
+
+void TstMqttClient::parseUrl()
+{
+    QFETCH(QString, url);
+    QFETCH(QString, expected);
+    MqttClient::Options options;
+    QString error;
+    const bool ok = MqttClient::parseUrl(url, &options, &error);
+    QCOMPARE(ok ? QStringLiteral("%1:%2:%3").arg(options.host).arg(options.port).arg(int(options.tls)) : error, expected);
+}
+
+void TstMqttClient::startRefusals_data()
+{
+    QTest::addColumn<QString>("clientId");
+    QTest::addColumn<QString>("ca");
+    QTest::addColumn<QString>("cert");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("expected");
+
+    const QString readable = QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json");
+    QTest::newRow("no client id") << "" << "" << "" << "" << "MQTT broker h:8883: no client id";
+    QTest::newRow("missing CA") << "c" << "/nonexistent/ca.crt" << "" << "" << "--mqtt-ca /nonexistent/ca.crt: no such readable file";
+    QTest::newRow("missing key") << "c" << "" << readable << "/nonexistent/k" << "--mqtt-key /nonexistent/k: no such readable file";
+    QTest::newRow("certificate without key") << "c" << "" << readable << "" << "--mqtt-cert and --mqtt-key go together";
+    QTest::newRow("key without certificate") << "c" << "" << "" << readable << "--mqtt-cert and --mqtt-key go together";
+}
+
+void TstMqttClient::startRefusals()
+{
+    QFETCH(QString, clientId);
+    QFETCH(QString, ca);
+    QFETCH(QString, cert);
+    QFETCH(QString, key);
+    QFETCH(QString, expected);
+    MqttClient::Options options;
+    QString error;
+    QVERIFY(MqttClient::parseUrl(QStringLiteral("mqtts://h"), &options, &error));
+    options.clientId = clientId;
+    options.caFile = ca;
+    options.certFile = cert;
+    options.keyFile = key;
+    MqttClient mqtt(options);
+    QVERIFY(!mqtt.start(&error));
+    QCOMPARE(error, expected);
+}
+
+void TstMqttClient::retainedStateSurvivesBrokerRestart()
+{
+    MosquittoBroker broker;
+    QString error;
+    QVERIFY2(broker.start(&error), qPrintable(error));
+    QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
+
+    auto publisher = client(broker, QStringLiteral("publisher"));
+    publisher->setRetained(QStringLiteral("t/a"), "1");
+    QVERIFY2(publisher->start(&error), qPrintable(error));
+    QSignalSpy connected(publisher.get(), &MqttClient::connected);
+    QVERIFY(connected.wait(10000));
+    publisher->setRetained(QStringLiteral("t/b"), "x");
+    QVERIFY(publisher->publish(QStringLiteral("t/once"), "gone"));
+
+    QSignalSpy disconnected(publisher.get(), &MqttClient::disconnected);
+    broker.kill();
+    QVERIFY(disconnected.count() == 1 || disconnected.wait(10000));
+    QVERIFY(!publisher->isConnected());
+    // While the broker is away: a non-retained message is dropped, retained ones keep only the latest.
+    QVERIFY(!publisher->publish(QStringLiteral("t/once"), "lost"));
+    publisher->setRetained(QStringLiteral("t/a"), "2");
+    publisher->setRetained(QStringLiteral("t/a"), "3");
+    QCOMPARE(publisher->retainedCount(), 2);
+
+    QVERIFY2(broker.start(&error), qPrintable(error));
+    QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
+    QVERIFY(connected.wait(10000)); // back-off at most 2 s
+
+    auto late = client(broker, QStringLiteral("late"));
+    MqttInbox inbox;
+    inbox.collect(late.get());
+    late->subscribe(QStringLiteral("t/#"));
+    QVERIFY(late->start(&error));
+    QTRY_COMPARE_WITH_TIMEOUT(inbox.messages.size(), 2, 10000);
+    QCOMPARE(inbox.latest(QStringLiteral("t/a")), QByteArray("3"));
+    QCOMPARE(inbox.latest(QStringLiteral("t/b")), QByteArray("x"));
+    QVERIFY(inbox.messages.at(0).retained);
+    QCOMPARE(inbox.count(QStringLiteral("t/once")), 0);
+}
+
+void TstMqttClient::correlationDataTravels()
+{
+    MosquittoBroker broker;
+    QString error;
+    QVERIFY2(broker.start(&error), qPrintable(error));
+    QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
+    auto a = client(broker, QStringLiteral("a"));
+    auto b = client(broker, QStringLiteral("b"));
+    MqttInbox inboxA, inboxB;
+    inboxA.collect(a.get());
+    inboxB.collect(b.get());
+    a->subscribe(QStringLiteral("q/#"));
+    QSignalSpy aUp(a.get(), &MqttClient::connected), bUp(b.get(), &MqttClient::connected);
+    QVERIFY(a->start(&error) && b->start(&error));
+    QVERIFY(aUp.count() == 1 || aUp.wait(10000));
+    QVERIFY(bUp.count() == 1 || bUp.wait(10000));
+    // Subscribed while connected already.
+    b->subscribe(QStringLiteral("q/#"));
+    // Retained, so that b gets it whether its subscription is in place yet or not.
+    a->setRetained(QStringLiteral("q/sync"), "s");
+    QTRY_COMPARE_WITH_TIMEOUT(inboxB.count(QStringLiteral("q/sync")), 1, 10000);
+    QVERIFY(a->publish(QStringLiteral("q/x"), "payload", QByteArray("\x00\x01id", 4)));
+    QTRY_COMPARE_WITH_TIMEOUT(inboxB.count(QStringLiteral("q/x")), 1, 10000);
+    QCOMPARE(inboxB.messages.last().correlationData, QByteArray("\x00\x01id", 4));
+    QCOMPARE(inboxB.messages.last().payload, QByteArray("payload"));
+    QVERIFY(!inboxB.messages.last().retained);
+    // Not our own messages back.
+    QCOMPARE(inboxA.messages.size(), 0);
+}
+
+void TstMqttClient::startupFailures_data()
+{
+    QTest::addColumn<bool>("tls");
+    QTest::addColumn<QString>("password");
+    QTest::addColumn<bool>("trusted");
+    QTest::addColumn<int>("clientCertificate"); // 0 none asked, 1 asked and not given, 2 asked and given
+    QTest::addColumn<QString>("expected"); // empty: connects
+
+    QTest::newRow("right password") << false << "secret" << true << 0 << "";
+    QTest::newRow("wrong password") << false << "wrong" << true << 0 << "refused the connection: Not authorized";
+    QTest::newRow("no password") << false << "" << true << 0 << "refused the connection: Not authorized";
+    QTest::newRow("trusted certificate") << true << "" << true << 0 << "";
+    QTest::newRow("untrusted certificate") << true << "" << false << 0 << "TLS failed: OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
+    QTest::newRow("client certificate given") << true << "" << true << 2 << "";
+    QTest::newRow("client certificate missing") << true << "" << true << 1 << "TLS failed: OpenSSL Error[0]: error:0A00045C:SSL routines::tlsv13 alert certificate required";
+}
+
+void TstMqttClient::startupFailures()
+{
+    QFETCH(bool, tls);
+    QFETCH(QString, password);
+    QFETCH(bool, trusted);
+    QFETCH(int, clientCertificate);
+    QFETCH(QString, expected);
+    MosquittoBroker::Options brokerOptions;
+    brokerOptions.tls = tls;
+    brokerOptions.requireClientCertificate = clientCertificate > 0;
+    if (!tls)
+        brokerOptions.user = QStringLiteral("gw"), brokerOptions.password = QStringLiteral("secret");
+    MosquittoBroker broker(brokerOptions);
+    QString error;
+    QVERIFY2(broker.start(&error), qPrintable(error));
+    QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
+
+    MqttClient::Options options;
+    if (!password.isEmpty())
+        options.username = QStringLiteral("gw"), options.password = password;
+    if (tls)
+        options.caFile = trusted ? broker.caFile() : broker.otherCaFile();
+    if (clientCertificate == 2)
+        options.certFile = broker.clientCertFile(), options.keyFile = broker.clientKeyFile();
+    auto mqtt = client(broker, QStringLiteral("c"), options);
+    QSignalSpy connected(mqtt.get(), &MqttClient::connected);
+    QSignalSpy fatal(mqtt.get(), &MqttClient::fatalError);
+    QVERIFY(mqtt->start(&error));
+    QTRY_VERIFY_WITH_TIMEOUT(connected.count() + fatal.count() > 0, 10000);
+    if (expected.isEmpty()) {
+        QCOMPARE(fatal.count(), 0);
+        return;
+    }
+    QCOMPARE(connected.count(), 0);
+    QCOMPARE(fatal.count(), 1);
+    QCOMPARE(fatal.at(0).at(0).toString(), QStringLiteral("MQTT broker 127.0.0.1:%1: %2").arg(broker.port()).arg(expected));
+}
+
+QTEST_MAIN(TstMqttClient)
+#include "tst_mqttclient.moc"
