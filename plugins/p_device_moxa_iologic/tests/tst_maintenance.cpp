@@ -58,6 +58,7 @@ QVariant listen(const QString &channel, int value) { return QVariantList{"report
 QVariant check(const char *property, const QVariant &value) { return QVariantList{"check", property, QString(), value}; }
 QVariant started(const QStringList &runs) { return QVariantList{"started", QString(), QString(), runs}; }
 QVariant stopped(const QStringList &runs) { return QVariantList{"stopped", QString(), QString(), runs}; }
+QVariant set(const char *property, const QVariant &value) { return QVariantList{"set", property, QString(), value}; }
 QVariant logged(const QString &text, const QString &details = QStringLiteral("the host's own words")) { return QVariantList{"logged", text, details}; }
 // A channel's timeline: its entries as {value, index of the row's step that reported it}, and how
 // many historyChanged the back-end emitted (any channel) since the previous such check.
@@ -78,6 +79,7 @@ private slots:
     void panelAtEverySize();
     void recorded_data();
     void recorded();
+    void noChannelTable();
 
 private:
     // The text of the item at `path` (each name under the previous one), or an info field's value.
@@ -241,6 +243,7 @@ void TstMaintenance::recorded_data()
     const QVariantList off{0, 0, 0, 0, 0, 0, 0, 0};
     const QString noAnswer = QStringLiteral("No answer from 10.0.0.9:502 for 1 s");
     const QString failure = QStringLiteral("Module refused: server device failure at discrete input 3");
+    const QString noDevice = QStringLiteral("No device: the panel was opened without an E1212 plug-in instance");
     const auto refusal = [](const QVariant &failure, const QString &text) {
         return QVariantList{failure, check("errorText", text), check("connectionState", Error), logged(text)};
     };
@@ -270,12 +273,18 @@ void TstMaintenance::recorded_data()
         + refusal(fail("listenEvents", "AI0", IMessenger::CeRefused), "The host refused the request for input register 7")
         + refusal(fail("listenEvents", "DI3", IMessenger::CeNoRoute), "No host or driver reaches the module for discrete input 3")
         + refusal(fail("getValues", status, IMessenger::CeBadInstruction), "The driver cannot send the request for coil 16")
-        + refusal(fail("listenEvents", "DO0", IMessenger::CeDriverError), "The driver failed at coil 0");
+        + refusal(fail("listenEvents", "DO0", IMessenger::CeDriverError), "The driver failed at coil 0")
+        // A run the host would not even start.
+        + refusal(fail("stopListening", QString(), IMessenger::CeRefused), "The host refused the request for stopListening");
     QTest::newRow("a write waits for the second status read after it") << QVariantList{
         listen("DO3", 0), press("DO3", true), started({"setValue DO3 1"}), check("pendingChannels", QStringList{"DO3"}),
         press("DO3", false), listen("DO3", 0), check("pendingChannels", QStringList{"DO3"}), answer("setValue", "DO3", true),
         answer("getValues", status, off), check("pendingChannels", QStringList{"DO3"}), answer("getValues", status, off),
         check("pendingChannels", QStringList())};
+    // A status read that ends before the write does confirms nothing; a write that fails is no longer pending.
+    QTest::newRow("a write fails") << QVariantList{
+        listen("DO3", 0), press("DO3", true), answer("getValues", status, QVariantList{0, 0, 0, 1}), check("pendingChannels", QStringList{"DO3"}),
+        fail("setValue", "DO3", IMessenger::CeTimeout), check("pendingChannels", QStringList()), logged(noAnswer), press("DO3", true)};
     QTest::newRow("a write refused") << QVariantList{
         listen("DO3", 0), press("DO3", true), answer("setValue", "DO3", false), check("pendingChannels", QStringList()),
         check("errorDetails", "setValue on DO3: \"doneOk\" is false"), logged("Module did not accept the new value of DO3", "setValue on DO3: \"doneOk\" is false"),
@@ -287,6 +296,21 @@ void TstMaintenance::recorded_data()
         started({"setValue DO3 0"}), listen("DO3", 0), check("pendingChannels", QStringList()), listen("DO0", 0),
         answer("getValues", status, QVariantList{1, 0, 0, 1}), answer("getValues", width, QVariantList{200, 0, 0, 65535}),
         check("blinkingChannels", QStringList{"DO0"}), press("DO0", true), started({"setValue DO3 0", "setValue DO0 0"})};
+    // The identity is read once it answers, and again after it failed once the device answers.
+    const QVariantMap info{{"modelName", "E1212"}, {"softwareVersion", "V3.2.1"}, {"macAddress", "00:90:E8:12:34:56"}, {"serialNumber", "42"}};
+    QTest::newRow("identity") << QVariantList{
+        answer("getInfo", QString(), info), check("modelName", "E1212"), check("version", "V3.2.1"), check("macAddress", "00:90:E8:12:34:56"),
+        check("serialNumber", "42"), answer("getValues", status, off), started({})};
+    QTest::newRow("identity again after a failure") << QVariantList{
+        fail("getInfo", QString(), IMessenger::CeTimeout), logged(noAnswer), answer("getValues", status, off), started({"getInfo"})};
+    // A new interval restarts the scheduled reads, not before initBackend after a new device.
+    QTest::newRow("poll interval") << QVariantList{
+        set("pollIntervalMs", 9), check("pollIntervalMs", 500), started({}), set("pollIntervalMs", 200), check("pollIntervalMs", 200),
+        stopped({"getValues DO_PulseStatus every", "getValues DO_PulseOnWidth every"}),
+        started({"getValues DO_PulseStatus every", "getValues DO_PulseOnWidth every"}), QVariantList{"detach"}, logged(noDevice, QString()),
+        QVariantList{"attach"}, set("pollIntervalMs", 300),
+        started({"getValues DO_PulseStatus every", "getValues DO_PulseOnWidth every"})};
+
     // A report that is not one value changes nothing: the command has said what is wrong with it.
     QTest::newRow("a report not of one value") << QVariantList{
         QVariantList{"report", "listenEvents", "DO3", QVariantMap{{"values", QVariantList{1, 0}}}},
@@ -314,7 +338,6 @@ void TstMaintenance::recorded_data()
     }
     QTest::newRow("timeline: at most 512 changes") << (capped << history("DI0", kept, 520));
 
-    const QString noDevice = QStringLiteral("No device: the panel was opened without an E1212 plug-in instance");
     QTest::newRow("no device: what runs stops, writes and identity end by themselves") << QVariantList{
         listen("DO3", 0), press("DO3", true), QVariantList{"detach"}, check("pendingChannels", QStringList()),
         stopped({"listenEvents DI0", "listenEvents DI3", "listenEvents DO0", "listenEvents DO3", "listenEvents AI0",
@@ -360,7 +383,8 @@ void TstMaintenance::recorded()
             id = run.command == command && run.arguments.value("channel").toString() == step.value(2).toString() ? run.id : id;
         bool taken = !step.value(3).toBool();
         if (is("report") || is("answer")) {
-            const QString name = command == QLatin1String("setValue") ? QStringLiteral("doneOk") : QStringLiteral("values");
+            const QString name = command == QLatin1String("setValue") ? QStringLiteral("doneOk")
+                                 : command == QLatin1String("getInfo") ? QStringLiteral("deviceInformation") : QStringLiteral("values");
             hooks->commandResultChanged(id, command, name, step.at(3));
             if (is("answer"))
                 hooks->commandFinished(id, command, {{name, step.at(3)}});
@@ -372,6 +396,10 @@ void TstMaintenance::recorded()
         } else if (is("detach")) { // without its plug-in the back-end cannot start again
             backend->setProperty("device", QVariant::fromValue<QObject *>(nullptr));
             QVERIFY(QMetaObject::invokeMethod(backend.data(), "initBackend", Q_RETURN_ARG(bool, taken)) && !taken);
+        } else if (is("attach")) {
+            backend->setProperty("device", QVariant::fromValue<QObject *>(device.plugin.get()));
+        } else if (is("set")) {
+            QVERIFY(backend->setProperty(qPrintable(command), step.at(3)));
         } else if (is("wait")) {
             QTest::qWait(command.toInt());
         } else if (is("history") || is("trim")) {
@@ -417,6 +445,25 @@ void TstMaintenance::recorded()
         ended << QDateTime::currentMSecsSinceEpoch();
     }
     QCOMPARE(log.messages().size(), lines);
+}
+
+// Without a channel table nothing starts and the panel says why.
+void TstMaintenance::noChannelTable()
+{
+    bench::Device device;
+    QQmlEngine engine;
+    QQmlComponent component(&engine);
+    component.setData("import PlgLibDeviceMoxaIoLogic 1.0\nBeMaintenanceDeviceMoxaIoLogic {}\n", QUrl());
+    QScopedPointer<QObject> backend(component.create());
+    QVERIFY2(backend, qPrintable(component.errorString()));
+    backend->setProperty("device", QVariant::fromValue<QObject *>(device.plugin.get()));
+    LogCapture log;
+    bool ok = true;
+    QVERIFY(QMetaObject::invokeMethod(backend.data(), "initBackend", Q_RETURN_ARG(bool, ok)));
+    QVERIFY(!ok);
+    QCOMPARE(backend->property("errorText").toString(), QStringLiteral("No channels: the device \"bench io1\" has no channel table (plug-in parameter \"channels\")"));
+    QCOMPARE(backend->property("connectionState").toInt(), int(Error));
+    QCOMPARE(device.messenger.runs().size(), 0);
 }
 
 QTEST_MAIN(TstMaintenance)
