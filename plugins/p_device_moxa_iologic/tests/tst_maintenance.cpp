@@ -12,6 +12,7 @@
 #include <QQmlComponent>
 #include <QQmlContext>
 #include <QQmlEngine>
+#include <QQuickItemGrabResult>
 #include <QQuickItem>
 #include <QQuickView>
 #include <QtTest>
@@ -92,6 +93,31 @@ private:
     }
     QString tile(const QString &channelId, const QString &part = QStringLiteral("state")) const { return text({"tile_" + channelId, part}); }
     int state() const { return m_backend->property("connectionState").toInt(); }
+    // What a channel's timeline draws in the inputs' trace colour: along its high line at all, and
+    // at its right edge high or low.
+    QString trace(const QString &channelId) const
+    {
+        QQuickItem *strip = findItem(m_view->rootObject(), "timeline_" + channelId);
+        QSharedPointer<QQuickItemGrabResult> grab = strip ? strip->grabToImage() : nullptr;
+        QSignalSpy ready(grab.data(), &QQuickItemGrabResult::ready);
+        if (!grab || !ready.wait(c_waitMs))
+            return QStringLiteral("no picture");
+        const QImage image = grab->image();
+        // Near the trace colour #7cb8ff within two pixels of the line, however it is smoothed.
+        const auto traced = [&image](int x, qreal y) {
+            bool near = false;
+            for (int row = int(y * image.height()) - 2; row <= int(y * image.height()) + 2 && !near; ++row) {
+                const QColor c = image.pixelColor(x, qBound(0, row, image.height() - 1));
+                near = c.blue() > 200 && c.red() > 80 && c.red() < 170;
+            }
+            return near;
+        };
+        bool high = false;
+        for (int x = 0; x < image.width() && !high; ++x)
+            high = traced(x, 0.2);
+        const int now = image.width() - 2;
+        return QStringLiteral("%1 before, %2 now").arg(high ? "high" : "never high", traced(now, 0.8) ? "low" : traced(now, 0.2) ? "high" : "nothing");
+    }
     void click(const QString &channelId)
     {
         QQuickItem *t = findItem(m_view->rootObject(), "tile_" + channelId);
@@ -215,6 +241,16 @@ void TstMaintenance::panelAtEverySize()
         boxes << box;
     }
     QVERIFY(boxes.size() > 40);
+    // Each channel's timeline sits beside its tile, in its row, as wide as the tile at least.
+    for (const QString &id : {QStringLiteral("DI0"), QStringLiteral("DI7"), QStringLiteral("DO0"), QStringLiteral("DO7")}) {
+        QQuickItem *strip = findItem(m_view->rootObject(), "timeline_" + id);
+        QQuickItem *tileItem = findItem(m_view->rootObject(), "tile_" + id);
+        QVERIFY2(strip && tileItem, qPrintable(id));
+        const QRectF s = strip->mapRectToScene(QRectF(QPointF(0, 0), strip->size()));
+        const QRectF t = tileItem->mapRectToScene(QRectF(QPointF(0, 0), tileItem->size()));
+        QVERIFY2(s.left() >= t.right() && s.width() >= t.width() && qAbs(s.center().y() - t.center().y()) < 1
+                     && QRectF(QPointF(0, 0), QSizeF(size)).contains(s), qPrintable(id));
+    }
     // Fonts and tiles grow together: a tile stays two to six lines of its state text high.
     QQuickItem *t = findItem(m_view->rootObject(), QStringLiteral("tile_DO2"));
     const qreal lines = t->height() / findItem(t, QStringLiteral("state"))->property("font").value<QFont>().pixelSize();
@@ -234,6 +270,8 @@ void TstMaintenance::panelAtEverySize()
     click(QStringLiteral("DO2"));
     QTRY_VERIFY_WITH_TIMEOUT(tile("DO1") == QLatin1String("OFF") && tile("DO2") == QLatin1String("OFF"), c_waitMs);
     QVERIFY(!m_simulator.output(1) && !m_simulator.pulseStatus(2));
+    // DI1's timeline: high while it was on, low at the present (the right edge), in the inputs' colour.
+    QTRY_COMPARE_WITH_TIMEOUT(trace(QStringLiteral("DI1")), QStringLiteral("high before, low now"), c_waitMs);
 }
 
 void TstMaintenance::recorded_data()
