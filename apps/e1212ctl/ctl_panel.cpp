@@ -5,6 +5,7 @@
 #include "dabstractplugin.h"
 
 #include <QAbstractListModel>
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QQmlContext>
 #include <QQmlEngine>
@@ -23,15 +24,19 @@ constexpr int c_frameWaitMs = 2000;
 
 // Takes the screenshot once the panel shows a connected device with every channel read and
 // that state has been drawn, saves it to `file` and ends the window loop with the status.
+// $E1212_PANEL_SCREENSHOT_AFTER_MS holds it back that long after the panel opened, so that
+// the timelines have something to show.
 class Screenshot : public QObject
 {
 public:
     Screenshot(QQuickView &view, QObject *backend, const QString &file, CtlSession &session)
         : QObject(&view), m_view(view), m_backend(backend), m_file(file), m_session(session)
     {
+        const int afterMs = qMax(0, qEnvironmentVariableIntValue("E1212_PANEL_SCREENSHOT_AFTER_MS"));
+        m_opened.start();
         // Checked every 50 ms until ready or the deadline.
-        connect(&m_check, &QTimer::timeout, this, [this] {
-            if (ready())
+        connect(&m_check, &QTimer::timeout, this, [this, afterMs] {
+            if (m_opened.elapsed() >= afterMs && ready())
                 draw();
         });
         m_deadline.setSingleShot(true);
@@ -41,7 +46,7 @@ public:
                      .arg(m_backend->property("errorText").toString()));
         });
         m_check.start(50);
-        m_deadline.start(c_screenshotWaitMs);
+        m_deadline.start(c_screenshotWaitMs + afterMs);
     }
 
 private:
@@ -107,6 +112,7 @@ private:
     CtlSession &m_session;
     QTimer m_check;
     QTimer m_deadline;
+    QElapsedTimer m_opened;
     QSharedPointer<QQuickItemGrabResult> m_grab;
 };
 

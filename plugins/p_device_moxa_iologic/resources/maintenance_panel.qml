@@ -25,6 +25,22 @@ Rectangle {
     readonly property color warnColor: "#f0b429"
     readonly property color errorColor: "#ff6b61"
     readonly property color blinkColor: "#ffd166"
+    readonly property color stripColor: "#161b21"
+    readonly property color gridColor: "#2c343e"
+    readonly property color inputTrace: "#7cb8ff"
+    readonly property color outputTrace: "#5fd48a"
+
+    // The timelines' clock: each tick moves their time axis and drops what left it.
+    property int timelineTick: 0
+    Timer {
+        interval: 250
+        running: true
+        repeat: true
+        onTriggered: {
+            backend.trimHistory(Date.now())
+            ++root.timelineTick
+        }
+    }
 
     BeMaintenanceDeviceMoxaIoLogic {
         id: backend
@@ -56,7 +72,6 @@ Rectangle {
         property string value
         spacing: 0
         Layout.fillWidth: true
-        Layout.preferredWidth: 1
         Text {
             text: parent.title
             color: root.mutedText
@@ -75,7 +90,6 @@ Rectangle {
     component ChannelTile: Rectangle {
         id: tile
         required property var modelData
-        property bool inputGroup
         readonly property bool isInput: modelData.type === DMoxaChannel.CeCtBinIn
                                         || modelData.type === DMoxaChannel.CeCtAnaIn
         readonly property bool known: modelData.value !== undefined
@@ -88,12 +102,9 @@ Rectangle {
         readonly property color onColor: isInput ? "#1f63b5" : "#17663a"
 
         objectName: "tile_" + modelData.id
-        visible: isInput === inputGroup
-        Layout.fillWidth: true
+        Layout.preferredWidth: 156 * root.unit
         Layout.fillHeight: true
-        Layout.preferredWidth: 1
-        Layout.preferredHeight: 1
-        radius: 6 * root.unit
+        radius: 5 * root.unit
         color: stale ? root.tileStale
                      : lit ? (mouse.pressed ? Qt.darker(onColor, 1.25) : onColor)
                            : (mouse.pressed ? "#161b21" : root.tileOff)
@@ -112,20 +123,20 @@ Rectangle {
 
         ColumnLayout {
             anchors.fill: parent
-            anchors.leftMargin: 10 * root.unit
-            anchors.rightMargin: 10 * root.unit
-            spacing: 2 * root.unit
+            anchors.leftMargin: 8 * root.unit
+            anchors.rightMargin: 8 * root.unit
+            spacing: 0
 
             Item { Layout.fillHeight: true }
 
             RowLayout {
                 Layout.fillWidth: true
-                spacing: 8 * root.unit
+                spacing: 6 * root.unit
 
                 // Filled when on, a ring when off; amber while the pulse generator blinks.
                 Rectangle {
-                    Layout.preferredWidth: 14 * root.unit
-                    Layout.preferredHeight: 14 * root.unit
+                    Layout.preferredWidth: 12 * root.unit
+                    Layout.preferredHeight: 12 * root.unit
                     radius: width / 2
                     color: tile.blinking && !tile.stale ? root.blinkColor
                            : tile.on ? (tile.stale ? root.ringColor : "#ffffff") : "transparent"
@@ -137,7 +148,7 @@ Rectangle {
                     Layout.fillWidth: true
                     text: tile.modelData.id
                     color: tile.stale ? root.mutedText : root.textColor
-                    font.pixelSize: 16 * root.unit
+                    font.pixelSize: 14 * root.unit
                     font.bold: true
                     elide: Text.ElideRight
                 }
@@ -146,7 +157,7 @@ Rectangle {
                     text: tile.pending ? "…" : !tile.known ? "—" : tile.blinking ? qsTr("blinking")
                           : tile.on ? qsTr("ON") : qsTr("OFF")
                     color: tile.stale ? root.mutedText : tile.lit ? "#ffffff" : "#c9d2dc"
-                    font.pixelSize: 16 * root.unit
+                    font.pixelSize: 14 * root.unit
                     font.bold: true
                 }
             }
@@ -157,11 +168,103 @@ Rectangle {
                 // While the module does not answer, the age of what is shown replaces the label.
                 text: tile.stale ? qsTr("stale, %1 s old").arg(backend.staleSeconds) : tile.modelData.label
                 color: tile.stale ? root.warnColor : tile.lit ? "#e3ecf5" : root.mutedText
-                font.pixelSize: 12 * root.unit
+                font.pixelSize: 11 * root.unit
                 elide: Text.ElideRight
             }
 
             Item { Layout.fillHeight: true }
+        }
+    }
+
+    // A channel's last historySeconds as a logic analyser shows them: the trace high while the
+    // channel is on, the present at the right edge, a grid line every 10 s. Nothing is drawn
+    // before the first value seen; the trace greys while the module does not answer.
+    component Timeline: Canvas {
+        id: strip
+        required property string channelId
+        property bool isInput
+        readonly property color traceColor: backend.stale ? root.ringColor : isInput ? root.inputTrace : root.outputTrace
+
+        objectName: "timeline_" + channelId
+        Layout.fillWidth: true
+        Layout.fillHeight: true
+        renderStrategy: Canvas.Immediate
+
+        onPaint: {
+            // Drawn whole each time: at most historyLength changes on a strip.
+            var g = getContext("2d")
+            g.reset()
+            var w = width, h = height
+            var spanMs = backend.historySeconds * 1000
+            var now = Date.now()
+            g.fillStyle = root.stripColor
+            g.fillRect(0, 0, w, h)
+            g.strokeStyle = root.gridColor
+            g.lineWidth = 1
+            g.beginPath()
+            for (var s = 10; s < backend.historySeconds; s += 10) {
+                var gx = Math.round(w - s * 1000 * w / spanMs) + 0.5
+                g.moveTo(gx, 0)
+                g.lineTo(gx, h)
+            }
+            g.stroke()
+
+            var points = backend.history(channelId)
+            var x = function (t) { return Math.max(0, Math.min(w, w * (1 - (now - t) / spanMs))) }
+            var line = Math.max(1, 2 * root.unit)
+            var high = Math.round(h * 0.2), low = Math.round(h * 0.8)
+            g.fillStyle = Qt.rgba(traceColor.r, traceColor.g, traceColor.b, 0.3)
+            for (var i = 0; i < points.length; ++i) {
+                var x0 = x(points[i].time), x1 = i + 1 < points.length ? x(points[i + 1].time) : w
+                if (points[i].value && x1 > x0)
+                    g.fillRect(x0, high, x1 - x0, low - high)
+            }
+            g.strokeStyle = traceColor
+            g.lineWidth = line
+            g.beginPath()
+            for (var i = 0; i < points.length; ++i) {
+                var y = points[i].value ? high : low
+                var x0 = x(points[i].time), x1 = i + 1 < points.length ? x(points[i + 1].time) : w
+                if (i === 0)
+                    g.moveTo(x0, y)
+                else
+                    g.lineTo(x0, y)
+                g.lineTo(x1, y)
+            }
+            g.stroke()
+        }
+
+        Connections {
+            target: backend
+            function onHistoryChanged(channelId) {
+                if (channelId === strip.channelId)
+                    strip.requestPaint()
+            }
+            function onStaleChanged() { strip.requestPaint() }
+        }
+        Connections {
+            target: root
+            function onTimelineTickChanged() { strip.requestPaint() }
+        }
+    }
+
+    component ChannelRow: RowLayout {
+        id: row
+        required property var modelData
+        property bool inputGroup
+        readonly property bool isInput: modelData.type === DMoxaChannel.CeCtBinIn
+                                        || modelData.type === DMoxaChannel.CeCtAnaIn
+        visible: isInput === inputGroup
+        Layout.fillWidth: true
+        Layout.fillHeight: true
+        Layout.preferredHeight: 1
+        spacing: 6 * root.unit
+        ChannelTile {
+            modelData: row.modelData
+        }
+        Timeline {
+            channelId: row.modelData.id
+            isInput: row.isInput
         }
     }
 
@@ -178,8 +281,8 @@ Rectangle {
 
         ColumnLayout {
             anchors.fill: parent
-            anchors.margins: 10 * root.unit
-            spacing: 8 * root.unit
+            anchors.margins: 8 * root.unit
+            spacing: 4 * root.unit
 
             RowLayout {
                 Layout.fillWidth: true
@@ -187,7 +290,7 @@ Rectangle {
                 Text {
                     text: group.title
                     color: root.textColor
-                    font.pixelSize: 16 * root.unit
+                    font.pixelSize: 15 * root.unit
                     font.bold: true
                 }
                 Text {
@@ -195,22 +298,15 @@ Rectangle {
                     horizontalAlignment: Text.AlignRight
                     text: group.hint
                     color: root.mutedText
-                    font.pixelSize: 12 * root.unit
+                    font.pixelSize: 11 * root.unit
                     elide: Text.ElideRight
                 }
             }
 
-            GridLayout {
-                Layout.fillWidth: true
-                Layout.fillHeight: true
-                columns: 2
-                rowSpacing: 6 * root.unit
-                columnSpacing: 6 * root.unit
-                Repeater {
-                    model: backend.channelsModel
-                    delegate: ChannelTile {
-                        inputGroup: group.inputs
-                    }
+            Repeater {
+                model: backend.channelsModel
+                delegate: ChannelRow {
+                    inputGroup: group.inputs
                 }
             }
         }
@@ -263,11 +359,9 @@ Rectangle {
                     }
                 }
 
-                GridLayout {
+                RowLayout {
                     Layout.fillWidth: true
-                    columns: 2
-                    columnSpacing: 16 * root.unit
-                    rowSpacing: 2 * root.unit
+                    spacing: 16 * root.unit
                     InfoField {
                         objectName: "reference"
                         title: qsTr("Device")
@@ -320,13 +414,13 @@ Rectangle {
             ChannelGroup {
                 objectName: "inputs"
                 title: qsTr("Inputs")
-                hint: qsTr("live, read only")
+                hint: qsTr("live, read only · last %1 s").arg(backend.historySeconds)
                 inputs: true
             }
             ChannelGroup {
                 objectName: "outputs"
                 title: qsTr("Outputs")
-                hint: qsTr("click to toggle")
+                hint: qsTr("click to toggle · last %1 s").arg(backend.historySeconds)
                 inputs: false
             }
         }

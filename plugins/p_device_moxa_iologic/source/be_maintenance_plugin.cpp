@@ -222,8 +222,10 @@ void BeMaintenanceDeviceMoxaIoLogic::applyTreatmentReply(unsigned long long runI
         DMoxaChannel *target = channel(run->channel);
         if (values.size() != 1 || !target)
             break; // the command has said what is wrong with the report
-        target->setValue(values.constFirst().toUInt() != 0);
-        confirmWrites(run->channel, values.constFirst().toUInt() != 0, false);
+        const bool on = values.constFirst().toUInt() != 0;
+        target->setValue(on);
+        recordChange(run->channel, on, now());
+        confirmWrites(run->channel, on, false);
         answered(CeRkListen);
         break;
     }
@@ -341,6 +343,43 @@ QString BeMaintenanceDeviceMoxaIoLogic::plainError(const DError &error, const QS
     default:
         return QStringLiteral("The driver failed at %1").arg(where);
     }
+}
+
+QVariantList BeMaintenanceDeviceMoxaIoLogic::history(const QString &channelId) const
+{
+    QVariantList list;
+    for (const Change &change : m_history.value(channelId))
+        list << QVariantMap{{QStringLiteral("time"), change.ms}, {QStringLiteral("value"), int(change.value)}};
+    return list;
+}
+
+void BeMaintenanceDeviceMoxaIoLogic::trimHistory(qint64 nowMs)
+{
+    for (auto it = m_history.begin(); it != m_history.end(); ++it) {
+        if (trim(*it, nowMs))
+            emit historyChanged(it.key());
+    }
+}
+
+void BeMaintenanceDeviceMoxaIoLogic::recordChange(const QString &channelId, bool value, qint64 ms)
+{
+    QVector<Change> &changes = m_history[channelId];
+    if (!changes.isEmpty() && changes.constLast().value == value)
+        return;
+    changes.append({ms, value});
+    trim(changes, ms);
+    emit historyChanged(channelId);
+}
+
+bool BeMaintenanceDeviceMoxaIoLogic::trim(QVector<Change> &changes, qint64 nowMs)
+{
+    const qint64 start = nowMs - historySeconds() * 1000;
+    int drop = qMax(0, changes.size() - historyLength());
+    // The change before the window's start holds until the next one: keep the last such.
+    while (drop + 1 < changes.size() && changes.at(drop + 1).ms < start)
+        ++drop;
+    changes.remove(0, drop);
+    return drop > 0;
 }
 
 DMoxaChannel *BeMaintenanceDeviceMoxaIoLogic::channel(const QString &id) const

@@ -25,7 +25,8 @@
 // output coil, the state on the wire); "getValues" on the pulse status and on-width records,
 // which the host runs every pollIntervalMs, tells which outputs blink and doubles as the
 // heartbeat: its failures mark the values stale, its answers restart what an outage ended.
-// "getInfo" fills the header; "setValue" toggles an output.
+// "getInfo" fills the header; "setValue" toggles an output. The listen reports also make each
+// channel's timeline: its changes over the last historySeconds, at most historyLength of them.
 class BeMaintenanceDeviceMoxaIoLogic : public DAbstractPluginBackend
 {
     Q_OBJECT
@@ -45,6 +46,8 @@ class BeMaintenanceDeviceMoxaIoLogic : public DAbstractPluginBackend
     Q_PROPERTY(QStringList pendingChannels READ pendingChannels NOTIFY pendingChannelsChanged)
     Q_PROPERTY(QStringList blinkingChannels READ blinkingChannels NOTIFY blinkingChannelsChanged)
     Q_PROPERTY(int pollIntervalMs READ pollIntervalMs WRITE setPollIntervalMs NOTIFY pollIntervalMsChanged)
+    Q_PROPERTY(int historySeconds READ historySeconds CONSTANT)
+    Q_PROPERTY(int historyLength READ historyLength CONSTANT)
 public:
     enum EnConnectionState {
         CeCsIdle,         // not started: no device, or initBackend() not called yet
@@ -90,6 +93,19 @@ public:
     // Time between two scheduled reads of the pulse registers (default 500 ms; below 10 refused).
     int pollIntervalMs() const { return m_pollIntervalMs; }
     void setPollIntervalMs(int ms);
+    // How far back a channel's timeline goes, and how many changes it keeps at most.
+    static int historySeconds() { return 60; }
+    static int historyLength() { return 512; }
+
+    // A channel's changes as the listen reports showed them, oldest first: {"time": ms since
+    // the epoch when the report came, "value": 0 or 1}. The first entry is the value the window
+    // starts with and may be older than the window; the others are within it. Empty for a
+    // channel never reported.
+    Q_INVOKABLE QVariantList history(const QString &channelId) const;
+    // Drops the changes that left the window ending at `nowMs` (ms since the epoch), all but
+    // the last of them, which is the value the window starts with. The panel's time axis calls
+    // it as it moves; the back-end keeps no clock of its own.
+    Q_INVOKABLE void trimHistory(qint64 nowMs);
 
     // Fills the channel model from the plug-in's "channels" table (once), reads the device
     // information and starts listening and the scheduled reads. False, with errorText set,
@@ -133,6 +149,8 @@ signals:
     void pendingChannelsChanged();
     void blinkingChannelsChanged();
     void pollIntervalMsChanged();
+    // history(channelId) changed.
+    void historyChanged(const QString &channelId);
 
 private:
     enum EnRunKind { CeRkInfo, CeRkListen, CeRkWrite, CeRkPulseStatus, CeRkPulseOnWidth };
@@ -144,7 +162,18 @@ private:
         int readsSinceEnd = -1; // a write: scheduled reads that ended since it did (-1 running)
     };
 
+    struct Change
+    {
+        qint64 ms;
+        bool value;
+    };
+
     DMoxaChannel *channel(const QString &id) const;
+    // Appends a change of `channelId` seen at `ms` unless it shows the value already recorded.
+    void recordChange(const QString &channelId, bool value, qint64 ms);
+    // Keeps at most historyLength() changes, and of those before `nowMs` - historySeconds()
+    // only the last; true when something was dropped.
+    static bool trim(QVector<Change> &changes, qint64 nowMs);
     bool fillChannels(QString *error);
     void applyDeviceInformation(const QVariantMap &info);
     void applyPulseRead(EnRunKind kind, const QVariant &values);
@@ -187,4 +216,6 @@ private:
     QHash<unsigned long long, Run> m_runs;
     // Writes that ended while their output is still pending, by output.
     QHash<QString, Run> m_writes;
+    // Each channel's timeline, by channel id.
+    QHash<QString, QVector<Change>> m_history;
 };
