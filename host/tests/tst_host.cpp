@@ -69,6 +69,20 @@ private:
     const QString m_target;
 };
 
+// Ends its execution itself, as a command may: failed, with its reason.
+class GivingUpCommand : public DAbstractCommand
+{
+public:
+    GivingUpCommand() : DAbstractCommand(QStringLiteral("giveUp"), {}, nullptr) {}
+    bool commandExecute() override
+    {
+        if (!DAbstractCommand::commandExecute())
+            return false;
+        finishTheCommand(false, QStringLiteral("out of paper"));
+        return true;
+    }
+};
+
 class TstHost : public QObject
 {
     Q_OBJECT
@@ -301,6 +315,18 @@ private slots:
         QCOMPARE(int(execution->errorCode()), code);
         QCOMPARE(command->id == 0, code != 0);
         QCOMPARE(record("started").value(0).toMap().value(QStringLiteral("timeoutMs")).toInt(), code ? 0 : 3000);
+    }
+
+    // A command that ends its own execution: that end stands, with the command's reason.
+    void commandGivesUp()
+    {
+        QVERIFY(m_device->declareInstructionCommand(new GivingUpCommand));
+        Execution *execution = m_host->execute(m_device, QStringLiteral("giveUp"));
+        QVERIFY(waitFinished(execution));
+        QCOMPARE(execution->error().code, IMessenger::CeRefused);
+        QCOMPARE(execution->exceptionCode(), 0);
+        QCOMPARE(execution->errorString(), QStringLiteral("giveUp failed: out of paper"));
+        QVERIFY(record("started").isEmpty());
     }
 
     void executions_data()
