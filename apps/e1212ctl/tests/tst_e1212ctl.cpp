@@ -146,7 +146,7 @@ private slots:
         row("zero width", {"pulse", "DO0", "--on", "0", "--off", "100", "1"}, "--on \"0\" is not a whole number from 1 to 65535");
         row("wide width", {"blink", "DO0", "--on", "100", "--off", "65536", "1"}, "--off \"65536\"");
         row("no widths", {"blink", "DO0", "1"}, "blink needs --on MS and --off MS");
-        row("for 1e2", {"listen", "DI0", "--for", "1e2"}, "--for \"1e2\" is not a number of seconds");
+        row("for 1e2", {"listen", "DI0", "--for", "1e2"}, "--for \"1e2\" is not a number of seconds above 0 and up to 604800 (7 days)");
         row("for a week and a second", {"listen", "DI0", "--for", "604801"}, "--for \"604801\"");
         row("count 0", {"listen", "DI0", "--count", "0"}, "--count \"0\"");
         row("run unknown command", {"run", "nope"}, "run: device \"Moxa E1212 io1\" has no command \"nope\"");
@@ -156,6 +156,7 @@ private slots:
         const QString ui16 = QStringLiteral("expected \"ui16\" (a whole number from 0 to 65535");
         row("run value 65536", {"run", "setValue", "channel=DO1", "value=0x10000"}, "argument \"value\" is 65536, " + ui16);
         row("run value list", {"run", "setValue", "channel=DO1", "value=[1,2]"}, "argument \"value\" is [1,2], " + ui16);
+        row("run value 1.5", {"run", "setValue", "channel=DO1", "value=1.5"}, "argument \"value\" is 1.5, " + ui16);
         row("run unknown channel", {"run", "setValue", "channel=DO9", "value=1"}, "unknown channel \"DO9\"");
         row("run without its channel", {"run", "getValue"}, "\"channel\"");
         row("run not KEY=VALUE", {"run", "getValue", "DI0"}, "argument \"DI0\" is not KEY=VALUE");
@@ -184,8 +185,13 @@ private slots:
         row("ambiguous --ref", {"--ref", "io1", "info"}, "--ref io1: more than one device is called so in " + m_dir.filePath("row.json")
             + " (\"Moxa E1212 io1\", \"Spare io1\")", twoIo1);
         row("ambiguous NAME:CH", {"get", "io1:DI0"}, "channel \"io1:DI0\": \"io1\" names more than one device (\"Moxa E1212 io1\", \"Spare io1\")", twoIo1);
-        row("unknown plug-in", {"info"}, "no plug-in with UUID {11111111-2222-3333-4444-555555555555} is loaded",
-            R"({"reference": "Moxa E1212 io1", "plugin": "{11111111-2222-3333-4444-555555555555}"})");
+        const QByteArray noPlugin = R"({"reference": "Moxa E1212 io1", "plugin": "{11111111-2222-3333-4444-555555555555}"})";
+        row("unknown plug-in", {"info"}, "no plug-in with UUID {11111111-2222-3333-4444-555555555555} is loaded", noPlugin);
+        // The panel checks its options before it opens the device (here, one it cannot open).
+        row("panel poll 9", {"panel", "-platform", "offscreen", "--poll", "9"}, "--poll: 9 ms is below 10 ms", noPlugin);
+        row("panel at its smallest", {"panel", "-platform", "offscreen", "--size", "640x400"}, "no plug-in with UUID", noPlugin);
+        row("serve keep-alive 4", {"serve", "--mqtt", "mqtt://127.0.0.1:1", "--mqtt-keepalive", "4"},
+            "--mqtt-keepalive \"4\" is not a whole number from 5 to 65535");
     }
 
     void refusedBeforeSending()
@@ -248,6 +254,7 @@ private slots:
         QCOMPARE(summary.value(QStringLiteral("command")).toString(), QStringLiteral("script"));
         QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("steps")).toInt(), 6);
         QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("failed")).toInt(), 1);
+        QCOMPARE(summary.value(QStringLiteral("error")).toString(), QStringLiteral("1 of 6 steps failed"));
         QVERIFY(m_io1.pulseStatus(1));
         QVERIFY(!m_io1.pulseStatus(2));
         QCOMPARE(m_connections - connections, 1);
@@ -310,10 +317,12 @@ private slots:
         QTest::newRow("bell in a value") << "script" << QByteArray("set DO1 \a1\n") << "-:1: VALUE \"\\x071\" is not";
         QTest::newRow("long word") << "script" << "get " + QByteArray(1000, 'A') + '\n'
                                    << "-:1: unknown channel \"" + a200 + "... (1000 characters)\" for device";
-        QTest::newRow("long step") << "script" << QByteArray(60000, 'A') + '\n' << "-:1: \"" + a200 + "... (60000 characters)\" is not a step";
+        QTest::newRow("long step") << "script" << "B" + QByteArray(59999, 'A') + '\n'
+                                   << "-:1: \"B" + a200.left(199) + "... (60000 characters)\" is not a step";
         QTest::newRow("1 MB line") << "script" << QByteArray(1 << 20, 'A') + "\nget DI0\n" << "-:1: the line is longer than 65536 bytes (1048576 bytes)";
         QTest::newRow("1 MB at the shell") << "shell" << QByteArray(1 << 20, 'x') << "shell:1: the line is longer than 65536 bytes (1048576 bytes)";
         QTest::newRow("NUL") << "script" << QByteArray("get DI0\0 junk\n", 14) << "-:1: the line holds a NUL byte (at byte 8)";
+        QTest::newRow("64 MiB on stdin") << "script" << QByteArray((64 << 20) + 1, 'A') << "-:1: script -: larger than 64 MiB\n";
     }
 
     void hostileText()
@@ -746,6 +755,75 @@ private slots:
         QCOMPARE(run.err, QStringLiteral("e1212ctl: watch failed: device \"Moxa E1212 io2\" had not answered yet when the watch ended\n"));
     }
 
+    // An outage is a record and a line on stderr; the first answer after it is a record too,
+    // though the value has not changed.
+    void watchOutage()
+    {
+        m_io1.setInput(3, false);
+        QProcess process;
+        QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+        process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), {QStringLiteral("--config"), m_bench, QStringLiteral("--timeout"),
+                                                                        QStringLiteral("300"), QStringLiteral("watch"), QStringLiteral("DI3"),
+                                                                        QStringLiteral("--count"), QStringLiteral("3")});
+        QByteArray err;
+        connect(&process, &QProcess::readyReadStandardError, this, [&] { err += process.readAllStandardError(); });
+        QTRY_VERIFY_WITH_TIMEOUT(process.canReadLine(), 10000);
+        m_io1.setResponseDelay(2000);
+        QTRY_VERIFY_WITH_TIMEOUT(err.startsWith("e1212ctl: "), 10000);
+        m_io1.setResponseDelay(0);
+        const bool ended = finished.wait(10000);
+        if (!ended)
+            process.kill();
+        QVERIFY(ended);
+        QCOMPARE(process.exitCode(), 0);
+        const QString out = QString::fromUtf8(process.readAllStandardOutput());
+        QVERIFY2(out.count(QStringLiteral("  io1:DI3 = 0\n")) == 2 && out.count(QLatin1Char('\n')) == 2, qPrintable(out));
+        QVERIFY2(err.startsWith("e1212ctl: listenEvents: ") && err.contains("discreteInputs register 3: no answer within 300 ms\n"),
+                 qPrintable(err));
+    }
+
+    // On a terminal a script shows where it is on stderr, and wipes that before a step prints.
+    void scriptProgress()
+    {
+        const QString file = write(QStringLiteral("progress.txt"), "wait 300\nget DI0\n");
+        const Run run = runCtl({QStringLiteral("-qec"), QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl script %1").arg(file), QStringLiteral("/dev/null")},
+                               QStringLiteral("script"));
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.out.contains(QStringLiteral("\r\x1b[K%1: line 2 (100%)\r\x1b[KDI0 = 0\r\n").arg(file)), qPrintable(run.out));
+    }
+
+    // The demonstration changes DI2 of its simulator while it listens.
+    void demo()
+    {
+        const Run run = runCtl({QStringLiteral("demo")});
+        QVERIFY2(run.out.contains(QStringLiteral("\n  reports: 0, 1")), qPrintable(run.out));
+    }
+
+    // serve says at once how it serves, before the broker is reached.
+    void serveBanner()
+    {
+        QProcess process;
+        QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
+        process.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), {QStringLiteral("serve"), QStringLiteral("--mqtt"), QStringLiteral("mqtt://127.0.0.1:1"),
+                                                                        QStringLiteral("--mqtt-client-id"), QStringLiteral("bench"), QStringLiteral("--allow-writes")});
+        QTRY_VERIFY_WITH_TIMEOUT(process.canReadLine(), 10000);
+        QCOMPARE(process.readLine(), QByteArray("serving 1 device(s) on mqtt://127.0.0.1:1 as bench under e1212/ (writes allowed); Ctrl-C stops\n"));
+        process.terminate();
+        QVERIFY(finished.wait(10000));
+    }
+
+    // The panel without a display: --screenshot saves it once connected and exits.
+    void panelScreenshot()
+    {
+        const QString png = m_dir.filePath(QStringLiteral("panel.png"));
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("panel"), QStringLiteral("-platform"), QStringLiteral("offscreen"),
+                                QStringLiteral("--screenshot"), png});
+        QCOMPARE(run.exitCode, 0);
+        QFile file(png);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.read(8), QByteArray("\x89PNG\r\n\x1a\n"));
+    }
+
     // A failure after sending is exit 1, and its JSON line carries the error's code.
     void deviceTimeOut()
     {
@@ -769,7 +847,9 @@ private slots:
         QTest::newRow("help") << QStringList{"help"} << "  script FILE|-";
         QTest::newRow("help SUB") << QStringList{"help", "set"} << "Usage: e1212ctl [OPTIONS] set CH VALUE [set OPTIONS]";
         QTest::newRow("SUB --help") << QStringList{"listen", "--help"} << "  --for SECONDS";
-        QTest::newRow("panel --help") << QStringList{"panel", "-h"} << "  --screenshot FILE";
+        QTest::newRow("panel --help") << QStringList{"panel", "-h"} << "  --screenshot FILE      save the panel to FILE once connected, then exit\n";
+        QTest::newRow("groups") << QStringList{"help"} << "\nMaintenance:\n  panel [--poll MS]";
+        QTest::newRow("SUB --help, global options") << QStringList{"set", "--help"} << "\n\nOptions:\n  --config FILE ";
         QTest::newRow("panel summary") << QStringList{"help"} << "Qt's own options (-platform ...) apply";
         QTest::newRow("time-out default") << QStringList{"--help"} << "command's own 3000, unless the device's \"timeoutMs\" is set";
         QTest::newRow("--version") << QStringList{"--version"} << "e1212ctl 1.0\n";
@@ -808,6 +888,7 @@ private slots:
                                       .arg(QFileInfo(m_dir.filePath(QStringLiteral("moved/lib/e1212/plugins"))).canonicalFilePath())),
                  qPrintable(run.err));
         QVERIFY(!run.err.contains(QStringLiteral(E1212_BUILD_DIR "/plugins")));
+        QVERIFY2(run.err.contains(QStringLiteral(" e1212.ctl info: e1212ctl --verbose info\n")), qPrintable(run.err));
     }
 };
 
