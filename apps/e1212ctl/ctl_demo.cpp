@@ -192,7 +192,8 @@ void demo(CtlStep &step)
                           seen->clear();
                       }});
     stages.push_back({QStringLiteral("setBlink DO6 stop"), QStringLiteral("setBlink"),
-                      {{channel, QStringLiteral("DO6")}, {QStringLiteral("values"), QVariantList{0}}}, 0, {}, {}, {}});
+                      {{channel, QStringLiteral("DO6")}, {QStringLiteral("pulseOnWidth"), 100}, {QStringLiteral("pulseOffWidth"), 100},
+                       {QStringLiteral("values"), QVariantList{0}}}, 0, {}, {}, {}});
     stages.push_back({QStringLiteral("listenEvents DI2 (0.8 s)"), QStringLiteral("listenEvents"), {{channel, QStringLiteral("DI2")}}, 800,
                       heading("5. Listen to DI2 while it changes (listenEvents DI2)"),
                       [&out, seen, sim](Execution *listen) {

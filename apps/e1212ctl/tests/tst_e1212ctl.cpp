@@ -797,6 +797,8 @@ private slots:
     {
         const Run run = runCtl({QStringLiteral("demo")});
         QVERIFY2(run.out.contains(QStringLiteral("\n  reports: 0, 1")), qPrintable(run.out));
+        // Every stage passes (the main job is this demo).
+        QVERIFY2(run.exitCode == 0 && !run.out.contains(QStringLiteral("FAILED")), qPrintable(run.out));
     }
 
     // serve says at once how it serves, before the broker is reached.
