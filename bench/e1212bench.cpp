@@ -344,6 +344,17 @@ int main(int argc, char **argv)
         // Connections up and caches warm before anything is counted.
         runLoops(1, 200, full.issue(QStringLiteral("getValue")));
         runLoops(1, 200, bare.issue(1));
+        // --profile full|bare: only that client's sequential loop, for a profiler
+        // (valgrind --tool=callgrind --collect-atstart=no --toggle-collect='*runLoops*').
+        const int profileAt = app.arguments().indexOf(QStringLiteral("--profile"));
+        if (profileAt > 0 && profileAt + 1 < app.arguments().size()) {
+            const bool bareOnly = app.arguments().at(profileAt + 1) == QLatin1String("bare");
+            printRow(bareOnly ? "read 1 bit bare Qt" : "getValue full stack", 1,
+                     runLoops(1, sequential, bareOnly ? bare.issue(1) : full.issue(QStringLiteral("getValue"))));
+            kill(server, SIGTERM);
+            waitpid(server, nullptr, 0);
+            return 0;
+        }
         double oneRatio = 0;
         double eightRatio = 0;
         const auto [fullOne, bareOne] = alternate(1, sequential, full.issue(QStringLiteral("getValue")), bare.issue(1), &oneRatio);
