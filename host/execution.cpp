@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "execution.h"
 
+#include "commandqueue.h"
+#include "host.h"
 #include "hostlog.h"
 
 #include <QJsonDocument>
@@ -15,9 +17,10 @@ QString compact(const QVariantMap &map)
 
 } // namespace
 
-Execution::Execution(DeadlineQueue *guards, DAbstractPlugin *device, const QString &command,
-                     const QVariantMap &arguments, QObject *parent)
-    : QObject(parent)
+Execution::Execution(Host *host, DeadlineQueue *guards, DAbstractPlugin *device, const QString &command,
+                     const QVariantMap &arguments)
+    : QObject(host)
+    , m_host(host)
     , m_guards(guards)
     , m_device(device)
     , m_commandName(command)
@@ -31,16 +34,13 @@ Execution::~Execution()
 }
 
 void Execution::setCommand(DAbstractCommand *command, const QSharedPointer<ICommand> &fresh, bool listening,
-                           bool checkArguments)
+                           bool checkArguments, CommandQueue *queue)
 {
     m_command = command;
     m_fresh = fresh;
     m_listening = listening;
     m_checkArguments = checkArguments;
-    // Several executions may share a declared object (listens): each takes only what the
-    // command posts while it is active.
-    connect(command, &DAbstractCommand::sigResultChanged, this, &Execution::onResult);
-    connect(command, &DAbstractCommand::sigFinished, this, &Execution::onCommandFinished);
+    m_queue = queue;
 }
 
 void Execution::setState(State state)
@@ -122,15 +122,14 @@ void Execution::setFinished(State state, const DError &error)
     for (const Pending &instruction : qAsConst(m_pending))
         m_guards->remove(instruction.guard);
     m_pending.clear();
-    if (m_command)
-        disconnect(m_command, nullptr, this, nullptr);
     if (m_fresh) {
         // This may be a call from inside the fresh command itself: it goes on the next turn
         // (the host flushes these before it deletes the plug-ins).
         QMetaObject::invokeMethod(m_guards, [fresh = m_fresh] { Q_UNUSED(fresh) }, Qt::QueuedConnection);
         m_fresh.reset();
     }
-    emit released(pending);
+    // The host first stops what is left at the driver, then the queue moves on.
+    m_host->release(this, pending);
     setState(state);
     emit finished();
 }
@@ -208,7 +207,7 @@ void Execution::deliver(unsigned long long id, const QVariantMap &reply, bool la
     }
 }
 
-void Execution::onResult(const QString &name, const QVariant &value)
+void Execution::commandPosted(const QString &name, const QVariant &value)
 {
     if (!isActive())
         return;
@@ -216,7 +215,7 @@ void Execution::onResult(const QString &name, const QVariant &value)
     emit resultChanged(name, value);
 }
 
-void Execution::onCommandFinished(bool ok, const QString &error)
+void Execution::commandFinished(bool ok, const QString &error)
 {
     if (!isActive())
         return;

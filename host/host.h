@@ -76,6 +76,9 @@ public:
     // Stopped, its normal end; other listens of the same command go on. False when it has
     // finished already.
     bool stop(Execution *execution);
+    // Called once by an execution as it ends: its instructions still pending at the driver
+    // are stopped there, and its queue moves on.
+    void release(Execution *execution, const QList<unsigned long long> &pending);
 
     // IMessenger
     unsigned long long sendInstruction(DAbstractCommand *command, const QString &target,
