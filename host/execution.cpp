@@ -8,6 +8,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
+
 namespace {
 
 QString compact(const QVariantMap &map)
@@ -90,7 +92,7 @@ void Execution::start()
 
 void Execution::settleIfDone()
 {
-    if (m_state == Running && !m_listening && m_pending.isEmpty())
+    if (m_state == Running && !m_listening && m_pending.empty())
         setFinished(Succeeded);
 }
 
@@ -118,9 +120,11 @@ void Execution::setFinished(State state, const DError &error)
     else
         qCDebug(lcHost).noquote() << m_commandName << "ended" << state << error.text;
     m_error = error;
-    const QList<unsigned long long> pending = m_pending.keys();
-    for (const Pending &instruction : qAsConst(m_pending))
+    QList<unsigned long long> pending;
+    for (const Pending &instruction : m_pending) {
+        pending << instruction.id;
         m_guards->remove(instruction.guard);
+    }
     m_pending.clear();
     if (m_fresh) {
         // This may be a call from inside the fresh command itself: it goes on the next turn
@@ -137,12 +141,17 @@ void Execution::setFinished(State state, const DError &error)
 void Execution::addInstruction(unsigned long long id, const QString &instruction,
                                const IMessenger::ReplyCallback &callback, int guardMs)
 {
-    m_pending.insert(id, Pending{instruction, callback, guardMs, m_guards->add(id, guardMs)});
+    m_pending.push_back(Pending{id, instruction, callback, guardMs, m_guards->add(id, guardMs)});
+}
+
+std::vector<Execution::Pending>::iterator Execution::findPending(unsigned long long id)
+{
+    return std::find_if(m_pending.begin(), m_pending.end(), [id](const Pending &pending) { return pending.id == id; });
 }
 
 void Execution::guardExpired(unsigned long long id)
 {
-    const auto it = m_pending.find(id);
+    const auto it = findPending(id);
     if (it == m_pending.end())
         return;
     it->guard = m_guards->none();
@@ -153,7 +162,7 @@ void Execution::guardExpired(unsigned long long id)
 
 void Execution::deliver(unsigned long long id, const QVariantMap &reply, bool last)
 {
-    const auto it = m_pending.find(id);
+    const auto it = findPending(id);
     if (it == m_pending.end() || isFinished())
         return;
     // The guard covers the first reply; a listen then reports only changes.

@@ -17,6 +17,8 @@
 #include <QSharedPointer>
 #include <QVariantMap>
 
+#include <vector>
+
 class CommandQueue;
 class Host;
 
@@ -99,6 +101,7 @@ signals:
 private:
     struct Pending
     {
+        unsigned long long id = 0;
         QString instruction;
         IMessenger::ReplyCallback callback;
         int guardMs = 0;
@@ -124,5 +127,7 @@ private:
     QPointer<DAbstractCommand> m_command;
     QSharedPointer<ICommand> m_fresh;
     int m_active = 0;
-    QHash<unsigned long long, Pending> m_pending;
+    // Few at a time (one per instruction on its way), searched in order.
+    std::vector<Pending> m_pending;
+    std::vector<Pending>::iterator findPending(unsigned long long id);
 };

@@ -179,7 +179,7 @@ CommandQueue *Host::queueFor(DAbstractCommand *command, CommandQueue::Mode mode)
 {
     CommandQueue *&queue = m_queues[command];
     if (!queue)
-        queue = new CommandQueue(command, mode, this);
+        queue = new CommandQueue(command, mode, &m_queueParent);
     return queue;
 }
 

@@ -129,5 +129,8 @@ private:
     // The executions of each command object (declared ones for the host's life, fresh ones
     // while their execution runs).
     QHash<DAbstractCommand *, CommandQueue *> m_queues;
+    // The queues' parent, so that the host's own children are its executions alone: an
+    // ending execution is found near the front of that list, not behind every queue.
+    QObject m_queueParent;
     BackendRuns *m_runs;
 };
