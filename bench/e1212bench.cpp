@@ -328,7 +328,7 @@ int main(int argc, char **argv)
     std::printf("e1212bench: %d sequential requests per command; loopback %s in a child process\n", sequential,
                 fast ? "libmodbus server" : "simulator");
     std::printf("%-22s %8s %12s %14s %10s %10s %8s\n", "client", "devices", "requests/s", "CPU us/request", "median us", "RSS MiB", "failed");
-    {
+    if (!app.arguments().contains(QStringLiteral("--profile"))) {
         // One request at a time, client and server on one CPU: each request costs what both
         // sides execute, not how fast a sleeping CPU wakes up (--spread lets them apart).
         cpu_set_t all;
@@ -356,6 +356,29 @@ int main(int argc, char **argv)
                     c_rounds, pin ? ", client and server on one CPU" : "", oneRatio, eightRatio);
         sched_setaffinity(0, sizeof all, &all);
         sched_setaffinity(server, sizeof all, &all);
+    }
+    // --profile full|bare: only that client, its loops over the first --devices count (default
+    // 1) on all CPUs, for a profiler:
+    // valgrind --tool=callgrind --collect-atstart=no --toggle-collect='*runLoops*' ...
+    const int profileAt = app.arguments().indexOf(QStringLiteral("--profile"));
+    if (profileAt > 0 && profileAt + 1 < app.arguments().size()) {
+        const bool bareOnly = app.arguments().at(profileAt + 1) == QLatin1String("bare");
+        const int devicesAt = app.arguments().indexOf(QStringLiteral("--devices"));
+        const int devices = devicesAt > 0 && devicesAt + 1 < app.arguments().size()
+            ? qMax(1, app.arguments().at(devicesAt + 1).section(QLatin1Char(','), 0, 0).toInt())
+            : 1;
+        std::unique_ptr<FullStack> full;
+        std::unique_ptr<BareQt> bare;
+        if (bareOnly)
+            bare = std::make_unique<BareQt>(port, devices);
+        else
+            full = std::make_unique<FullStack>(&plugins, configs.first(), port, devices);
+        const Issue issue = bareOnly ? bare->issue(1) : full->issue(QStringLiteral("getValue"));
+        runLoops(devices, devices * 2, issue);
+        printRow(bareOnly ? "read 1 bit bare Qt" : "getValue full stack", devices, runLoops(devices, qMax(sequential, devices * 20), issue));
+        kill(server, SIGTERM);
+        waitpid(server, nullptr, 0);
+        return 0;
     }
     double fullCpuOne = 0;
     double bareCpuOne = 0;

@@ -1,17 +1,28 @@
 // SPDX-License-Identifier: MIT
 #include "commandqueue.h"
 
+#include "dabstractcommand.h"
 #include "execution.h"
 
-CommandQueue::CommandQueue(Mode mode, QObject *parent)
+CommandQueue::CommandQueue(DAbstractCommand *command, Mode mode, QObject *parent)
     : QObject(parent)
     , m_mode(mode)
-{}
+{
+    // Several executions may share a declared object (listens): what the command posts
+    // belongs to the one it works for now, if any.
+    connect(command, &DAbstractCommand::sigResultChanged, this, [this](const QString &name, const QVariant &value) {
+        if (Execution *execution = active())
+            execution->commandPosted(name, value);
+    });
+    connect(command, &DAbstractCommand::sigFinished, this, [this](bool ok, const QString &error) {
+        if (Execution *execution = active())
+            execution->commandFinished(ok, error);
+    });
+}
 
 void CommandQueue::submit(Execution *execution)
 {
     m_waiting << execution;
-    connect(execution, &Execution::released, this, [this, execution] { onReleased(execution); });
     schedule();
 }
 
@@ -45,7 +56,7 @@ void CommandQueue::startWaiting()
         emit idle();
 }
 
-void CommandQueue::onReleased(Execution *execution)
+void CommandQueue::release(Execution *execution)
 {
     m_running.removeOne(execution);
     if (!m_waiting.isEmpty())

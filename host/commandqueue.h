@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The executions of one command object, in the order they were submitted.
+// The executions of one command object, in the order they were submitted. The queue holds
+// the one connection to the object's signals and hands what the command posts to the
+// execution it works for at that moment.
 #pragma once
 
 #include <QList>
 #include <QObject>
 #include <QPointer>
 
+class DAbstractCommand;
 class Execution;
 
 class CommandQueue : public QObject
@@ -17,11 +20,13 @@ public:
     // per channel) or a fresh object made for one execution.
     enum Mode { OneAtATime, AllAtOnce };
 
-    explicit CommandQueue(Mode mode, QObject *parent = nullptr);
+    CommandQueue(DAbstractCommand *command, Mode mode, QObject *parent = nullptr);
 
     // Takes a Queued execution; it starts on a later event-loop turn, when its turn comes. An
     // execution stopped while it waits is skipped.
     void submit(Execution *execution);
+    // The execution has ended (called once, by the host): the next may start.
+    void release(Execution *execution);
     // The running execution whose command works for it now (Execution::isActive), or nullptr.
     Execution *active() const;
     bool isIdle() const { return m_running.isEmpty() && m_waiting.isEmpty(); }
@@ -33,7 +38,6 @@ signals:
 private:
     void schedule();
     void startWaiting();
-    void onReleased(Execution *execution);
 
     const Mode m_mode;
     QList<Execution *> m_running;

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "execution.h"
 
+#include "commandqueue.h"
+#include "host.h"
 #include "hostlog.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
+
+#include <algorithm>
 
 namespace {
 
@@ -15,9 +19,10 @@ QString compact(const QVariantMap &map)
 
 } // namespace
 
-Execution::Execution(DeadlineQueue *guards, DAbstractPlugin *device, const QString &command,
-                     const QVariantMap &arguments, QObject *parent)
-    : QObject(parent)
+Execution::Execution(Host *host, DeadlineQueue *guards, DAbstractPlugin *device, const QString &command,
+                     const QVariantMap &arguments)
+    : QObject(host)
+    , m_host(host)
     , m_guards(guards)
     , m_device(device)
     , m_commandName(command)
@@ -31,16 +36,13 @@ Execution::~Execution()
 }
 
 void Execution::setCommand(DAbstractCommand *command, const QSharedPointer<ICommand> &fresh, bool listening,
-                           bool checkArguments)
+                           bool checkArguments, CommandQueue *queue)
 {
     m_command = command;
     m_fresh = fresh;
     m_listening = listening;
     m_checkArguments = checkArguments;
-    // Several executions may share a declared object (listens): each takes only what the
-    // command posts while it is active.
-    connect(command, &DAbstractCommand::sigResultChanged, this, &Execution::onResult);
-    connect(command, &DAbstractCommand::sigFinished, this, &Execution::onCommandFinished);
+    m_queue = queue;
 }
 
 void Execution::setState(State state)
@@ -90,7 +92,7 @@ void Execution::start()
 
 void Execution::settleIfDone()
 {
-    if (m_state == Running && !m_listening && m_pending.isEmpty())
+    if (m_state == Running && !m_listening && m_pending.empty())
         setFinished(Succeeded);
 }
 
@@ -118,19 +120,20 @@ void Execution::setFinished(State state, const DError &error)
     else
         qCDebug(lcHost).noquote() << m_commandName << "ended" << state << error.text;
     m_error = error;
-    const QList<unsigned long long> pending = m_pending.keys();
-    for (const Pending &instruction : qAsConst(m_pending))
+    QList<unsigned long long> pending;
+    for (const Pending &instruction : m_pending) {
+        pending << instruction.id;
         m_guards->remove(instruction.guard);
+    }
     m_pending.clear();
-    if (m_command)
-        disconnect(m_command, nullptr, this, nullptr);
     if (m_fresh) {
         // This may be a call from inside the fresh command itself: it goes on the next turn
         // (the host flushes these before it deletes the plug-ins).
         QMetaObject::invokeMethod(m_guards, [fresh = m_fresh] { Q_UNUSED(fresh) }, Qt::QueuedConnection);
         m_fresh.reset();
     }
-    emit released(pending);
+    // The host first stops what is left at the driver, then the queue moves on.
+    m_host->release(this, pending);
     setState(state);
     emit finished();
 }
@@ -138,12 +141,17 @@ void Execution::setFinished(State state, const DError &error)
 void Execution::addInstruction(unsigned long long id, const QString &instruction,
                                const IMessenger::ReplyCallback &callback, int guardMs)
 {
-    m_pending.insert(id, Pending{instruction, callback, guardMs, m_guards->add(id, guardMs)});
+    m_pending.push_back(Pending{id, instruction, callback, guardMs, m_guards->add(id, guardMs)});
+}
+
+std::vector<Execution::Pending>::iterator Execution::findPending(unsigned long long id)
+{
+    return std::find_if(m_pending.begin(), m_pending.end(), [id](const Pending &pending) { return pending.id == id; });
 }
 
 void Execution::guardExpired(unsigned long long id)
 {
-    const auto it = m_pending.find(id);
+    const auto it = findPending(id);
     if (it == m_pending.end())
         return;
     it->guard = m_guards->none();
@@ -154,7 +162,7 @@ void Execution::guardExpired(unsigned long long id)
 
 void Execution::deliver(unsigned long long id, const QVariantMap &reply, bool last)
 {
-    const auto it = m_pending.find(id);
+    const auto it = findPending(id);
     if (it == m_pending.end() || isFinished())
         return;
     // The guard covers the first reply; a listen then reports only changes.
@@ -208,7 +216,7 @@ void Execution::deliver(unsigned long long id, const QVariantMap &reply, bool la
     }
 }
 
-void Execution::onResult(const QString &name, const QVariant &value)
+void Execution::commandPosted(const QString &name, const QVariant &value)
 {
     if (!isActive())
         return;
@@ -216,7 +224,7 @@ void Execution::onResult(const QString &name, const QVariant &value)
     emit resultChanged(name, value);
 }
 
-void Execution::onCommandFinished(bool ok, const QString &error)
+void Execution::commandFinished(bool ok, const QString &error)
 {
     if (!isActive())
         return;

@@ -17,6 +17,11 @@
 #include <QSharedPointer>
 #include <QVariantMap>
 
+#include <vector>
+
+class CommandQueue;
+class Host;
+
 class Execution : public QObject
 {
     Q_OBJECT
@@ -24,9 +29,10 @@ public:
     enum State { Queued, Running, Succeeded, Failed, Stopped };
     Q_ENUM(State)
 
-    // Made by Host::execute(); `guards` times the instructions this execution sends.
-    Execution(DeadlineQueue *guards, DAbstractPlugin *device, const QString &command, const QVariantMap &arguments,
-              QObject *parent);
+    // Made by Host::execute(), which it tells of its end; `guards` times the instructions
+    // this execution sends.
+    Execution(Host *host, DeadlineQueue *guards, DAbstractPlugin *device, const QString &command,
+              const QVariantMap &arguments);
     // Deleting a running execution stops it first.
     ~Execution() override;
 
@@ -51,10 +57,12 @@ public:
     DError error() const { return m_error; }
 
     // The host's side. The command object this execution runs on: `fresh` when the command
-    // made one for it, else the declared `command`.
+    // made one for it, else the declared `command`; `queue` runs it and forwards what the
+    // command posts while it is active.
     void setCommand(DAbstractCommand *command, const QSharedPointer<ICommand> &fresh, bool listening,
-                    bool checkArguments);
+                    bool checkArguments, CommandQueue *queue);
     DAbstractCommand *command() const { return m_command; }
+    CommandQueue *queue() const { return m_queue; }
     // Whether the command runs on this execution's behalf now (inside its commandExecute or
     // one of its reply callbacks): what the command posts or sends then is this execution's.
     bool isActive() const { return m_active > 0; }
@@ -64,8 +72,8 @@ public:
     // Stops it: a queued or running one ends Stopped with CeStopped and a line saying so; a
     // listening one ends Stopped without error, its normal end. False once finished.
     bool stop();
-    // Ends the execution (once): its pending instructions are dropped (released(), and the
-    // host stops them at the driver), then stateChanged() and finished() are emitted.
+    // Ends the execution (once): its pending instructions are dropped (the host stops them
+    // at the driver and its queue moves on), then stateChanged() and finished() are emitted.
     void setFinished(State state, const DError &error = DError());
 
     // An instruction the command sent on this execution's behalf; the guard expires
@@ -76,6 +84,9 @@ public:
     void deliver(unsigned long long id, const QVariantMap &reply, bool last);
     // The guard of instruction `id` expired: the driver gave no answer in time.
     void guardExpired(unsigned long long id);
+    // What the command posted (a result) or said (its end) while it worked for this execution.
+    void commandPosted(const QString &name, const QVariant &value);
+    void commandFinished(bool ok, const QString &error);
 
 signals:
     void stateChanged(Execution::State state);
@@ -86,13 +97,11 @@ signals:
     void errorReported(const DError &error);
     // Emitted once, when the state becomes Succeeded, Failed or Stopped.
     void finished();
-    // For the host, just before the end is announced: the instructions that were still
-    // pending at the driver, to be stopped there.
-    void released(const QList<unsigned long long> &pending);
 
 private:
     struct Pending
     {
+        unsigned long long id = 0;
         QString instruction;
         IMessenger::ReplyCallback callback;
         int guardMs = 0;
@@ -100,12 +109,12 @@ private:
     };
 
     void setState(State state);
-    void onResult(const QString &name, const QVariant &value);
-    void onCommandFinished(bool ok, const QString &error);
     // Succeeded once a non-listening execution has nothing pending.
     void settleIfDone();
     QString deviceName() const;
 
+    Host *m_host = nullptr;
+    CommandQueue *m_queue = nullptr;
     DeadlineQueue *m_guards = nullptr;
     QPointer<DAbstractPlugin> m_device;
     const QString m_commandName;
@@ -118,5 +127,7 @@ private:
     QPointer<DAbstractCommand> m_command;
     QSharedPointer<ICommand> m_fresh;
     int m_active = 0;
-    QHash<unsigned long long, Pending> m_pending;
+    // Few at a time (one per instruction on its way), searched in order.
+    std::vector<Pending> m_pending;
+    std::vector<Pending>::iterator findPending(unsigned long long id);
 };

@@ -179,19 +179,14 @@ CommandQueue *Host::queueFor(DAbstractCommand *command, CommandQueue::Mode mode)
 {
     CommandQueue *&queue = m_queues[command];
     if (!queue)
-        queue = new CommandQueue(mode, this);
+        queue = new CommandQueue(command, mode, &m_queueParent);
     return queue;
 }
 
 Execution *Host::execute(DAbstractPlugin *device, const QString &command, const QVariantMap &arguments,
                          ArgumentCheck check)
 {
-    auto execution = new Execution(&m_guards, device, command, arguments, this);
-    // First to hear of the end: what the execution leaves pending is stopped at the driver.
-    connect(execution, &Execution::released, this, [this](const QList<unsigned long long> &pending) {
-        for (unsigned long long id : pending)
-            unroute(id, true);
-    });
+    auto execution = new Execution(this, &m_guards, device, command, arguments);
     if (!device || !deviceEntry(device)) {
         failLater(execution, CeNoRoute, QStringLiteral("cannot run \"%1\": the plug-in instance is not a device of this host").arg(command));
         return execution;
@@ -217,8 +212,8 @@ Execution *Host::execute(DAbstractPlugin *device, const QString &command, const 
     const bool listening = !declared->stopCommandName().isEmpty();
     const QSharedPointer<ICommand> fresh = declared->createCommand(arguments);
     auto *object = fresh ? qobject_cast<DAbstractCommand *>(fresh->commandObject()) : declared;
-    execution->setCommand(object, fresh, listening, check == CheckArguments);
     CommandQueue *queue = queueFor(object, fresh || listening ? CommandQueue::AllAtOnce : CommandQueue::OneAtATime);
+    execution->setCommand(object, fresh, listening, check == CheckArguments, queue);
     if (fresh) {
         // A fresh object's queue lives as long as its one execution.
         connect(queue, &CommandQueue::idle, this, [this, object, queue] {
@@ -239,6 +234,14 @@ void Host::failLater(Execution *execution, EnErrorCode code, const QString &erro
 bool Host::stop(Execution *execution)
 {
     return execution && execution->stop();
+}
+
+void Host::release(Execution *execution, const QList<unsigned long long> &pending)
+{
+    for (unsigned long long id : pending)
+        unroute(id, true);
+    if (CommandQueue *queue = execution->queue())
+        queue->release(execution);
 }
 
 unsigned long long Host::sendInstruction(DAbstractCommand *command, const QString &target, const QString &instruction,

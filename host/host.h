@@ -76,6 +76,9 @@ public:
     // Stopped, its normal end; other listens of the same command go on. False when it has
     // finished already.
     bool stop(Execution *execution);
+    // Called once by an execution as it ends: its instructions still pending at the driver
+    // are stopped there, and its queue moves on.
+    void release(Execution *execution, const QList<unsigned long long> &pending);
 
     // IMessenger
     unsigned long long sendInstruction(DAbstractCommand *command, const QString &target,
@@ -126,5 +129,8 @@ private:
     // The executions of each command object (declared ones for the host's life, fresh ones
     // while their execution runs).
     QHash<DAbstractCommand *, CommandQueue *> m_queues;
+    // The queues' parent, so that the host's own children are its executions alone: an
+    // ending execution is found near the front of that list, not behind every queue.
+    QObject m_queueParent;
     BackendRuns *m_runs;
 };

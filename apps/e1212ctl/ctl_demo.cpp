@@ -6,7 +6,7 @@
 #include "ctlargs.h"
 #include "ctlsession.h"
 #include "ctlstep.h"
-#include "e1212simulator.h"
+#include "ctlsimulator.h"
 #include "execution.h"
 #include "host.h"
 
@@ -129,7 +129,7 @@ void demo(CtlStep &step)
     if (!session.openDevices(&failure))
         return step.finish(failure);
     QTextStream &out = session.out();
-    E1212Simulator *sim = session.simulator(session.current());
+    CtlSimulator *sim = session.simulator(session.current());
     out << "E1212 demonstration against " << (sim ? "the embedded simulator at " : "the module at ")
         << session.address(session.current()) << Qt::endl;
     const auto heading = [&out](const char *text) {

@@ -11,11 +11,15 @@ bool CtlArgs::parse(const QStringList &words, const QList<QCommandLineOption> &o
     if (args->m_background)
         line.removeLast();
     // A negative number ("-1") is a value, never an option: it is hidden from the parser and
-    // given back as it was, so that its own check can name it.
-    static const QRegularExpression negative(QStringLiteral("^-[0-9]"));
+    // given back as it was, so that its own check can name it. (A plain test: every command
+    // line goes through here, and a regular expression would cost a one-shot its JIT.)
+    const auto negative = [](const QString &word) {
+        return word.size() > 1 && word.at(0) == QLatin1Char('-') && word.at(1) >= QLatin1Char('0')
+            && word.at(1) <= QLatin1Char('9');
+    };
     const QChar hidden(0xE000);
     for (QString &word : line)
-        if (negative.match(word).hasMatch())
+        if (negative(word))
             word.prepend(hidden);
     const auto unhide = [hidden](QString text) { return text.startsWith(hidden) ? text.mid(1) : text; };
     QCommandLineParser parser;

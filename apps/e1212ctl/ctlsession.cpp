@@ -7,7 +7,8 @@
 #include "ctltext.h"
 #include "dabstractplugin.h"
 #include "dchanneltable.h"
-#include "e1212simulator.h"
+#include "ctl_simulate.h"
+#include "ctlsimulator.h"
 #include "host.h"
 #include "pluginmanager.h"
 
@@ -146,8 +147,8 @@ CtlOutcome CtlSession::open()
         DeviceConfig &config = m_configs[i];
         if (!config.connection.isEmpty())
             continue;
-        m_simulators[i].reset(new E1212Simulator);
-        if (!m_simulators[i]->start(QHostAddress::LocalHost, 0, &error))
+        m_simulators[i].reset(ctlStartSimulator(&error));
+        if (!m_simulators[i])
             return CtlOutcome::failed(QStringLiteral("cannot start the embedded simulator: %1").arg(error));
         config.connection.insert(QStringLiteral("host"), QStringLiteral("127.0.0.1"));
         config.connection.insert(QStringLiteral("port"), int(m_simulators[i]->port()));
@@ -208,7 +209,7 @@ bool CtlSession::use(const QString &name, CtlOutcome *failure)
     return true;
 }
 
-E1212Simulator *CtlSession::simulator(int device) const
+CtlSimulator *CtlSession::simulator(int device) const
 {
     return m_simulators.at(size_t(device)).get();
 }

@@ -20,7 +20,7 @@
 class CtlCall;
 class QDateTime;
 class DAbstractPlugin;
-class E1212Simulator;
+class CtlSimulator;
 class Host;
 class PluginManager;
 
@@ -102,7 +102,7 @@ public:
     // Makes `name` the current device; false, with the refusal in *failure, otherwise.
     bool use(const QString &name, CtlOutcome *failure);
     // The embedded simulator of a device, or nullptr when it has a real address.
-    E1212Simulator *simulator(int device) const;
+    CtlSimulator *simulator(int device) const;
     // "host:port" a device is reached at ("" when it has none).
     QString address(int device) const;
 
@@ -152,7 +152,7 @@ private:
     std::vector<DeviceConfig> m_configs;
     int m_current = 0;
     QScopedPointer<PluginManager> m_plugins;
-    std::vector<std::unique_ptr<E1212Simulator>> m_simulators;
+    std::vector<std::unique_ptr<CtlSimulator>> m_simulators;
     QScopedPointer<Host> m_host;
     QScopedPointer<Host> m_checkHost;
     bool m_checkOnly = false;

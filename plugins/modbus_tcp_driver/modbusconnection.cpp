@@ -152,10 +152,15 @@ void ModbusConnection::onSocketError()
 
 void ModbusConnection::onReadyRead()
 {
-    if (m_received.isEmpty())
-        m_received = m_socket->readAll();
-    else
-        m_received += m_socket->readAll();
+    // Exactly what came, appended in place: readAll() on a socket grows a 16 KiB buffer
+    // and copies it back on every answer.
+    const qint64 available = m_socket->bytesAvailable();
+    if (available > 0) {
+        const int kept = m_received.size();
+        m_received.resize(kept + int(available));
+        const qint64 got = m_socket->read(m_received.data() + kept, available);
+        m_received.resize(kept + int(qMax<qint64>(0, got)));
+    }
     m_silentTimeouts = 0;
     const quint8 unitId = quint8(m_settings.unitId);
     // Frame by frame: a completion may send the next request before the rest is judged.

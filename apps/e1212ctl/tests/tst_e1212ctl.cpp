@@ -137,6 +137,12 @@ private slots:
         row("json mask of no bit", {"--json", "set", "DO1", "1", "--mask", "2"}, "selects no bit");
         row("value 7", {"set", "DO2", "7"}, "VALUE \"7\" is not a whole number from 0 to 1");
         row("value -1", {"set", "DO1", "-1"}, "VALUE \"-1\" is not a whole number from 0 to 1");
+        // Only a dash and a digit is a negative number; the characters next to the digits are options.
+        row("value -0", {"set", "DO1", "-0"}, "VALUE \"-0\" is not a whole number from 0 to 1");
+        row("value -9", {"set", "DO1", "-9"}, "VALUE \"-9\" is not a whole number from 0 to 1");
+        row("option -/", {"set", "DO1", "-/"}, "Unknown option '/'");
+        row("option -:", {"set", "DO1", "-:"}, "Unknown option ':'");
+        row("option -", {"set", "DO1", "-"}, "VALUE \"-\" is not a whole number");
         row("mask -1", {"set", "DO1", "1", "--mask", "-1"}, "--mask \"-1\" is not a whole number from 0 to 65535");
         row("value +1", {"set", "DO1", "+1"}, "VALUE \"+1\"");
         row("mask too big", {"set", "DO1", "1", "--mask", "0x10000"}, "--mask \"0x10000\" is not a whole number from 0 to 65535");
