@@ -165,11 +165,9 @@ void MqttClient::stop()
     m_misc.stop();
     if (m_connected) {
         mosquitto_disconnect(m_mosq);
-        // Flush what is queued and the DISCONNECT as far as the socket takes it now; it is
-        // non-blocking, so this never waits, and a full socket ends it.
-        for (int round = 0; round < 64 && mosquitto_want_write(m_mosq); ++round)
-            if (mosquitto_loop_write(m_mosq, c_maxPackets) != MOSQ_ERR_SUCCESS)
-                break;
+        // Writes what is queued and the DISCONNECT as far as the socket takes them now; it is
+        // non-blocking, so this never waits.
+        mosquitto_loop_write(m_mosq, c_maxPackets);
     }
     m_connected = false;
     dropNotifiers();

@@ -4,6 +4,7 @@
 // in-process and, end to end, mosquitto_pub/mosquitto_sub and e1212ctl serve as processes.
 #include "dabstractplugin.h"
 #include "e1212simulator.h"
+#include "execution.h"
 #include "host.h"
 #include "logcapture.h"
 #include "mosquittobroker.h"
@@ -411,6 +412,9 @@ void TstMqttGateway::requests()
         QCOMPARE(pulses.count(), 0);
     }
     QCOMPARE(simulator.connectionCount(), 1);
+    // Stopped, the gateway leaves no execution behind: watches, getInfo and the request.
+    bench.gateway->stop();
+    QTRY_COMPARE_WITH_TIMEOUT(bench.host->findChildren<Execution *>().size(), 0, 5000);
 }
 
 void TstMqttGateway::retainedRequestIsNotRun()
