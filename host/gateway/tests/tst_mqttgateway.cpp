@@ -415,6 +415,7 @@ void TstMqttGateway::requests()
     // Stopped, the gateway leaves no execution behind: watches, getInfo and the request.
     bench.gateway->stop();
     QTRY_COMPARE_WITH_TIMEOUT(bench.host->findChildren<Execution *>().size(), 0, 5000);
+    QCOMPARE(gatewayLines(log, QtCriticalMsg), QStringList()); // its own watches ending is no news
 }
 
 void TstMqttGateway::retainedRequestIsNotRun()
@@ -648,6 +649,9 @@ void TstMqttGateway::serveUntilStopped()
         serve.terminate();
     QVERIFY(finished.wait(10000));
     QCOMPARE(serve.exitStatus(), kill ? QProcess::CrashExit : QProcess::NormalExit);
+    // A clean leave says goodbye (the will is dropped); a killed one just vanishes.
+    const QString leave = kill ? QStringLiteral("Client bench-gw closed its connection.") : QStringLiteral("Client bench-gw disconnected.");
+    QTRY_VERIFY2_WITH_TIMEOUT(broker.log().contains(leave), qPrintable(broker.log()), 5000);
     if (!kill)
         QCOMPARE(serve.exitCode(), 0);
     QCOMPARE(QString::fromUtf8(serve.readAllStandardOutput()),

@@ -183,9 +183,11 @@ void TstMqttClient::correlationDataTravels()
     // Retained, so that b gets it whether its subscription is in place yet or not.
     a->setRetained(QStringLiteral("q/sync"), "s");
     QTRY_COMPARE_WITH_TIMEOUT(inboxB.count(QStringLiteral("q/sync")), 1, 10000);
+    a->setRetained(QStringLiteral("q/sync"), "s"); // unchanged: not sent again
     QVERIFY(a->publish(QStringLiteral("q/x"), "payload", QByteArray("\x00\x01id", 4)));
     QTRY_COMPARE_WITH_TIMEOUT(inboxB.count(QStringLiteral("q/x")), 1, 10000);
     QCOMPARE(inboxB.messages.last().correlationData, QByteArray("\x00\x01id", 4));
+    QCOMPARE(inboxB.count(QStringLiteral("q/sync")), 1);
     QCOMPARE(inboxB.messages.last().payload, QByteArray("payload"));
     QVERIFY(!inboxB.messages.last().retained);
     // Not our own messages back.
