@@ -24,6 +24,8 @@ constexpr int c_publishQos = 0;
 constexpr int c_firstBackoffMs = 100;
 constexpr int c_maxBackoffMs = 2000;
 constexpr int c_miscIntervalMs = 1000;
+// libmosquitto 2 ignores its max_packets argument.
+constexpr int c_maxPackets = 1;
 
 // libmosquitto is initialised once per process, before the first client.
 void initLibrary()
@@ -71,7 +73,7 @@ bool MqttClient::parseUrl(const QString &url, Options *options, QString *error)
     }
     const bool tls = scheme == QLatin1String("mqtts");
     const int port = parsed.port(tls ? 8883 : 1883);
-    if (port < 1 || port > 65535) {
+    if (port < 1) { // QUrl refuses a port over 65535
         *error = QStringLiteral("--mqtt %1: the port must be 1-65535").arg(url);
         return false;
     }
@@ -87,10 +89,8 @@ MqttClient::MqttClient(const Options &options, QObject *parent)
 {
     qRegisterMetaType<MqttClient::Message>();
     m_misc.setInterval(c_miscIntervalMs);
-    connect(&m_misc, &QTimer::timeout, this, [this] {
-        if (m_mosq && mosquitto_socket(m_mosq) >= 0)
-            step(mosquitto_loop_misc(m_mosq), "keep-alive");
-    });
+    // Runs only while a connection attempt or a connection is up.
+    connect(&m_misc, &QTimer::timeout, this, [this] { step(mosquitto_loop_misc(m_mosq), "keep-alive"); });
     m_retry.setSingleShot(true);
     connect(&m_retry, &QTimer::timeout, this, &MqttClient::connectNow);
 }
@@ -152,7 +152,7 @@ bool MqttClient::start(QString *error)
     }
     m_running = true;
     // The first attempt starts from the event loop, so that its outcome is always a signal.
-    m_retry.start(0);
+    QMetaObject::invokeMethod(this, &MqttClient::connectNow, Qt::QueuedConnection);
     return true;
 }
 
@@ -165,11 +165,9 @@ void MqttClient::stop()
     m_misc.stop();
     if (m_connected) {
         mosquitto_disconnect(m_mosq);
-        // Flush what is queued and the DISCONNECT as far as the socket takes it now; it is
-        // non-blocking, so this never waits, and a full socket ends it.
-        for (int round = 0; round < 64 && mosquitto_want_write(m_mosq); ++round)
-            if (mosquitto_loop_write(m_mosq, 1) != MOSQ_ERR_SUCCESS)
-                break;
+        // Writes what is queued and the DISCONNECT as far as the socket takes them now; it is
+        // non-blocking, so this never waits.
+        mosquitto_loop_write(m_mosq, c_maxPackets);
     }
     m_connected = false;
     dropNotifiers();
@@ -249,9 +247,9 @@ void MqttClient::watchSocket()
     if (fd < 0)
         return;
     m_read = new QSocketNotifier(fd, QSocketNotifier::Read, this);
-    connect(m_read, &QSocketNotifier::activated, this, [this] { step(mosquitto_loop_read(m_mosq, 1), "read"); });
+    connect(m_read, &QSocketNotifier::activated, this, [this] { step(mosquitto_loop_read(m_mosq, c_maxPackets), "read"); });
     m_write = new QSocketNotifier(fd, QSocketNotifier::Write, this);
-    connect(m_write, &QSocketNotifier::activated, this, [this] { step(mosquitto_loop_write(m_mosq, 1), "write"); });
+    connect(m_write, &QSocketNotifier::activated, this, [this] { step(mosquitto_loop_write(m_mosq, c_maxPackets), "write"); });
     updateWriteInterest();
 }
 
@@ -302,8 +300,7 @@ void MqttClient::lost(const QString &reason, bool fatal)
     const QString text = QStringLiteral("MQTT broker %1:%2: %3").arg(m_options.host).arg(m_options.port).arg(reason);
     const bool wasConnected = m_connected;
     m_connected = false;
-    if (m_mosq && mosquitto_socket(m_mosq) >= 0)
-        mosquitto_disconnect(m_mosq);
+    mosquitto_disconnect(m_mosq); // closes the socket when libmosquitto did not already
     if (fatal && !m_everConnected) {
         m_running = false;
         qCCritical(lcMqtt).noquote() << text;

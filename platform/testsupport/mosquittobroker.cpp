@@ -107,7 +107,7 @@ bool MosquittoBroker::writeFiles(QString *error)
         if (m_options.requireClientCertificate)
             config += "require_certificate true\n";
     }
-    m_config = config;
+    m_config = config + m_options.extraConfig;
     for (const QString &name : QDir(m_dir.path()).entryList(QDir::Files))
         QFile::setPermissions(m_dir.filePath(name), QFile::permissions(m_dir.filePath(name)) | QFile::ReadOther);
     m_filesWritten = true;

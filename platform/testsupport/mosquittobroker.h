@@ -21,6 +21,8 @@ public:
         bool tls = false;
         // With tls: clients must show a certificate signed by caFile() (clientCertFile()).
         bool requireClientCertificate = false;
+        // More configuration lines, as mosquitto.conf takes them.
+        QByteArray extraConfig;
     };
 
     MosquittoBroker() : MosquittoBroker(Options()) {}

@@ -4,7 +4,9 @@
 // in-process and, end to end, mosquitto_pub/mosquitto_sub and e1212ctl serve as processes.
 #include "dabstractplugin.h"
 #include "e1212simulator.h"
+#include "execution.h"
 #include "host.h"
+#include "logcapture.h"
 #include "mosquittobroker.h"
 #include "mqttgateway.h"
 #include "mqttinbox.h"
@@ -115,6 +117,16 @@ MqttGateway::Options gatewayOptions(bool allowWrites, const QString &discovery =
     options.allowWrites = allowWrites;
     options.discoveryPrefix = discovery;
     return options;
+}
+
+// The texts the gateway logged of `type`.
+QStringList gatewayLines(const LogCapture &log, QtMsgType type)
+{
+    QStringList texts;
+    for (const LogCapture::Message &message : log.messages())
+        if (message.type == type && message.category == QLatin1String("e1212.gateway"))
+            texts << message.text;
+    return texts;
 }
 
 } // namespace
@@ -307,6 +319,9 @@ void TstMqttGateway::requests_data()
     const QString usage = QStringLiteral("; the payload must be 0, 1 or {\"value\": 0|1, \"mask\": 0-65535}");
     const QString channels = QStringLiteral("DI0, DI1, DI2, DI3, DI4, DI5, DI6, DI7, DO0, DO1, DO2, DO3, DO4, DO5, DO6, DO7");
     QTest::newRow("set 1") << true << "io1/DO1/set" << QByteArray("1") << "setValue" << "" << "" << "DO1";
+    QTest::newRow("set 0") << true << "io1/DO1/set" << QByteArray("0") << "setValue" << "" << "" << "";
+    QTest::newRow("set object value 0") << true << "io1/DO1/set" << QByteArray(R"({"value": 0})") << "setValue" << "" << "" << "";
+    QTest::newRow("pulse 0 then 1, longest on") << true << "io1/DO2/pulse" << QByteArray(R"({"on": 65535, "off": 1, "values": [0, 1]})") << "setValues" << "" << "" << "pulse DO3";
     QTest::newRow("set object with mask") << true << "io1/DO2/set" << QByteArray(R"({"value": 1, "mask": 65535})") << "setValue" << "" << "" << "DO2";
     QTest::newRow("pulse") << true << "io1/DO3/pulse" << QByteArray(R"({"on": 50, "off": 50, "values": [1]})") << "setValues" << "" << "" << "pulse DO3";
     QTest::newRow("run setValue") << true << "io1/run/setValue" << QByteArray(R"({"channel": "DO4", "value": 1})") << "setValue" << "" << "" << "DO4";
@@ -354,6 +369,7 @@ void TstMqttGateway::requests()
     QFETCH(QString, effect);
     Bench bench;
     QString text;
+    LogCapture log;
     QVERIFY2(bench.start(1, gatewayOptions(allowWrites), &text), qPrintable(text));
     MqttClient *requester = bench.client(QStringLiteral("requester"), &text);
     QVERIFY(requester);
@@ -380,6 +396,9 @@ void TstMqttGateway::requests()
         QVERIFY(!result.value(QStringLiteral("error")).toString().isEmpty());
     else
         QCOMPARE(result.value(QStringLiteral("error")).toString(), error);
+    if (!code.isEmpty())
+        QCOMPARE(gatewayLines(log, QtInfoMsg).filter(full),
+                 QStringList{QStringLiteral("%1 refused or failed: %2 %3").arg(full, code, result.value(QStringLiteral("error")).toString())});
     if (command == QLatin1String("getValue") && code.isEmpty())
         QCOMPARE(result.value(QStringLiteral("results")).toObject(), (QJsonObject{{QStringLiteral("value"), 0}}));
 
@@ -393,6 +412,10 @@ void TstMqttGateway::requests()
         QCOMPARE(pulses.count(), 0);
     }
     QCOMPARE(simulator.connectionCount(), 1);
+    // Stopped, the gateway leaves no execution behind: watches, getInfo and the request.
+    bench.gateway->stop();
+    QTRY_COMPARE_WITH_TIMEOUT(bench.host->findChildren<Execution *>().size(), 0, 5000);
+    QCOMPARE(gatewayLines(log, QtCriticalMsg), QStringList()); // its own watches ending is no news
 }
 
 void TstMqttGateway::retainedRequestIsNotRun()
@@ -423,8 +446,8 @@ void TstMqttGateway::responseTopicEndToEnd()
     // A client that is not ours waits for the answer on its own response topic...
     QProcess sub;
     sub.start(QStringLiteral("mosquitto_sub"), {QStringLiteral("-p"), port, QStringLiteral("-V"), QStringLiteral("5"),
-                                                QStringLiteral("-t"), QStringLiteral("replies/bench"), QStringLiteral("-C"), QStringLiteral("1"),
-                                                QStringLiteral("-W"), QStringLiteral("20"), QStringLiteral("-F"), QStringLiteral("%D|%p")});
+                                                QStringLiteral("-t"), QStringLiteral("replies/bench"), QStringLiteral("-q"), QStringLiteral("1"), QStringLiteral("-C"), QStringLiteral("1"),
+                                                QStringLiteral("-W"), QStringLiteral("20"), QStringLiteral("-F"), QStringLiteral("%D|%q|%p")});
     QTRY_VERIFY_WITH_TIMEOUT(bench.broker.log().contains(QLatin1String("replies/bench")), 10000);
     // ...and another sends the request with it.
     const ProcessRun pub = ProcessRun::run(QStringLiteral("mosquitto_pub"),
@@ -438,7 +461,8 @@ void TstMqttGateway::responseTopicEndToEnd()
     QCOMPARE(sub.exitCode(), 0);
     const QString line = QString::fromUtf8(sub.readAllStandardOutput()).trimmed();
     QCOMPARE(line.section(QLatin1Char('|'), 0, 0), QStringLiteral("req-42"));
-    const QJsonObject result = json(line.section(QLatin1Char('|'), 1).toUtf8());
+    QCOMPARE(line.section(QLatin1Char('|'), 1, 1), QStringLiteral("0")); // published at QoS 0 whatever the subscription asks
+    const QJsonObject result = json(line.section(QLatin1Char('|'), 2).toUtf8());
     QCOMPARE(result.value(QStringLiteral("ok")), QJsonValue(true));
     QCOMPARE(result.value(QStringLiteral("command")), QJsonValue(QStringLiteral("setValue")));
     QVERIFY(bench.simulators[0]->output(6));
@@ -489,6 +513,7 @@ void TstMqttGateway::moduleRestart()
                                  && bench.inbox.latest(QStringLiteral("e1212/io1/availability")) == "online", 15000);
     E1212Simulator &simulator = *bench.simulators[0];
     const quint16 port = simulator.port();
+    LogCapture log;
     const QByteArray do0 = bench.inbox.latest(QStringLiteral("e1212/io1/DO0"));
 
     simulator.stop();
@@ -513,11 +538,16 @@ void TstMqttGateway::moduleRestart()
     QVERIFY(!simulator.output(0));
     const int availability = bench.inbox.count(QStringLiteral("e1212/io1/availability"));
     QCOMPARE(availability, 3); // online, offline, online
+    const QStringList warnings = gatewayLines(log, QtWarningMsg);
+    QCOMPARE(warnings.size(), 1);
+    QVERIFY2(warnings.at(0).startsWith(QLatin1String("Moxa E1212 io1 does not answer: listenEvents: the driver of \"Moxa E1212 io1\" failed ")),
+             qPrintable(warnings.at(0)));
+    QCOMPARE(gatewayLines(log, QtInfoMsg).filter(QStringLiteral("answers")), QStringList{QStringLiteral("Moxa E1212 io1 answers")});
 }
 
 void TstMqttGateway::serveRefusals_data()
 {
-    QTest::addColumn<QString>("broker");  // "", "password" or "tls"
+    QTest::addColumn<QString>("broker");  // "", "password", "tls" or "tls-client" (a client certificate required)
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("error");   // BROKERPORT stands for the broker's port
@@ -543,6 +573,8 @@ void TstMqttGateway::serveRefusals_data()
     QTest::newRow("stray argument") << "" << QStringList{"--mqtt", "mqtt://h", "extra"} << 2 << "serve takes no argument besides its options, got \"extra\"";
     QTest::newRow("wrong password") << "password" << QStringList{"--mqtt-user", "gw", "--mqtt-password-file", "PWFILE"} << 1
                                     << "MQTT broker 127.0.0.1:BROKERPORT: refused the connection: Not authorized";
+    QTest::newRow("client certificate required, CA given") << "tls-client" << QStringList{"--mqtt-ca", "CAFILE"} << 1
+                                                           << "MQTT broker 127.0.0.1:BROKERPORT: TLS failed: OpenSSL Error[0]: error:0A00045C:SSL routines::tlsv13 alert certificate required";
     QTest::newRow("untrusted certificate") << "tls" << QStringList{"--mqtt-ca", "OTHERCA"} << 1
                                            << "MQTT broker 127.0.0.1:BROKERPORT: TLS failed: OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
 }
@@ -554,7 +586,8 @@ void TstMqttGateway::serveRefusals()
     QFETCH(int, exitCode);
     QFETCH(QString, error);
     MosquittoBroker::Options options;
-    options.tls = broker == QLatin1String("tls");
+    options.tls = broker.startsWith(QLatin1String("tls"));
+    options.requireClientCertificate = broker == QLatin1String("tls-client");
     if (broker == QLatin1String("password"))
         options.user = QStringLiteral("gw"), options.password = QStringLiteral("secret");
     MosquittoBroker mosquitto(options);
@@ -569,6 +602,7 @@ void TstMqttGateway::serveRefusals()
         QVERIFY2(mosquitto.start(&text), qPrintable(text));
         QTRY_VERIFY_WITH_TIMEOUT(mosquitto.isReady(), 10000);
         arguments.replaceInStrings(QStringLiteral("OTHERCA"), mosquitto.otherCaFile());
+        arguments.replaceInStrings(QStringLiteral("CAFILE"), mosquitto.caFile());
         arguments << QStringLiteral("--mqtt") << mosquitto.url();
     }
     const ProcessRun run = ProcessRun::run(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), QStringList{QStringLiteral("serve")} + arguments);
@@ -579,20 +613,24 @@ void TstMqttGateway::serveRefusals()
 void TstMqttGateway::serveUntilStopped_data()
 {
     QTest::addColumn<bool>("kill");
-    QTest::newRow("SIGTERM: status offline as it leaves") << false;
-    QTest::newRow("SIGKILL: the will says offline") << true;
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("keepAlive");
+    QTest::newRow("SIGTERM: status offline as it leaves") << false << QStringList() << 30;
+    QTest::newRow("SIGKILL: the will says offline") << true << QStringList{"--mqtt-keepalive", "5"} << 5;
 }
 
 void TstMqttGateway::serveUntilStopped()
 {
     QFETCH(bool, kill);
+    QFETCH(QStringList, arguments);
+    QFETCH(int, keepAlive);
     MosquittoBroker broker;
     QString error;
     QVERIFY2(broker.start(&error), qPrintable(error));
     QTRY_VERIFY_WITH_TIMEOUT(broker.isReady(), 10000);
     QProcess serve;
     serve.start(QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"),
-                {QStringLiteral("serve"), QStringLiteral("--mqtt"), broker.url(), QStringLiteral("--mqtt-client-id"), QStringLiteral("bench-gw")});
+                QStringList{QStringLiteral("serve"), QStringLiteral("--mqtt"), broker.url(), QStringLiteral("--mqtt-client-id"), QStringLiteral("bench-gw")} + arguments);
     const QStringList sub{QStringLiteral("-p"), QString::number(broker.port()), QStringLiteral("-C"), QStringLiteral("1"),
                           QStringLiteral("-W"), QStringLiteral("20"), QStringLiteral("-t")};
     // A client that is not ours sees the module's retained state, then the gateway leave.
@@ -601,6 +639,9 @@ void TstMqttGateway::serveUntilStopped()
     QCOMPARE(json(state.out.toUtf8()).value(QStringLiteral("value")), QJsonValue(0));
     QCOMPARE(ProcessRun::run(QStringLiteral("mosquitto_sub"), sub + QStringList{QStringLiteral("e1212/gateway/bench-gw/status")}).out,
              QStringLiteral("online\n"));
+    // MQTT 5, a clean start, the keep-alive asked; requests subscribed at QoS 1.
+    QVERIFY2(broker.log().contains(QStringLiteral(" as bench-gw (p5, c1, k%1)").arg(keepAlive)), qPrintable(broker.log()));
+    QVERIFY2(broker.log().contains(QLatin1String(" bench-gw 1 e1212/+/+/+\n")), qPrintable(broker.log()));
     QSignalSpy finished(&serve, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
     if (kill)
         serve.kill();
@@ -608,6 +649,9 @@ void TstMqttGateway::serveUntilStopped()
         serve.terminate();
     QVERIFY(finished.wait(10000));
     QCOMPARE(serve.exitStatus(), kill ? QProcess::CrashExit : QProcess::NormalExit);
+    // A clean leave says goodbye (the will is dropped); a killed one just vanishes.
+    const QString leave = kill ? QStringLiteral("Client bench-gw closed its connection.") : QStringLiteral("Client bench-gw disconnected.");
+    QTRY_VERIFY2_WITH_TIMEOUT(broker.log().contains(leave), qPrintable(broker.log()), 5000);
     if (!kill)
         QCOMPARE(serve.exitCode(), 0);
     QCOMPARE(QString::fromUtf8(serve.readAllStandardOutput()),

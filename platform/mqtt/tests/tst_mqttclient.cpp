@@ -2,6 +2,7 @@
 // The MQTT client against a real mosquitto on a free loopback port: URLs, retained state
 // republished after a broker restart (latest value only), correlation data, and the
 // failures that end it at start-up (credentials, untrusted certificate).
+#include "logcapture.h"
 #include "mosquittobroker.h"
 #include "mqttclient.h"
 #include "mqttinbox.h"
@@ -18,6 +19,16 @@ std::unique_ptr<MqttClient> client(const MosquittoBroker &broker, const QString 
     MqttClient::parseUrl(broker.url(), &options, &error);
     options.clientId = id;
     return std::make_unique<MqttClient>(options);
+}
+
+// The texts of the messages of `type` captured so far; every message must be the client's own.
+QStringList lines(const LogCapture &log, QtMsgType type)
+{
+    QStringList texts;
+    for (const LogCapture::Message &message : log.messages())
+        if (message.type == type || message.category != QLatin1String("e1212.mqtt"))
+            texts << (message.category == QLatin1String("e1212.mqtt") ? message.text : message.category + QLatin1String(": ") + message.text);
+    return texts;
 }
 
 } // namespace
@@ -116,9 +127,18 @@ void TstMqttClient::retainedStateSurvivesBrokerRestart()
     QVERIFY(publisher->publish(QStringLiteral("t/once"), "gone"));
 
     QSignalSpy disconnected(publisher.get(), &MqttClient::disconnected);
+    LogCapture log;
     broker.kill();
     QVERIFY(disconnected.count() == 1 || disconnected.wait(10000));
     QVERIFY(!publisher->isConnected());
+    const QString where = QStringLiteral("MQTT broker 127.0.0.1:%1: ").arg(broker.port());
+    QCOMPARE(disconnected.at(0).at(0).toString(), where + QStringLiteral("read failed: The connection was lost."));
+    // Attempts while it is away, each after twice the wait of the one before, at most 2 s.
+    QTRY_COMPARE_WITH_TIMEOUT(lines(log, QtWarningMsg).size(), 6, 10000);
+    QStringList expected{where + QStringLiteral("read failed: The connection was lost. - again in 100 ms")};
+    for (int ms : {200, 400, 800, 1600, 2000})
+        expected << where + QStringLiteral("connect failed: Connection refused - again in %1 ms").arg(ms);
+    QCOMPARE(lines(log, QtWarningMsg), expected);
     // While the broker is away: a non-retained message is dropped, retained ones keep only the latest.
     QVERIFY(!publisher->publish(QStringLiteral("t/once"), "lost"));
     publisher->setRetained(QStringLiteral("t/a"), "2");
@@ -128,6 +148,7 @@ void TstMqttClient::retainedStateSurvivesBrokerRestart()
     QVERIFY2(broker.start(&error), qPrintable(error));
     QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
     QVERIFY(connected.wait(10000)); // back-off at most 2 s
+    QCOMPARE(lines(log, QtInfoMsg), QStringList{QStringLiteral("connected to 127.0.0.1 %1").arg(broker.port())});
 
     auto late = client(broker, QStringLiteral("late"));
     MqttInbox inbox;
@@ -162,42 +183,57 @@ void TstMqttClient::correlationDataTravels()
     // Retained, so that b gets it whether its subscription is in place yet or not.
     a->setRetained(QStringLiteral("q/sync"), "s");
     QTRY_COMPARE_WITH_TIMEOUT(inboxB.count(QStringLiteral("q/sync")), 1, 10000);
+    a->setRetained(QStringLiteral("q/sync"), "s"); // unchanged: not sent again
     QVERIFY(a->publish(QStringLiteral("q/x"), "payload", QByteArray("\x00\x01id", 4)));
     QTRY_COMPARE_WITH_TIMEOUT(inboxB.count(QStringLiteral("q/x")), 1, 10000);
     QCOMPARE(inboxB.messages.last().correlationData, QByteArray("\x00\x01id", 4));
+    QCOMPARE(inboxB.count(QStringLiteral("q/sync")), 1);
     QCOMPARE(inboxB.messages.last().payload, QByteArray("payload"));
     QVERIFY(!inboxB.messages.last().retained);
     // Not our own messages back.
     QCOMPARE(inboxA.messages.size(), 0);
+    // A filter or a topic libmosquitto refuses: one warning, and the connection goes on.
+    LogCapture log;
+    b->subscribe(QStringLiteral("q/#/x"));
+    QVERIFY(a->publish(QStringLiteral("q/+"), "wildcard"));
+    QCOMPARE(lines(log, QtWarningMsg), (QStringList{QStringLiteral("subscribing to q/#/x failed: Invalid function arguments provided."),
+                                                     QStringLiteral("publish to q/+ failed: Invalid function arguments provided.")}));
+    QVERIFY(a->isConnected() && b->isConnected());
 }
 
 void TstMqttClient::startupFailures_data()
 {
     QTest::addColumn<bool>("tls");
     QTest::addColumn<QString>("password");
-    QTest::addColumn<bool>("trusted");
+    QTest::addColumn<QString>("ca"); // "ca" the broker's, "other" one that signed nothing of it, "junk" not a certificate
     QTest::addColumn<int>("clientCertificate"); // 0 none asked, 1 asked and not given, 2 asked and given
-    QTest::addColumn<QString>("expected"); // empty: connects
+    QTest::addColumn<QByteArray>("brokerConfig");
+    QTest::addColumn<QString>("expected"); // empty: connects; "... - again in 100 ms": retried
 
-    QTest::newRow("right password") << false << "secret" << true << 0 << "";
-    QTest::newRow("wrong password") << false << "wrong" << true << 0 << "refused the connection: Not authorized";
-    QTest::newRow("no password") << false << "" << true << 0 << "refused the connection: Not authorized";
-    QTest::newRow("trusted certificate") << true << "" << true << 0 << "";
-    QTest::newRow("untrusted certificate") << true << "" << false << 0 << "TLS failed: OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
-    QTest::newRow("client certificate given") << true << "" << true << 2 << "";
-    QTest::newRow("client certificate missing") << true << "" << true << 1 << "TLS failed: OpenSSL Error[0]: error:0A00045C:SSL routines::tlsv13 alert certificate required";
+    QTest::newRow("right password") << false << "secret" << "ca" << 0 << QByteArray() << "";
+    QTest::newRow("wrong password") << false << "wrong" << "ca" << 0 << QByteArray() << "refused the connection: Not authorized";
+    QTest::newRow("no password") << false << "" << "ca" << 0 << QByteArray() << "refused the connection: Not authorized";
+    QTest::newRow("trusted certificate") << true << "" << "ca" << 0 << QByteArray() << "";
+    QTest::newRow("untrusted certificate") << true << "" << "other" << 0 << QByteArray() << "TLS failed: OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed";
+    QTest::newRow("CA file not a certificate") << true << "" << "junk" << 0 << QByteArray() << "TLS failed: Error: Unable to load CA certificates, check cafile \"" E1212_SOURCE_DIR "/config/e1212.json\".";
+    QTest::newRow("client certificate given") << true << "" << "ca" << 2 << QByteArray() << "";
+    QTest::newRow("client certificate missing") << true << "" << "ca" << 1 << QByteArray() << "TLS failed: OpenSSL Error[0]: error:0A00045C:SSL routines::tlsv13 alert certificate required";
+    QTest::newRow("refusal another attempt may cure") << false << "secret" << "ca" << 0 << QByteArray("retain_available false\n")
+                                                      << "refused the connection: Retain not supported - again in 100 ms";
 }
 
 void TstMqttClient::startupFailures()
 {
     QFETCH(bool, tls);
     QFETCH(QString, password);
-    QFETCH(bool, trusted);
+    QFETCH(QString, ca);
     QFETCH(int, clientCertificate);
+    QFETCH(QByteArray, brokerConfig);
     QFETCH(QString, expected);
     MosquittoBroker::Options brokerOptions;
     brokerOptions.tls = tls;
     brokerOptions.requireClientCertificate = clientCertificate > 0;
+    brokerOptions.extraConfig = brokerConfig;
     if (!tls)
         brokerOptions.user = QStringLiteral("gw"), brokerOptions.password = QStringLiteral("secret");
     MosquittoBroker broker(brokerOptions);
@@ -209,21 +245,33 @@ void TstMqttClient::startupFailures()
     if (!password.isEmpty())
         options.username = QStringLiteral("gw"), options.password = password;
     if (tls)
-        options.caFile = trusted ? broker.caFile() : broker.otherCaFile();
+        options.caFile = ca == QLatin1String("ca") ? broker.caFile()
+                       : ca == QLatin1String("other") ? broker.otherCaFile() : QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json");
     if (clientCertificate == 2)
         options.certFile = broker.clientCertFile(), options.keyFile = broker.clientKeyFile();
+    // The gateway's will: retained.
+    options.willTopic = QStringLiteral("w/status"), options.willPayload = "offline";
     auto mqtt = client(broker, QStringLiteral("c"), options);
     QSignalSpy connected(mqtt.get(), &MqttClient::connected);
     QSignalSpy fatal(mqtt.get(), &MqttClient::fatalError);
+    LogCapture log;
     QVERIFY(mqtt->start(&error));
-    QTRY_VERIFY_WITH_TIMEOUT(connected.count() + fatal.count() > 0, 10000);
+    const QString where = QStringLiteral("MQTT broker 127.0.0.1:%1: ").arg(broker.port());
+    QTRY_VERIFY_WITH_TIMEOUT(connected.count() + fatal.count() + lines(log, QtWarningMsg).size() > 0, 10000);
     if (expected.isEmpty()) {
-        QCOMPARE(fatal.count(), 0);
+        QCOMPARE(connected.count(), 1);
+        QCOMPARE(lines(log, QtInfoMsg), QStringList{QStringLiteral("connected to 127.0.0.1 %1").arg(broker.port())});
         return;
     }
     QCOMPARE(connected.count(), 0);
+    if (expected.endsWith(QLatin1String(" ms"))) {
+        QCOMPARE(fatal.count(), 0);
+        QCOMPARE(lines(log, QtWarningMsg).value(0), where + expected);
+        return;
+    }
     QCOMPARE(fatal.count(), 1);
-    QCOMPARE(fatal.at(0).at(0).toString(), QStringLiteral("MQTT broker 127.0.0.1:%1: %2").arg(broker.port()).arg(expected));
+    QCOMPARE(fatal.at(0).at(0).toString(), where + expected);
+    QCOMPARE(lines(log, QtCriticalMsg), QStringList{where + expected});
 }
 
 QTEST_MAIN(TstMqttClient)
