@@ -3,29 +3,17 @@
 // the simulator library, loaded on first use.
 #include "ctl_simulate.h"
 
+#include "ctllibrary.h"
 #include "ctlsession.h"
 #include "ctlstep.h"
 
-#include <QCoreApplication>
-#include <QLibrary>
 
 namespace {
-
-// The simulator library next to the executable's folder, loaded once and kept; nullptr (with
-// *error) when it cannot be loaded or lacks `symbol`.
-QFunctionPointer simulatorEntry(const char *symbol, QString *error)
-{
-    static QLibrary library(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/e1212/e1212ctl_simulator"));
-    const QFunctionPointer entry = library.resolve(symbol);
-    if (!entry)
-        *error = QStringLiteral("cannot load the simulator: %1").arg(library.errorString());
-    return entry;
-}
 
 void simulate(CtlStep &step)
 {
     QString error;
-    const auto run = reinterpret_cast<void (*)(CtlStep *)>(simulatorEntry("e1212ctlSimulate", &error));
+    const auto run = reinterpret_cast<void (*)(CtlStep *)>(ctlLibraryEntry(QStringLiteral("simulator"), "e1212ctlSimulate", &error));
     if (!run)
         return step.finish(CtlOutcome::failed(error));
     run(&step);
@@ -35,7 +23,7 @@ void simulate(CtlStep &step)
 
 CtlSimulator *ctlStartSimulator(QString *error)
 {
-    const auto start = reinterpret_cast<CtlSimulator *(*)(QString *)>(simulatorEntry("e1212ctlStartSimulator", error));
+    const auto start = reinterpret_cast<CtlSimulator *(*)(QString *)>(ctlLibraryEntry(QStringLiteral("simulator"), "e1212ctlStartSimulator", error));
     return start ? start(error) : nullptr;
 }
 

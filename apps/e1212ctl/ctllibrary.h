@@ -1,0 +1,10 @@
+// SPDX-License-Identifier: MIT
+// e1212ctl's run-time libraries (lib/e1212/e1212ctl_<name> next to the executable's folder):
+// what only some subcommands need (the simulator, the MQTT gateway) is loaded on first use.
+#pragma once
+
+#include <QString>
+
+// The entry `symbol` of library `name`, loaded once and kept; nullptr (with *error) when the
+// library cannot be loaded or lacks the symbol.
+QFunctionPointer ctlLibraryEntry(const QString &name, const char *symbol, QString *error);
