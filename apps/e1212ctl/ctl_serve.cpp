@@ -11,11 +11,7 @@ namespace {
 // The work is the gateway library's, loaded now.
 void serve(CtlStep &step)
 {
-    QString error;
-    const auto run = reinterpret_cast<void (*)(CtlStep *)>(ctlLibraryEntry(QStringLiteral("serve"), "e1212ctlServe", &error));
-    if (!run)
-        return step.finish(CtlOutcome::failed(error));
-    run(&step);
+    ctlRunFromLibrary(step, QStringLiteral("serve"), "e1212ctlServe");
 }
 
 } // namespace

@@ -7,16 +7,11 @@
 #include "ctlsession.h"
 #include "ctlstep.h"
 
-
 namespace {
 
 void simulate(CtlStep &step)
 {
-    QString error;
-    const auto run = reinterpret_cast<void (*)(CtlStep *)>(ctlLibraryEntry(QStringLiteral("simulator"), "e1212ctlSimulate", &error));
-    if (!run)
-        return step.finish(CtlOutcome::failed(error));
-    run(&step);
+    ctlRunFromLibrary(step, QStringLiteral("simulator"), "e1212ctlSimulate");
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "ctllibrary.h"
 
+#include "ctlstep.h"
+
 #include <QCoreApplication>
 #include <QHash>
 #include <QLibrary>
@@ -15,4 +17,13 @@ QFunctionPointer ctlLibraryEntry(const QString &name, const char *symbol, QStrin
     if (!entry)
         *error = QStringLiteral("cannot load the %1 library: %2").arg(name, library->errorString());
     return entry;
+}
+
+void ctlRunFromLibrary(CtlStep &step, const QString &name, const char *symbol)
+{
+    QString error;
+    const auto run = reinterpret_cast<void (*)(CtlStep *)>(ctlLibraryEntry(name, symbol, &error));
+    if (!run)
+        return step.finish(CtlOutcome::failed(error));
+    run(&step);
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A program run to its end in a test, bounded in time, with what it printed.
+// A program run to its end in a test, bounded in time, `input` on its standard input, with
+// what it printed.
 #pragma once
 
 #include <QProcessEnvironment>
@@ -14,5 +15,6 @@ struct ProcessRun
     QString err;
 
     static ProcessRun run(const QString &program, const QStringList &arguments, int ms = 30000,
-                          const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment());
+                          const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(),
+                          const QByteArray &input = {});
 };

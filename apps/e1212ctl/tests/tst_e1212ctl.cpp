@@ -3,6 +3,7 @@
 // file is refused with exit 2 before a request reaches the module; a script session; several
 // devices; help without a display; the installed copy.
 #include "e1212simulator.h"
+#include "processrun.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -14,31 +15,13 @@
 
 namespace {
 
-struct Run
-{
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
+using Run = ProcessRun;
 
 // Runs e1212ctl, `input` on its standard input, while this event loop serves the simulators.
 Run runCtl(const QStringList &arguments, const QString &program = QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"),
            const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment(), const QByteArray &input = {})
 {
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    QSignalSpy finished(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished));
-    process.start(program, arguments);
-    process.write(input);
-    process.closeWriteChannel();
-    Run run;
-    if (finished.wait(60000) && process.exitStatus() == QProcess::NormalExit)
-        run.exitCode = process.exitCode();
-    else
-        process.kill();
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
+    return ProcessRun::run(program, arguments, 60000, environment, input);
 }
 
 QJsonObject builtInDevice()
