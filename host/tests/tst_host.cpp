@@ -286,14 +286,6 @@ private slots:
         QVERIFY(second->errorString().endsWith(QStringLiteral(" within %1 ms").arg(guard + sent)));
     }
 
-    // A command that sends no instruction ends with what it posted.
-    void sendsNothing()
-    {
-        Execution *execution = m_host->execute(m_device, QStringLiteral("getPluginIdentity"));
-        QVERIFY(waitFinished(execution) && execution->isOk());
-        QCOMPARE(execution->results().value(QStringLiteral("identity")).toMap().value(QStringLiteral("reference")), QVariant("bench io1"));
-    }
-
     void ownInstructions_data()
     {
         QTest::addColumn<QString>("target");
@@ -462,15 +454,6 @@ private slots:
         QCOMPARE(int(execution->errorCode()), code);
         QVERIFY2(execution->errorString().startsWith(error), qPrintable(execution->errorString()));
         QVERIFY(record("started").isEmpty());
-    }
-
-    // Raw arguments pass the gate: a write to an input reaches the driver as given.
-    void rawPassesTheGate()
-    {
-        Execution *execution = m_host->execute(m_device, QStringLiteral("setValue"), {{c_channel, QStringLiteral("C7")}, {QStringLiteral("value"), 1}},
-                                               Host::RawArguments);
-        QTRY_VERIFY_WITH_TIMEOUT(!record("started").isEmpty(), 2000);
-        QCOMPARE(execution->errorCode(), IMessenger::CeNoError);
     }
 
     void addDeviceRefusals_data()

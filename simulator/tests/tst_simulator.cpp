@@ -175,53 +175,6 @@ private slots:
         QCOMPARE(answer.toHex(), frame(1, QByteArray::fromHex("0406") + words).toHex());
     }
 
-    void answerFaults_data()
-    {
-        QTest::addColumn<int>("delayMs");
-        QTest::addColumn<bool>("duplicate");
-        QTest::addColumn<bool>("garbage");
-        QTest::newRow("none") << 0 << false << false;
-        QTest::newRow("latency 150") << 150 << false << false;
-        QTest::newRow("latency 400") << 400 << false << false;
-        QTest::newRow("duplicate") << 0 << true << false;
-        QTest::newRow("duplicate, late") << 200 << true << false;
-        QTest::newRow("garbage") << 0 << false << true;
-    }
-
-    // Two requests in turn: each answer comes at least the delay after its request, twice
-    // with duplicates, as random bytes of the same size with garbage.
-    void answerFaults()
-    {
-        QFETCH(int, delayMs);
-        QFETCH(bool, duplicate);
-        QFETCH(bool, garbage);
-        m_sim->setResponseDelay(delayMs);
-        m_sim->setDuplicateAnswers(duplicate);
-        m_sim->setGarbageAnswers(garbage);
-        m_sim->setOutput(0, true);
-        m_sim->setOutput(7, true);
-        auto client = connectClient();
-        QTRY_COMPARE_WITH_TIMEOUT(client->state(), QAbstractSocket::ConnectedState, WaitMs);
-        QByteArray stream;
-        QByteArray expected;
-        for (quint16 id = 1; id <= 2; ++id) {
-            const QByteArray answer = frame(id, QByteArray::fromHex("010181"));
-            expected += duplicate ? answer + answer : answer;
-            QElapsedTimer clock;
-            clock.start();
-            stream += exchange(*client, frame(id, c_readCoils), answer.size());
-            QVERIFY2(clock.elapsed() >= delayMs, qPrintable(QString::number(clock.elapsed())));
-            if (duplicate)
-                QTRY_VERIFY_WITH_TIMEOUT((stream += client->readAll()).size() >= expected.size(), WaitMs);
-        }
-        QCOMPARE(stream.size(), expected.size());
-        if (garbage)
-            QVERIFY(stream != expected);
-        else
-            QCOMPARE(stream.toHex(), expected.toHex());
-        QCOMPARE(m_sim->requestCount(), 2);
-    }
-
     // Silence holds answers back, the requests still served; the held answers follow in
     // order once it ends.
     void silence()
@@ -238,67 +191,6 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT((got += client->readAll()).toHex(),
                                   QByteArray(frame(1, QByteArray::fromHex("010100")) + frame(2, QByteArray::fromHex("020100"))).toHex(),
                                   WaitMs);
-    }
-
-    // stop() closes every connection, held answers and all.
-    void stopClosesConnections()
-    {
-        m_sim->setSilent(true);
-        auto client = connectClient();
-        client->write(frame(1, c_readCoils));
-        QTRY_COMPARE_WITH_TIMEOUT(m_sim->requestCount(), 1, WaitMs);
-        m_sim->stop();
-        QCOMPARE(m_sim->connectionCount(), 0);
-        QTRY_COMPARE_WITH_TIMEOUT(client->state(), QAbstractSocket::UnconnectedState, WaitMs);
-        QCOMPARE(client->readAll(), QByteArray());
-    }
-
-    void maxConnections_data()
-    {
-        QTest::addColumn<int>("max");
-        QTest::addColumn<int>("clients");
-        QTest::newRow("1 of 2") << 1 << 2;
-        QTest::newRow("3 of 4") << 3 << 4;
-        QTest::newRow("3 of 3") << 3 << 3;
-        QTest::newRow("no limit") << 0 << 5;
-    }
-
-    // Clients past the limit are accepted and closed at once, and counted; the others are
-    // served, and a closed one frees its place.
-    void maxConnections()
-    {
-        QFETCH(int, max);
-        QFETCH(int, clients);
-        m_sim->setMaxConnections(max);
-        QSignalSpy refused(m_sim.get(), &E1212Simulator::connectionRefused);
-        std::vector<std::unique_ptr<QTcpSocket>> sockets;
-        quint16 lastPort = 0;
-        for (int i = 0; i < clients; ++i) {
-            sockets.push_back(std::make_unique<QTcpSocket>());
-            QTcpSocket *socket = sockets.back().get();
-            QSignalSpy connected(socket, &QTcpSocket::connected);
-            connect(socket, &QTcpSocket::connected, this, [&lastPort, socket] { lastPort = socket->localPort(); });
-            sockets.back()->connectToHost(QHostAddress::LocalHost, m_sim->port());
-            QTRY_COMPARE_WITH_TIMEOUT(connected.size(), 1, WaitMs);
-            const bool over = max > 0 && i >= max;
-            // A refused client is accepted, then sees its connection closed; the count stays
-            // at the limit.
-            QTRY_COMPARE_WITH_TIMEOUT(sockets.back()->state() == QAbstractSocket::UnconnectedState, over, WaitMs);
-            QTRY_COMPARE_WITH_TIMEOUT(m_sim->connectionCount(), over ? max : i + 1, WaitMs);
-        }
-        const int over = max > 0 ? qMax(0, clients - max) : 0;
-        QCOMPARE(m_sim->refusedConnectionCount(), over);
-        QCOMPARE(refused.size(), over);
-        if (over > 0)
-            QCOMPARE(refused.last().at(0).toString(), QStringLiteral("127.0.0.1:%1").arg(lastPort));
-        for (int i = 0; i < clients - over; ++i)
-            QCOMPARE(exchange(*sockets.at(size_t(i)), frame(quint16(i), c_readCoils), 10).size(), 10);
-        // One leaves: the next newcomer is served.
-        sockets.front()->disconnectFromHost();
-        QTRY_COMPARE_WITH_TIMEOUT(m_sim->connectionCount(), clients - over - 1, WaitMs);
-        auto late = connectClient();
-        QCOMPARE(exchange(*late, frame(1, c_readCoils), 10).size(), 10);
-        QCOMPARE(m_sim->refusedConnectionCount(), over);
     }
 };
 

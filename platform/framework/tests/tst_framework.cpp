@@ -182,11 +182,8 @@ private slots:
         QTest::newRow("ui16 negative") << "bitMask" << QVariant(-1) << refused << "-1";
         QTest::newRow("ui16 whole double") << "bitMask" << QVariant(2.0) << QVariant(2) << "";
         QTest::newRow("ui16 fraction") << "bitMask" << QVariant(1.5) << refused << "1.5";
-        QTest::newRow("ui16 beyond 64 bits") << "bitMask" << QVariant(1e300) << refused << "1e+300";
-        QTest::newRow("ui16 zero double") << "bitMask" << QVariant(0.0) << QVariant(0) << "";
         QTest::newRow("ui16 top double") << "bitMask" << QVariant(65535.0) << QVariant(65535) << "";
         QTest::newRow("ui16 double above") << "bitMask" << QVariant(65536.0) << refused << "65536";
-        QTest::newRow("ui16 negative double") << "bitMask" << QVariant(-1.0) << refused << "-1";
         QTest::newRow("ui16 unsigned 64 bits") << "bitMask" << QVariant(qulonglong(65535)) << QVariant(65535) << "";
         QTest::newRow("ui16 unsigned above") << "bitMask" << QVariant(qulonglong(65536)) << refused << "65536";
         QTest::newRow("ui16 list") << "bitMask" << QVariant(QVariantList{1}) << refused << "[1]";
@@ -196,18 +193,13 @@ private slots:
         QTest::newRow("int text below") << "width" << QVariant(QStringLiteral("-0x80000001")) << refused << "\"-0x80000001\"";
         QTest::newRow("ui16 decimal text") << "bitMask" << QVariant(QStringLiteral("0255")) << QVariant(255) << "";
         QTest::newRow("ui16 hex text") << "bitMask" << QVariant(QStringLiteral("0XfFfF")) << QVariant(65535) << "";
-        QTest::newRow("ui16 huge text") << "bitMask" << QVariant(QStringLiteral("99999999999999999999999")) << refused
-                                        << "\"99999999999999999999999\"";
         QTest::newRow("ui16 word") << "bitMask" << QVariant(QStringLiteral("abc")) << refused << "\"abc\"";
         QTest::newRow("int lowest text") << "width" << QVariant(QStringLiteral("-2147483648")) << QVariant(std::numeric_limits<int>::min()) << "";
-        QTest::newRow("int negative hex digit") << "width" << QVariant(QStringLiteral("-0xF")) << QVariant(-15) << "";
         QTest::newRow("int above") << "width" << QVariant(qint64(2147483648LL)) << refused << "2147483648";
         QTest::newRow("int below") << "width" << QVariant(qint64(-2147483649LL)) << refused << "-2147483649";
         QTest::newRow("int not a number") << "width" << QVariant(qQNaN()) << refused << "nan";
-        QTest::newRow("int float infinity") << "width" << QVariant(float(qInf())) << refused << "inf";
         QTest::newRow("bool") << "on" << QVariant(true) << QVariant(true) << "";
         QTest::newRow("bool text") << "on" << QVariant(QStringLiteral("false")) << QVariant(false) << "";
-        QTest::newRow("bool digit text") << "on" << QVariant(QStringLiteral("1")) << QVariant(true) << "";
         QTest::newRow("bool other text") << "on" << QVariant(QStringLiteral("yes")) << refused << "\"yes\"";
         QTest::newRow("bool number") << "on" << QVariant(0) << refused << "0";
         QTest::newRow("varL list") << "values" << QVariant(QVariantList{1, QStringLiteral("x")}) << QVariant(QVariantList{1, QStringLiteral("x")}) << "";
@@ -244,24 +236,6 @@ private slots:
         QCOMPARE(command.errorString(), QStringLiteral("command \"probe\": argument \"%1\" is %2, expected %3").arg(name, shown, expected.value(name)));
     }
 
-    void resultsOnlyForDeclaredNames()
-    {
-        Bench bench;
-        TestCommand &command = bench.command;
-        QSignalSpy spy(&command, &DAbstractCommand::sigResultChanged);
-
-        QVERIFY(!command.commandSetReply({{QStringLiteral("value"), 5u}, {QStringLiteral("doneOk"), true}}));
-        QCOMPARE(command.errorString(), QStringLiteral("command \"probe\" has no result \"doneOk\""));
-        QCOMPARE(spy.count(), 1);
-        QCOMPARE(command.results(), (QVariantMap{{QStringLiteral("value"), 5u}}));
-        QVERIFY(command.commandSetReply({{QStringLiteral("value"), 6u}}));
-
-        // A new execution starts with no results and no error.
-        QVERIFY(command.commandExecute());
-        QVERIFY(command.results().isEmpty());
-        QVERIFY(command.errorString().isEmpty());
-    }
-
     void declaredCommands()
     {
         TestPlugin plugin;
@@ -285,28 +259,6 @@ private slots:
         QCOMPARE(plugin.getFunctionDescription(QStringLiteral("stopListening")), QString());
     }
 
-    void pluginIdentity()
-    {
-        TestMessenger messenger;
-        TestPlugin plugin;
-        plugin.setMessenger(&messenger);
-        plugin.setProperty(QStringLiteral("reference"), QStringLiteral("dev io1"), false);
-        QCOMPARE(plugin.getFunctionDescription(QStringLiteral("getPluginIdentity")),
-                 QStringLiteral("Return the plug-in's name, UUID, version and instance"));
-        DAbstractCommand *identity = plugin.command(QStringLiteral("getPluginIdentity"));
-        QSignalSpy finished(identity, &DAbstractCommand::sigFinished);
-        QVERIFY(identity->commandExecute());
-        QVERIFY(finished.isEmpty());
-        QVERIFY(finished.wait(1000));
-        QCOMPARE(finished.at(0).at(0).toBool(), true);
-        QCOMPARE(identity->results().value(QStringLiteral("identity")), QVariant(QVariantMap{
-            {QStringLiteral("name"), QStringLiteral("Test plug-in")},
-            {QStringLiteral("pluginUuid"), plugin.pluginUuid().toString()},
-            {QStringLiteral("version"), QStringLiteral("2.3")},
-            {QStringLiteral("instanceUuid"), plugin.objectUuid().toString()},
-            {QStringLiteral("reference"), QStringLiteral("dev io1")}}));
-    }
-
     void errorNames()
     {
         QStringList codes;
@@ -320,34 +272,6 @@ private slots:
         QCOMPARE(exceptions.join(QLatin1Char('|')), QStringLiteral("illegal function|illegal data address|illegal data value|"
             "server device failure|acknowledge|server device busy|exception 7|memory parity error|exception 9|"
             "gateway path unavailable|gateway target device failed to respond|exception 12"));
-    }
-
-    void errorReplies_data()
-    {
-        QTest::addColumn<QVariantMap>("reply");
-        QTest::addColumn<int>("code");
-        QTest::addColumn<int>("exception");
-        const QString e = QStringLiteral("error"), c = QStringLiteral("errorCode"), x = QStringLiteral("exceptionCode");
-        QTest::newRow("values") << QVariantMap{{QStringLiteral("values"), QVariantList{}}, {e, "x"}} << int(IMessenger::CeNoError) << 0;
-        QTest::newRow("timeout") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeTimeout)}, {x, 2}} << int(IMessenger::CeTimeout) << 0;
-        QTest::newRow("exception") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeModbusException)}, {x, 2}} << int(IMessenger::CeModbusException) << 2;
-        QTest::newRow("last code") << QVariantMap{{e, "x"}, {c, int(IMessenger::CeBadInstruction)}} << int(IMessenger::CeBadInstruction) << 0;
-        QTest::newRow("code 0") << QVariantMap{{e, "x"}, {c, 0}} << int(IMessenger::CeDriverError) << 0;
-        QTest::newRow("code past the last") << QVariantMap{{e, "x"}, {c, int(IMessenger::_CeNbr)}} << int(IMessenger::CeDriverError) << 0;
-    }
-
-    void errorReplies()
-    {
-        QFETCH(QVariantMap, reply);
-        QFETCH(int, code);
-        QFETCH(int, exception);
-        const DError error = DError::fromReply(reply);
-        QCOMPARE(int(error.code), code);
-        QCOMPARE(error.exceptionCode, exception);
-        QCOMPARE(error.text, code ? QStringLiteral("x") : QString());
-        // A failure goes back out as the reply it came from.
-        if (code == IMessenger::CeModbusException || code == IMessenger::CeBadInstruction)
-            QCOMPARE(error.toReply(), reply);
     }
 
 

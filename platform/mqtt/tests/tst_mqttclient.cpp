@@ -41,7 +41,6 @@ private slots:
     void parseUrl();
     void startRefusals_data();
     void startRefusals();
-    void retainedStateSurvivesBrokerRestart();
     void correlationDataTravels();
     void startupFailures_data();
     void startupFailures();
@@ -109,57 +108,6 @@ void TstMqttClient::startRefusals()
     MqttClient mqtt(options);
     QVERIFY(!mqtt.start(&error));
     QCOMPARE(error, expected);
-}
-
-void TstMqttClient::retainedStateSurvivesBrokerRestart()
-{
-    MosquittoBroker broker;
-    QString error;
-    QVERIFY2(broker.start(&error), qPrintable(error));
-    QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
-
-    auto publisher = client(broker, QStringLiteral("publisher"));
-    publisher->setRetained(QStringLiteral("t/a"), "1");
-    QVERIFY2(publisher->start(&error), qPrintable(error));
-    QSignalSpy connected(publisher.get(), &MqttClient::connected);
-    QVERIFY(connected.wait(10000));
-    publisher->setRetained(QStringLiteral("t/b"), "x");
-    QVERIFY(publisher->publish(QStringLiteral("t/once"), "gone"));
-
-    QSignalSpy disconnected(publisher.get(), &MqttClient::disconnected);
-    LogCapture log;
-    broker.kill();
-    QVERIFY(disconnected.count() == 1 || disconnected.wait(10000));
-    QVERIFY(!publisher->isConnected());
-    const QString where = QStringLiteral("MQTT broker 127.0.0.1:%1: ").arg(broker.port());
-    QCOMPARE(disconnected.at(0).at(0).toString(), where + QStringLiteral("read failed: The connection was lost."));
-    // Attempts while it is away, each after twice the wait of the one before, at most 2 s.
-    QTRY_COMPARE_WITH_TIMEOUT(lines(log, QtWarningMsg).size(), 6, 10000);
-    QStringList expected{where + QStringLiteral("read failed: The connection was lost. - again in 100 ms")};
-    for (int ms : {200, 400, 800, 1600, 2000})
-        expected << where + QStringLiteral("connect failed: Connection refused - again in %1 ms").arg(ms);
-    QCOMPARE(lines(log, QtWarningMsg), expected);
-    // While the broker is away: a non-retained message is dropped, retained ones keep only the latest.
-    QVERIFY(!publisher->publish(QStringLiteral("t/once"), "lost"));
-    publisher->setRetained(QStringLiteral("t/a"), "2");
-    publisher->setRetained(QStringLiteral("t/a"), "3");
-    QCOMPARE(publisher->retainedCount(), 2);
-
-    QVERIFY2(broker.start(&error), qPrintable(error));
-    QTRY_VERIFY2_WITH_TIMEOUT(broker.isReady(), qPrintable(broker.log()), 10000);
-    QVERIFY(connected.wait(10000)); // back-off at most 2 s
-    QCOMPARE(lines(log, QtInfoMsg), QStringList{QStringLiteral("connected to 127.0.0.1 %1").arg(broker.port())});
-
-    auto late = client(broker, QStringLiteral("late"));
-    MqttInbox inbox;
-    inbox.collect(late.get());
-    late->subscribe(QStringLiteral("t/#"));
-    QVERIFY(late->start(&error));
-    QTRY_COMPARE_WITH_TIMEOUT(inbox.messages.size(), 2, 10000);
-    QCOMPARE(inbox.latest(QStringLiteral("t/a")), QByteArray("3"));
-    QCOMPARE(inbox.latest(QStringLiteral("t/b")), QByteArray("x"));
-    QVERIFY(inbox.messages.at(0).retained);
-    QCOMPARE(inbox.count(QStringLiteral("t/once")), 0);
 }
 
 void TstMqttClient::correlationDataTravels()

@@ -66,7 +66,6 @@ void ModbusFaultServer::onReadyRead(QTcpSocket *socket)
         case Slow: QTimer::singleShot(m_delayMs, Qt::PreciseTimer, socket, [socket, reply] { socket->write(reply); });
             reply.clear(); break;
         case Drop: socket->abort(); socket->deleteLater(); return;
-        case Twice: socket->write(reply); break;
         case Unsolicited: {
             QByteArray next = reply;
             next[1] = char(next[1] + 1);

@@ -14,11 +14,10 @@ public:
     // EarlierTransaction: transaction id - 1. ProtocolOne: protocol id 1. SisterFunction: 1<->2, 3<->4, 5<->6,
     // 15<->16. WrongAddress, WrongValue: a write echo naming the next address, another value. Exception:
     // exception 6. Silent: no answer. Slow: the answer after delayMs. Drop: the connection closed instead.
-    // Twice: the answer and at once a copy of it. Unsolicited: the answer, after delayMs a copy with the next
-    // transaction id (one not yet asked).
+    // Unsolicited: the answer, after delayMs a copy with the next transaction id (one not yet asked).
     enum Fault { None, Truncated, LengthZero, LengthMax, RandomBytes, TrailingBytes, WrongTransaction, WrongUnit,
                  EarlierTransaction, ProtocolOne, SisterFunction, WrongAddress, WrongValue, Exception, Silent, Slow,
-                 Drop, Twice, Unsolicited };
+                 Drop, Unsolicited };
 
     explicit ModbusFaultServer(QObject *parent = nullptr);
     bool start(quint16 port = 0) { return listen(QHostAddress::LocalHost, port); } // 0 picks a free port

@@ -116,39 +116,6 @@ private slots:
         QCOMPARE(DError::fromReply(reply).code, IMessenger::CeNoConnection);
     }
 
-    void readAndWriteEachTable_data()
-    {
-        QTest::addColumn<QString>("type");
-        QTest::addColumn<int>("reg");
-        QTest::addColumn<QVariant>("data"); // invalid: read only
-        QTest::addColumn<QVariantList>("expected");
-        QTest::newRow("FC2 discrete inputs") << "discreteInputs" << 0 << QVariant() << QVariantList{0u, 0u, 1u, 0u, 0u, 0u, 0u, 1u};
-        QTest::newRow("FC3 pulse off-widths") << "holdingRegisters" << 512 << QVariant() << QVector<QVariant>(8, 1u).toList();
-        QTest::newRow("FC4 model name") << "inputRegisters" << 5000 << QVariant() << QVariantList{0x4531u, 0x3231u, 0x3200u};
-        QTest::newRow("FC5 one coil, non-zero is ON") << "coilsRegister" << 3 << QVariant(7) << QVariantList{0u, 0u, 0u, 1u, 0u};
-        QTest::newRow("FC15 a byte of coils") << "coilsRegister" << 0 << QVariant(QVariantList{1, 1, 0, 0, 0, 0, 0, 1}) << QVariantList{1u, 1u, 0u, 0u, 0u, 0u, 0u, 1u};
-        QTest::newRow("FC6 one register") << "holdingRegisters" << 257 << QVariant(65535) << QVariantList{1u, 65535u, 1u};
-        QTest::newRow("FC16 register list") << "holdingRegisters" << 256 << QVariant(QVariantList{500, 250.0, "7", 0}) << QVariantList{500u, 250u, 7u, 0u};
-    }
-
-    void readAndWriteEachTable()
-    {
-        QFETCH(QString, type);
-        QFETCH(int, reg);
-        QFETCH(QVariant, data);
-        QFETCH(QVariantList, expected);
-        m_sim->setInput(2, true);
-        m_sim->setInput(7, true);
-        DAbstractDriver *driver = newDriver({});
-        QVERIFY(driver);
-        int readFrom = reg;
-        if (data.isValid()) {
-            QCOMPARE(run(driver, QStringLiteral("write"), params(type, reg, "data", data)), values({1u}));
-            readFrom = type == QLatin1String("coilsRegister") ? 0 : 256;
-        }
-        QCOMPARE(run(driver, QStringLiteral("read"), params(type, readFrom, "dataSize", expected.size())), values(expected));
-    }
-
     void badInstruction_data()
     {
         QTest::addColumn<QString>("instruction");
@@ -285,53 +252,6 @@ private slots:
         QCOMPARE(statistic(driver, "discardedAnswers"), qulonglong(discarded));
     }
 
-    // A server that sends every answer twice: each copy is dropped, the connection kept.
-    void duplicateAnswers_data()
-    {
-        QTest::addColumn<QString>("instruction");
-        QTest::addColumn<QVariantMap>("parameters");
-        QTest::addColumn<QVariantList>("expected");
-        const QVariantList written{1u};
-        QTest::newRow("FC2 read") << "read" << params("discreteInputs", 2) << QVariantList{0u};
-        QTest::newRow("FC3 read many") << "read" << params("holdingRegisters", 256, "dataSize", 3) << QVariantList{0u, 0u, 0u};
-        QTest::newRow("FC5 write one") << "write" << params("coilsRegister", 3, "data", 1) << written;
-        QTest::newRow("FC6 write one") << "write" << params("holdingRegisters", 256, "data", 9) << written;
-        QTest::newRow("FC15 write many") << "write" << params("coilsRegister", 0, "data", QVariantList{1, 0, 1}) << written;
-        QTest::newRow("FC16 write many") << "write" << params("holdingRegisters", 256, "data", QVariantList{1, 2}) << written;
-        QTest::newRow("listen") << "listen" << params("discreteInputs", 2) << QVariantList{0u};
-    }
-
-    void duplicateAnswers()
-    {
-        QFETCH(QString, instruction);
-        QFETCH(QVariantMap, parameters);
-        QFETCH(QVariantList, expected);
-        ModbusFaultServer server;
-        QVERIFY(server.start());
-        server.setFault(ModbusFaultServer::Twice);
-        DAbstractDriver *driver = newDriver({{"port", server.serverPort()}, {"pollIntervalMs", 10}});
-        QVERIFY(driver);
-        const int requests = 5;
-        if (instruction == QLatin1String("listen")) {
-            QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-            driver->startInstruction(m_nextId++, instruction, parameters, TimeoutMs);
-            QTRY_VERIFY_WITH_TIMEOUT(statistic(driver, "discardedAnswers") >= requests, 5000);
-            QCOMPARE(spy.size(), 1); // the values once, no outage
-            QCOMPARE(spy.at(0).at(1).value<Reply>(), values(expected));
-        } else {
-            // Queued: each copy comes while the next request is out.
-            QSignalSpy spy(driver, &DAbstractDriver::sigInstructionReply);
-            for (int i = 0; i < requests; ++i)
-                driver->startInstruction(m_nextId++, instruction, parameters, TimeoutMs);
-            QTRY_COMPARE_WITH_TIMEOUT(spy.size(), requests, 2000);
-            for (const QList<QVariant> &reply : qAsConst(spy))
-                QCOMPARE(reply.at(1).value<Reply>(), values(expected));
-            QTRY_COMPARE_WITH_TIMEOUT(statistic(driver, "discardedAnswers"), qulonglong(requests), 2000);
-            QCOMPARE(statistic(driver, "requests"), qulonglong(requests));
-        }
-        QCOMPARE(server.connectionCount(), 1);
-    }
-
     // A time-out keeps the connection for the late answer; a second one in a row with not a
     // byte between opens a new connection.
     void timeoutsInARow()
@@ -446,49 +366,6 @@ private slots:
         server.setFault(ModbusFaultServer::None);
         QCOMPARE(run(driver, QStringLiteral("read"), params("discreteInputs", 2)), values({0u}));
         QCOMPARE(statistic(driver, "discardedAnswers"), 0ull);
-    }
-
-    // The simulator's exceptions, as the driver meets them.
-    void simulatorExceptions()
-    {
-        DAbstractDriver *driver = newDriver({});
-        const auto failure = [&](const QString &instruction, const QVariantMap &parameters) {
-            const DError error = DError::fromReply(run(driver, instruction, parameters));
-            return qMakePair(int(error.code), error.exceptionCode);
-        };
-        const QPair<int, int> deviceFailure(IMessenger::CeModbusException, 4);
-        QCOMPARE(failure("read", params("discreteInputs", 8)), qMakePair(int(IMessenger::CeModbusException), 2)); // off the map
-        m_sim->setException(QModbusDataUnit::Coils, 19, QModbusPdu::ServerDeviceFailure);
-        QCOMPARE(failure("read", params("coilsRegister", 16, "dataSize", 8)), deviceFailure);
-        QCOMPARE(failure("write", params("coilsRegister", 19, "data", 1)), deviceFailure);
-        QCOMPARE(run(driver, "read", params("coilsRegister", 16, "dataSize", 3)), values({0u, 0u, 0u}));
-        m_sim->clearExceptions();
-        QCOMPARE(run(driver, "read", params("coilsRegister", 19)), values({0u})); // the write changed nothing
-    }
-
-    // A pulse written through the driver: on first, then alternating, each phase lasting its width.
-    void simulatorPulseGenerator()
-    {
-        const int onMs = 40, offMs = 80;
-        DAbstractDriver *driver = newDriver({});
-        const Reply written = values({1u});
-        QCOMPARE(run(driver, "write", params("holdingRegisters", 256 + 5, "data", onMs)), written);
-        QCOMPARE(run(driver, "write", params("holdingRegisters", 512 + 5, "data", offMs)), written);
-        QElapsedTimer clock;
-        QVector<qint64> at;
-        QVector<bool> on;
-        connect(m_sim.data(), &E1212Simulator::outputChanged, this, [&](int channel, bool state) {
-            at.append(channel == 5 ? clock.elapsed() : -1000), on.append(state);
-        });
-        clock.start();
-        QCOMPARE(run(driver, "write", params("coilsRegister", 16 + 5, "data", 1)), written);
-        QVERIFY(m_sim->pulseStatus(5));
-        QTRY_VERIFY_WITH_TIMEOUT(at.size() >= 7, 5000);
-        for (int i = 1; i < 7; ++i) {
-            const qint64 width = at.at(i) - at.at(i - 1), expected = i % 2 ? onMs : offMs;
-            QVERIFY2(on.at(i - 1) == (i % 2 == 1) && on.at(i) != on.at(i - 1) && width >= expected - 2 && width <= expected + 40,
-                     qPrintable(QStringLiteral("phase %1 lasted %2 ms, expected %3").arg(i).arg(width).arg(expected)));
-        }
     }
 };
 
