@@ -38,6 +38,8 @@ QString errorText(int rc)
 {
     if (rc == MOSQ_ERR_ERRNO)
         return QString::fromLocal8Bit(strerror(errno));
+    if (rc == MOSQ_ERR_KEEPALIVE) // libmosquitto has no words of its own for it
+        return QStringLiteral("nothing heard from the broker within the keep-alive time");
     return QString::fromUtf8(mosquitto_strerror(rc));
 }
 

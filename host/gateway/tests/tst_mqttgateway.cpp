@@ -65,6 +65,10 @@ struct Bench
     {
         if (!broker.isRunning() && !broker.start(error))
             return false;
+        if (!QTest::qWaitFor([this] { return broker.isReady(); }, 10000)) {
+            *error = QStringLiteral("the broker does not accept connections");
+            return false;
+        }
         plugins.scan({QStringLiteral(E1212_PLUGIN_DIR)});
         host = std::make_unique<Host>(&plugins);
         for (int i = 1; i <= devices; ++i) {
