@@ -400,6 +400,15 @@ private slots:
             QCOMPARE(seen.at(i), i == 1 ? QStringList({"no answer", report, "driver stops: 0"}) : QStringList({"no answer", report, report}));
             QCOMPARE(runs.at(i)->state(), i == 1 ? Execution::Stopped : Execution::Running);
         }
+        // A host that goes ends what still runs, stopped, saying why.
+        QStringList ended;
+        for (int i : {0, 2})
+            connect(runs.at(i), &Execution::finished, this, [&ended, run = runs.at(i)] {
+                ended << QStringLiteral("%1 %2 %3").arg(run->errorCode()).arg(run->exceptionCode()).arg(run->errorString());
+            });
+        m_host.reset();
+        const QString stopped = QStringLiteral("%1 0 the host is shutting down").arg(IMessenger::CeStopped);
+        QCOMPARE(ended, QStringList({stopped, stopped}));
     }
 
     void refusals_data()
