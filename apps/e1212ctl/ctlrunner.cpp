@@ -70,7 +70,6 @@ void CtlRunner::interrupt(int signalNumber)
     if (m_interruptHandler && m_interruptHandler(signalNumber))
         return;
     qCInfo(lcCtl) << "signal" << signalNumber << "received: stopping";
-    m_interrupted = true;
     if (m_top)
         m_top->cancel();
 }

@@ -37,9 +37,6 @@ public:
     // has dealt with it. nullptr: none.
     void setInterruptHandler(const std::function<bool(int signalNumber)> &handler) { m_interruptHandler = handler; }
 
-    // True once Ctrl-C or SIGTERM came: sequences start no further step.
-    bool isInterrupted() const { return m_interrupted; }
-
 signals:
     void finished(int exitCode);
 
@@ -52,5 +49,4 @@ private:
     SignalWatcher m_signals;
     QPointer<CtlStep> m_top;
     std::function<bool(int signalNumber)> m_interruptHandler;
-    bool m_interrupted = false;
 };

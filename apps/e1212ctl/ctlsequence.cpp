@@ -29,11 +29,10 @@ const int c_burst = 256;
 // The words of one step: the text before a "#" that starts the line or follows a blank.
 QStringList stepWords(const QString &line)
 {
-    int comment = -1;
-    for (int i = 0; i < line.size() && comment < 0; ++i)
+    for (int i = 0; i < line.size(); ++i)
         if (line.at(i) == QLatin1Char('#') && (i == 0 || line.at(i - 1).isSpace()))
-            comment = i;
-    return QProcess::splitCommand(comment < 0 ? line : line.left(comment));
+            return QProcess::splitCommand(line.left(i));
+    return QProcess::splitCommand(line);
 }
 
 void writeStderr(const QByteArray &text)
