@@ -533,8 +533,11 @@ void TstMqttGateway::moduleRestart()
     QVERIFY(result.value(QStringLiteral("error")).toString().startsWith(QLatin1String("Moxa E1212 io1 does not answer: ")));
 
     simulator.setInput(4, true);
+    QVERIFY(simulator.setMacAddress(QByteArray::fromHex("0200ABCDEF01"))); // another module in its place
     QVERIFY2(simulator.start(QHostAddress::LocalHost, port, &error), qPrintable(error));
     QTRY_COMPARE_WITH_TIMEOUT(bench.inbox.latest(QStringLiteral("e1212/io1/availability")), QByteArray("online"), 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(json(bench.inbox.latest(QStringLiteral("e1212/io1/info"))).value(QStringLiteral("mac")),
+                              QJsonValue(QStringLiteral("02:00:AB:CD:EF:01")), 5000);
     // Fresh states: the changed input and the unchanged ones again.
     QTRY_COMPARE_WITH_TIMEOUT(json(bench.inbox.latest(QStringLiteral("e1212/io1/DI4"))).value(QStringLiteral("value")), QJsonValue(1), 5000);
     QTRY_VERIFY_WITH_TIMEOUT(bench.inbox.latest(QStringLiteral("e1212/io1/DO0")) != do0, 5000);
