@@ -5,46 +5,29 @@
 
 #include "ctlcall.h"
 #include "ctlrunner.h"
-#include "ctlsequence.h"
+#include "ctllibrary.h"
 #include "ctlsession.h"
 #include "ctlstep.h"
 #include "dabstractplugin.h"
 #include "execution.h"
 #include "host.h"
 
-#include <QFile>
 #include <QJsonObject>
 #include <QTimer>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr quint32 c_maxWaitMs = 7 * 24 * 3600 * 1000;
 
+// The sequence and GNU readline live in the sequence library, loaded now.
 void script(CtlStep &step)
 {
-    const CtlArgs &args = step.args();
-    if (args.positional().size() != 1)
-        return step.finish(CtlOutcome::refused(QStringLiteral("usage: script FILE (or - for standard input)")));
-    const QString path = args.positional().first();
-    const CtlSequence::Mode mode = args.has(QStringLiteral("check")) ? CtlSequence::Check : CtlSequence::Script;
-    if (path == QLatin1String("-"))
-        return (new CtlSequence(step, STDIN_FILENO, QStringLiteral("-"), mode))->start();
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY);
-    if (fd < 0)
-        return step.finish(CtlOutcome::refused(QStringLiteral("script %1: cannot read it").arg(path)));
-    // The file stays open as long as the step runs.
-    QObject::connect(&step, &QObject::destroyed, [fd] { ::close(fd); });
-    (new CtlSequence(step, fd, path, mode))->start();
+    ctlRunFromLibrary(step, QStringLiteral("sequence"), "e1212ctlScript");
 }
 
 void shell(CtlStep &step)
 {
-    if (!step.args().positional().isEmpty())
-        return step.finish(CtlOutcome::refused(QStringLiteral("usage: shell")));
-    (new CtlSequence(step, STDIN_FILENO, QStringLiteral("shell"), CtlSequence::Shell))->start();
+    ctlRunFromLibrary(step, QStringLiteral("sequence"), "e1212ctlShell");
 }
 
 // help [STEP]: the steps a sequence runs, or one step's usage.

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "ctllog.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 Q_LOGGING_CATEGORY(lcCtl, "e1212.ctl")
 
@@ -27,20 +27,18 @@ const char *typeName(QtMsgType type)
     return "";
 }
 
-// "2026-11-21T12:00:00.123Z": UTC, so no time-zone files are read; the part up to the
-// seconds is formatted once a second.
+// "2026-11-21T12:00:00.123Z": UTC, so no time-zone files are read; formatted by the C
+// library, which a one-shot has mapped anyway (Qt's calendar and locale code it has not).
 void appendTimeStamp(QByteArray *line)
 {
-    static qint64 s_second = -1;
-    static QByteArray s_prefix;
-    const qint64 ms = QDateTime::currentMSecsSinceEpoch();
-    if (ms / 1000 != s_second) {
-        s_second = ms / 1000;
-        s_prefix = QDateTime::fromMSecsSinceEpoch(s_second * 1000, Qt::UTC).toString(QStringLiteral("yyyy-MM-ddThh:mm:ss.")).toLatin1();
-    }
-    char millis[6];
-    std::snprintf(millis, sizeof millis, "%03dZ", int(ms % 1000));
-    line->append(s_prefix).append(millis);
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    char text[32];
+    const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text + length, sizeof text - length, ".%03dZ", int(now.tv_nsec / 1000000));
+    line->append(text);
 }
 
 void handler(QtMsgType type, const QMessageLogContext &context, const QString &text)
