@@ -734,7 +734,7 @@ private slots:
     // On a terminal (a pseudo-terminal from script(1)) the table is drawn over itself.
     void watchTable()
     {
-        const Run run = runCtl({QStringLiteral("-qec"), QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl --config %1 watch DI4 DO4 io2:DI4 --count 4").arg(m_bench),
+        const Run run = runCtl({QStringLiteral("-qec"), QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl --config %1 watch DI4 io2:DI4 DO4 --count 4").arg(m_bench),
                                 QStringLiteral("/dev/null")}, QStringLiteral("script"));
         QCOMPARE(run.exitCode, 0);
         QVERIFY2(run.out.startsWith(QStringLiteral("\rchannel  io1  pulse  io2\x1b[K\r\n\rDI4      .           .  \x1b[K\r\n")), qPrintable(run.out));
