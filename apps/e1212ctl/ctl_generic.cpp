@@ -10,6 +10,7 @@
 #include "dchanneltable.h"
 
 #include <QJsonArray>
+#include <QSet>
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QTextStream>
@@ -153,39 +154,196 @@ CtlOutcome commands(CtlSession &session)
     return CtlOutcome::local(QStringLiteral("commands"), {{QStringLiteral("commands"), list}}, text);
 }
 
-CtlOutcome channels(CtlSession &session)
+// The channel table as text: a column per entry, each as wide as its widest cell; "-" where a
+// record has no such entry, "?" where a channel's state (or an output's pulse generator) was
+// not read because the device did not answer.
+QString channelText(const QVariantList &rows)
 {
-    const QStringList columns{QStringLiteral("id"), QStringLiteral("type"), QStringLiteral("register"),
-                              QStringLiteral("readRegisterType"), QStringLiteral("writeRegisterType"),
+    const QStringList columns{QStringLiteral("id"), QStringLiteral("type"), QStringLiteral("value"), QStringLiteral("pulse"),
+                              QStringLiteral("register"), QStringLiteral("readRegisterType"), QStringLiteral("writeRegisterType"),
                               QStringLiteral("activeLevelHigh"), QStringLiteral("size"), QStringLiteral("name")};
-    QVariantList rows;
-    for (const DChannelTable::Record &record : session.device()->channelTable().records()) {
-        QVariantMap row = session.channelInfo(session.current(), record.id);
-        row.insert(QStringLiteral("id"), record.id);
-        row.insert(QStringLiteral("name"), record.name);
-        rows << row;
-    }
+    auto cell = [](const QVariantMap &row, const QString &column) {
+        if (row.contains(column))
+            return CtlSession::toText(row.value(column));
+        const bool channel = row.contains(QStringLiteral("type"));
+        const bool output = DChannelTable::isOutputType(row.value(QStringLiteral("type")).toString());
+        const bool unread = (column == QLatin1String("value") && channel) || (column == QLatin1String("pulse") && output);
+        return unread ? QStringLiteral("?") : QStringLiteral("-");
+    };
     QString text;
     QTextStream out(&text);
     QVector<int> widths(columns.size());
-    auto cell = [](const QVariantMap &row, const QString &column) {
-        return row.contains(column) ? CtlSession::toText(row.value(column)) : QStringLiteral("-");
-    };
     for (int c = 0; c < columns.size(); ++c) {
         widths[c] = columns.at(c).size();
-        for (const QVariant &row : qAsConst(rows))
+        for (const QVariant &row : rows)
             widths[c] = qMax(widths[c], cell(row.toMap(), columns.at(c)).size());
     }
     for (int c = 0; c < columns.size(); ++c)
         out << columns.at(c).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
     out << '\n';
-    for (const QVariant &row : qAsConst(rows)) {
+    for (const QVariant &row : rows) {
         for (int c = 0; c < columns.size(); ++c)
             out << cell(row.toMap(), columns.at(c)).leftJustified(c + 1 < columns.size() ? widths[c] + 2 : 0);
         out << '\n';
     }
     out.flush();
-    return CtlOutcome::local(QStringLiteral("channels"), {{QStringLiteral("channels"), rows}}, text);
+    return text;
+}
+
+// channels: the table of the current device, each channel with its state ("value": an input,
+// an output's coil) and each output with its pulse generator ("pulse", 1 while it runs), as
+// the device answers. One getValues per run of channels (a record's "size") and one of the
+// pulse status run, in turn; a channel no run covers is read on its own. The first failure
+// ends it: the table is still shown, the unread states "?".
+class ChannelStates : public QObject
+{
+public:
+    explicit ChannelStates(CtlStep &step)
+        : QObject(&step), m_step(step), m_session(step.session()), m_device(m_session.current())
+    {
+        const DChannelTable &table = m_session.device()->channelTable();
+        for (const DChannelTable::Record &record : table.records()) {
+            QVariantMap row = m_session.channelInfo(m_device, record.id);
+            row.insert(QStringLiteral("id"), record.id);
+            row.insert(QStringLiteral("name"), record.name);
+            m_rows << row;
+        }
+        const QStringList ids = table.channelIds();
+        QSet<QString> read;
+        for (const QString &id : ids) {
+            if (read.contains(id))
+                continue;
+            const QVariantMap info = m_session.channelInfo(m_device, id);
+            if (!info.contains(QStringLiteral("size"))) {
+                read << id;
+                planOne(CtlCall::stateRead(m_session, m_device, id), id, QStringLiteral("value"));
+                continue;
+            }
+            const QString space = info.value(QStringLiteral("readRegisterType")).toString();
+            const int first = info.value(QStringLiteral("register")).toInt();
+            QHash<QString, int> run; // channel -> its place in the run
+            for (const QString &other : ids) {
+                const QVariantMap entries = m_session.channelInfo(m_device, other);
+                const int place = entries.value(QStringLiteral("register")).toInt() - first;
+                if (entries.value(QStringLiteral("readRegisterType")).toString() == space && place >= 0
+                    && place < info.value(QStringLiteral("size")).toInt() && !read.contains(other)) {
+                    run.insert(other, place);
+                    read << other;
+                }
+            }
+            planRun(id, run, QStringLiteral("value"));
+        }
+        // getValue addresses an output read from the coils at its coil plus the pulse status
+        // base, so the run getValues of "DO_PulseStatus" reads holds it at its coil's place.
+        const int pulses = m_session.channelInfo(m_device, c_pulseStatus).value(QStringLiteral("size")).toInt();
+        QHash<QString, int> run;
+        for (const QString &id : ids) {
+            if (!m_session.isOutput(m_device, id))
+                continue;
+            const QVariantMap info = m_session.channelInfo(m_device, id);
+            const int place = info.value(QStringLiteral("register")).toInt();
+            if (info.value(QStringLiteral("readRegisterType")) == QLatin1String("coilsRegister") && place < pulses)
+                run.insert(id, place);
+            else
+                planOne(plainRequest(QStringLiteral("getValue"), id), id, QStringLiteral("pulse"));
+        }
+        if (!run.isEmpty())
+            planRun(c_pulseStatus, run, QStringLiteral("pulse"));
+        step.setCancel([this] {
+            if (m_call)
+                m_call->stop();
+        });
+        if (!m_step.isFinished())
+            next(CtlOutcome());
+    }
+
+private:
+    struct Read
+    {
+        CtlRequest request;
+        std::function<void(const QVariantMap &results)> apply;
+    };
+
+    CtlRequest plainRequest(const QString &command, const QString &channel) const
+    {
+        CtlRequest request;
+        request.device = m_device;
+        request.command = command;
+        request.arguments.insert(QStringLiteral("channel"), channel);
+        return request;
+    }
+
+    void planOne(const CtlRequest &request, const QString &id, const QString &key)
+    {
+        m_reads.push_back({request, [this, id, key](const QVariantMap &results) {
+                               set(id, key, results.value(QStringLiteral("value")));
+                           }});
+    }
+
+    void planRun(const QString &first, const QHash<QString, int> &run, const QString &key)
+    {
+        m_reads.push_back({plainRequest(QStringLiteral("getValues"), first), [this, run, key](const QVariantMap &results) {
+                               const QVariantList values = results.value(QStringLiteral("values")).toList();
+                               for (auto it = run.cbegin(); it != run.cend(); ++it)
+                                   if (it.value() < values.size())
+                                       set(it.key(), key, values.at(it.value()));
+                           }});
+    }
+
+    void set(const QString &id, const QString &key, const QVariant &value)
+    {
+        for (QVariant &row : m_rows)
+            if (row.toMap().value(QStringLiteral("id")) == id) {
+                QVariantMap map = row.toMap();
+                map.insert(key, value);
+                row = map;
+            }
+    }
+
+    // Applies what ended (the first call: nothing) and starts the next read, or ends the step.
+    void next(const CtlOutcome &ended)
+    {
+        if (m_call) {
+            m_call->deleteLater();
+            m_call = nullptr;
+            if (!ended.isOk())
+                return finish(ended);
+            m_reads.at(m_done++).apply(ended.results);
+        }
+        if (m_done == int(m_reads.size()))
+            return finish(CtlOutcome());
+        m_call = new CtlCall(m_session, m_reads.at(m_done).request, false, [this](const CtlOutcome &outcome) { next(outcome); }, this);
+    }
+
+    void finish(const CtlOutcome &failure)
+    {
+        CtlOutcome outcome = failure;
+        outcome.command = QStringLiteral("channels");
+        outcome.device.clear();
+        outcome.channel.clear();
+        outcome.results = {{QStringLiteral("channels"), m_rows}};
+        outcome.text = channelText(m_rows);
+        m_step.finish(outcome);
+    }
+
+    const QString c_pulseStatus = QStringLiteral("DO_PulseStatus");
+    CtlStep &m_step;
+    CtlSession &m_session;
+    const int m_device;
+    QVariantList m_rows;
+    std::vector<Read> m_reads;
+    int m_done = 0;
+    CtlCall *m_call = nullptr;
+};
+
+void channels(CtlStep &step)
+{
+    CtlOutcome failure;
+    if (!step.args().positional().isEmpty())
+        return step.finish(CtlOutcome::refused(QStringLiteral("usage: channels")));
+    if (!step.session().openDevices(&failure))
+        return step.finish(failure);
+    new ChannelStates(step);
 }
 
 } // namespace
@@ -201,8 +359,10 @@ CtlGroup genericGroup()
                  {{QStringLiteral("raw"), QStringLiteral("pass the arguments to the command unchecked (protocol-level work)")}}},
                 {QStringLiteral("commands"), QString(), QStringLiteral("the declared commands, their parameters, results, type codes and defaults"),
                  [](CtlStep &step) { local(step, QStringLiteral("usage: commands"), &commands); }},
-                {QStringLiteral("channels"), QString(), QStringLiteral("the channel table of the configured device"),
-                 [](CtlStep &step) { local(step, QStringLiteral("usage: channels"), &channels); }},
+                {QStringLiteral("channels"), QString(),
+                 QStringLiteral("the channel table of the configured device, with each channel's state and each output's "
+                                "pulse generator as the device answers (getValues)"),
+                 &channels},
                 {QStringLiteral("devices"), QString(), QStringLiteral("the devices of the configuration: reference, address, plug-in"),
                  [](CtlStep &step) { local(step, QStringLiteral("usage: devices"), &devices); }},
             }};

@@ -21,12 +21,19 @@
 
 namespace {
 
-// One watched channel: its listen and what it showed last.
+// A listen polls a device this often unless its connection says otherwise (the driver's own default).
+constexpr int c_defaultPollMs = 100;
+// How records and the table name an output's pulse generator: its channel id and this.
+const QLatin1String c_pulseSuffix(".pulse");
+
+// One watched channel: its listen and what it showed last. An output's pulse generator is an
+// entry of its own, "DO5.pulse", read from the device's pulse status run instead of a listen.
 struct Watched
 {
     int device = 0;
     QString id;
     Execution *listen = nullptr;
+    int pulseIndex = -1; // a pulse generator: its output's place in the pulse status run
     QVariant value;
     bool seen = false;   // a report has come
     bool outage = false; // the device has not answered since the last report
@@ -40,9 +47,10 @@ QString csvField(const QString &text)
 }
 
 // Runs one listenEvents per channel (the driver polls them together) until Ctrl-C, --for or
-// --count. A report that changes what a channel showed (its first one, and the first after an
-// outage, included) is a record: a JSON event or a text line on the output unless the table
-// is drawn there, a line in each file, written as it comes.
+// --count, and, for a device with outputs watched, one getValues of its pulse status run per
+// poll interval. A report that changes what a channel showed (its first one, and the first
+// after an outage, included) is a record: a JSON event or a text line on the output unless the
+// table is drawn there, a line in each file, written as it comes.
 class Watch : public QObject
 {
 public:
@@ -65,6 +73,11 @@ public:
         step.setCancel([this] { conclude(); });
         for (size_t i = 0; i < m_channels.size(); ++i) {
             Watched &channel = m_channels[i];
+            if (channel.pulseIndex >= 0) {
+                if (!m_pulseReads.contains(channel.device))
+                    m_pulseReads.insert(channel.device, nullptr);
+                continue;
+            }
             channel.listen = m_session.host()->execute(m_session.device(channel.device), QStringLiteral("listenEvents"),
                                                        {{QStringLiteral("channel"), channel.id}});
             connect(channel.listen, &Execution::resultChanged, this, [this, i](const QString &, const QVariant &report) {
@@ -75,6 +88,8 @@ public:
             // A listen ends by itself only when it cannot run: the watch ends with its failure.
             connect(channel.listen, &Execution::finished, this, [this, i] { conclude(m_channels[i].listen->error()); });
         }
+        for (auto it = m_pulseReads.cbegin(); it != m_pulseReads.cend(); ++it)
+            readPulses(it.key());
         m_redraw.setSingleShot(true);
         connect(&m_redraw, &QTimer::timeout, this, &Watch::draw);
         if (m_table)
@@ -90,9 +105,50 @@ public:
     {
         for (Watched &channel : m_channels)
             delete channel.listen; // stops it
+        qDeleteAll(m_pulseReads);
     }
 
 private:
+    // One read of the device's pulse status run; its end schedules the next one a poll
+    // interval later, so a device gets at most one such request per interval.
+    void readPulses(int device)
+    {
+        Execution *read = m_session.host()->execute(m_session.device(device), QStringLiteral("getValues"),
+                                                    {{QStringLiteral("channel"), QStringLiteral("DO_PulseStatus")}});
+        m_pulseReads[device] = read;
+        connect(read, &Execution::finished, this, [this, device, read] {
+            m_pulseReads[device] = nullptr;
+            read->deleteLater();
+            onPulses(device, read->error(), read->results().value(QStringLiteral("values")).toList());
+            // A read that cannot run (refused, nothing sent) never will: the watch ends with it.
+            if (CtlOutcome::exitCodeOf(read->errorCode()) == CtlOutcome::ExitUsage)
+                conclude(read->error());
+            if (m_step.isFinished())
+                return;
+            const int ms = m_session.config(device).connection.value(QStringLiteral("pollIntervalMs"), c_defaultPollMs).toInt();
+            QTimer::singleShot(ms, this, [this, device] {
+                if (!m_step.isFinished())
+                    readPulses(device);
+            });
+        });
+    }
+
+    void onPulses(int device, DError error, const QVariantList &values)
+    {
+        for (Watched &channel : m_channels) {
+            if (channel.device != device || channel.pulseIndex < 0)
+                continue;
+            if (!error.isError() && channel.pulseIndex >= values.size())
+                error = DError{IMessenger::CeMalformedReply, 0,
+                               QStringLiteral("getValues DO_PulseStatus of device \"%1\": %2 values, none for %3")
+                                   .arg(m_session.config(device).reference).arg(values.size()).arg(channel.id)};
+            if (error.isError())
+                channel.outage = true; // the listens of the device record the outage
+            else
+                onReport(channel, values.at(channel.pulseIndex));
+        }
+    }
+
     void onReport(Watched &channel, const QVariant &value)
     {
         const bool changed = !channel.seen || channel.outage || channel.value != value;
@@ -139,17 +195,21 @@ private:
             conclude();
     }
 
-    // The table: a row per channel id, a column per device; "." before the first report, "?"
-    // while the device does not answer. Drawn over itself: the cursor goes back up its lines.
+    // The table: a row per channel id, a column per device, followed by a "pulse" column (the
+    // outputs' pulse generators) when outputs of the device are watched; "." before the first
+    // report, "?" while the device does not answer. Drawn over itself: the cursor goes back up
+    // its lines.
     void draw()
     {
         QStringList ids;
-        QList<int> devices;
+        QList<QPair<int, bool>> columns; // device, its pulse generators
         for (const Watched &channel : m_channels) {
-            if (!ids.contains(channel.id))
+            if (channel.pulseIndex < 0 && !ids.contains(channel.id))
                 ids << channel.id;
-            if (!devices.contains(channel.device))
-                devices << channel.device;
+            if (!columns.contains(qMakePair(channel.device, false)))
+                columns << qMakePair(channel.device, false);
+            if (channel.pulseIndex >= 0 && !columns.contains(qMakePair(channel.device, true)))
+                columns.insert(columns.indexOf(qMakePair(channel.device, false)) + 1, qMakePair(channel.device, true));
         }
         int width = QStringLiteral("channel").size();
         for (const QString &id : qAsConst(ids))
@@ -157,20 +217,21 @@ private:
         QStringList lines;
         QString header = QStringLiteral("channel").leftJustified(width);
         QVector<int> widths;
-        for (int device : qAsConst(devices)) {
-            const QString name = m_session.config(device).reference.section(QLatin1Char(' '), -1);
+        for (const auto &column : qAsConst(columns)) {
+            const QString name = column.second ? QStringLiteral("pulse") : m_session.config(column.first).reference.section(QLatin1Char(' '), -1);
             widths << qMax(name.size(), 1);
             header += QStringLiteral("  ") + name;
         }
         lines << header;
         for (const QString &id : qAsConst(ids)) {
             QString line = id.leftJustified(width);
-            for (int d = 0; d < devices.size(); ++d) {
+            for (int c = 0; c < columns.size(); ++c) {
+                const QString cellId = columns.at(c).second ? id + c_pulseSuffix : id;
                 QString cell;
                 for (const Watched &channel : m_channels)
-                    if (channel.device == devices.at(d) && channel.id == id)
+                    if (channel.device == columns.at(c).first && channel.id == cellId)
                         cell = channel.outage ? QStringLiteral("?") : channel.seen ? CtlSession::toText(channel.value) : QStringLiteral(".");
-                line += QStringLiteral("  ") + cell.leftJustified(widths.at(d));
+                line += QStringLiteral("  ") + cell.leftJustified(widths.at(c));
             }
             lines << line;
         }
@@ -200,10 +261,18 @@ private:
             draw();
         }
         for (Watched &channel : m_channels) {
+            if (!channel.listen)
+                continue;
             disconnect(channel.listen, nullptr, this, nullptr);
             channel.listen->deleteLater(); // stops it
             channel.listen = nullptr;
         }
+        for (Execution *read : qAsConst(m_pulseReads))
+            if (read) {
+                disconnect(read, nullptr, this, nullptr);
+                read->deleteLater();
+            }
+        m_pulseReads.clear();
         CtlOutcome outcome = CtlOutcome::local(QStringLiteral("watch"), {{QStringLiteral("records"), m_records}});
         DError failure = error;
         for (const Watched &channel : m_channels)
@@ -241,6 +310,8 @@ private:
     QTimer m_redraw;
     int m_drawn = 0;
     QTimer m_deadline;
+    // Per device with pulse generators watched: its pulse status read under way, or nullptr.
+    QHash<int, Execution *> m_pulseReads;
 };
 
 // A file that gets each record as it comes (unbuffered: a record written is the kernel's).
@@ -268,13 +339,23 @@ void watch(CtlStep &step)
     if (!listenLimits(args, &limits.count, &limits.ms, &failure) || !session.openDevices(&failure))
         return step.finish(failure);
     std::vector<Watched> channels;
-    const auto add = [&channels](int device, const QString &id) {
+    const auto add = [&channels, &session](int device, const QString &id) {
         for (const Watched &channel : channels)
             if (channel.device == device && channel.id == id)
                 return;
         Watched channel;
         channel.device = device;
         channel.id = id;
+        channels.push_back(channel);
+        // An output read from the coils has its pulse status in the run getValues of
+        // "DO_PulseStatus" reads, at the place of its coil (as getValue addresses it).
+        const QVariantMap info = session.channelInfo(device, id);
+        const int index = info.value(QStringLiteral("register")).toInt();
+        if (!session.isOutput(device, id) || info.value(QStringLiteral("readRegisterType")) != QLatin1String("coilsRegister")
+            || index >= session.channelInfo(device, QStringLiteral("DO_PulseStatus")).value(QStringLiteral("size")).toInt())
+            return;
+        channel.id += c_pulseSuffix;
+        channel.pulseIndex = index;
         channels.push_back(channel);
     };
     // A word is a channel (CH, NAME:CH) or a device (NAME: all its channels); none: every device.

@@ -28,7 +28,8 @@ struct CtlOutcome
     QString code;
     // The one line on stderr ("e1212ctl: [FILE:LINE: ]message"); empty: none (said already).
     QString message;
-    // What a success prints without --json (with it too when there is no result line).
+    // What it prints without --json (with it too when there is no result line); a failure
+    // has none unless what it shows is still of use (the table `channels` could not fill).
     QString text;
     // The script line the outcome belongs to; -1: the step that runs (a background listen
     // names the line that started it).

@@ -64,7 +64,7 @@ int CtlSession::report(const CtlOutcome &outcome)
             line.insert(QStringLiteral("code"), outcome.code.isEmpty() ? DError::codeName(IMessenger::CeRefused) : outcome.code);
         }
         printJson(line);
-    } else if (ok) {
+    } else {
         m_out << outcome.text;
     }
     m_out.flush();

@@ -69,7 +69,7 @@ public:
 
     // The printer of every outcome: with --json its result line, one flat object (the values,
     // "command", "ok", "device", "channel", "time", and "error" and "code" when it failed; a
-    // refusal gets one even without a command), otherwise the text of a success; then the
+    // refusal gets one even without a command), otherwise the outcome's text; then the
     // failure's one line on stderr, "e1212ctl: [FILE:LINE: ]message". Returns the exit code.
     int report(const CtlOutcome &outcome);
     // report() of a one-line failure with this exit code (ExitUsage: a refusal).

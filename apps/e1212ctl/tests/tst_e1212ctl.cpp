@@ -482,15 +482,18 @@ private slots:
     }
 
     // The channel table as columns, each as wide as its widest cell and two blanks; the last
-    // one unpadded; "-" where a record has no such entry.
+    // one unpadded; "-" where a record has no such entry; each channel's state and each
+    // output's pulse generator as read.
     void channels()
     {
-        const Run run = runCtl({QStringLiteral("channels")});
+        const Run run = runCtl({QStringLiteral("script"), write(QStringLiteral("channels.txt"), "set DO5 1\nchannels\n")});
         QCOMPARE(run.exitCode, 0);
         const QStringList lines = run.out.split(QLatin1Char('\n'));
-        QCOMPARE(lines.value(0), QStringLiteral("id                type           register  readRegisterType  writeRegisterType  activeLevelHigh  size  name"));
-        QCOMPARE(lines.value(1), QStringLiteral("DI0               digitalInput   0         discreteInputs    -                  -                8     Digital input 0"));
-        QCOMPARE(lines.value(17), QStringLiteral("DO_PulseStatus    -              16        coilsRegister     coilsRegister      -                8     Pulse status of DO0, coils 16-23"));
+        QCOMPARE(lines.value(1), QStringLiteral("id                type           value  pulse  register  readRegisterType  writeRegisterType  activeLevelHigh  size  name"));
+        QCOMPARE(lines.value(2), QStringLiteral("DI0               digitalInput   0      -      0         discreteInputs    -                  -                8     Digital input 0"));
+        QCOMPARE(lines.value(14), QStringLiteral("DO4               digitalOutput  0      0      4         coilsRegister     coilsRegister      true             4     Digital output 4"));
+        QCOMPARE(lines.value(15), QStringLiteral("DO5               digitalOutput  1      1      5         coilsRegister     coilsRegister      true             3     Digital output 5"));
+        QCOMPARE(lines.value(18), QStringLiteral("DO_PulseStatus    -              -      -      16        coilsRegister     coilsRegister      -                8     Pulse status of DO0, coils 16-23"));
     }
 
     // expect --within passes on the report that shows the value, and fails at its deadline
@@ -659,13 +662,20 @@ private slots:
             return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         };
         QString out;
-        QTRY_VERIFY_WITH_TIMEOUT((out += QString::fromUtf8(process.readAllStandardOutput())).count(QLatin1Char('\n')) == 2, 10000);
-        QCOMPARE(fileLines(csv).size(), 3);
-        m_io1.setInput(1, true);
         QTRY_VERIFY_WITH_TIMEOUT((out += QString::fromUtf8(process.readAllStandardOutput())).count(QLatin1Char('\n')) == 3, 10000);
-        QTRY_COMPARE_WITH_TIMEOUT(fileLines(jsonl).size(), 3, 10000);
+        QCOMPARE(fileLines(csv).size(), 4);
+        m_io1.setInput(1, true);
+        QTRY_VERIFY_WITH_TIMEOUT((out += QString::fromUtf8(process.readAllStandardOutput())).count(QLatin1Char('\n')) == 4, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(fileLines(jsonl).size(), 4, 10000);
         const QStringList records = fileLines(csv);
-        QCOMPARE(records.size(), 4);
+        const QStringList events = fileLines(jsonl);
+        QCOMPARE(records.size(), 5);
+        // An output's pulse generator is a record of its own, read again each poll.
+        QVERIFY2(records.filter(QStringLiteral(",Moxa E1212 io2,DO2.pulse,0,")).size() == 1, qPrintable(records.join('\n')));
+        m_io2.setPulseStatus(2, true);
+        QString more;
+        QTRY_VERIFY_WITH_TIMEOUT((more += QString::fromUtf8(process.readAllStandardOutput())).contains(QStringLiteral("  io2:DO2.pulse = 1\n")), 10000);
+        m_io2.setPulseStatus(2, false);
         process.terminate();
         QVERIFY(finished.wait(10000));
         QCOMPARE(process.exitCode(), 0);
@@ -679,7 +689,7 @@ private slots:
         QCOMPARE(lines.last(), records.last().section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 1"));
         for (const QString &record : records.mid(1))
             QVERIFY2(hasZone(record.section(QLatin1Char(','), 0, 0)), qPrintable(record));
-        const QJsonObject last = QJsonDocument::fromJson(fileLines(jsonl).last().toUtf8()).object();
+        const QJsonObject last = QJsonDocument::fromJson(events.last().toUtf8()).object();
         QCOMPARE(last.value(QStringLiteral("channel")).toString(), QStringLiteral("DI1"));
         QCOMPARE(last.value(QStringLiteral("value")), QJsonValue(1));
         QCOMPARE(last.value(QStringLiteral("time")).toString(), records.last().section(QLatin1Char(','), 0, 0));
@@ -688,13 +698,13 @@ private slots:
     // On a terminal (a pseudo-terminal from script(1)) the table is drawn over itself.
     void watchTable()
     {
-        const Run run = runCtl({QStringLiteral("-qec"), QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl --config %1 watch DI4 io2:DI4 --count 2").arg(m_bench),
+        const Run run = runCtl({QStringLiteral("-qec"), QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl --config %1 watch DI4 io2:DI4 DO4 --count 4").arg(m_bench),
                                 QStringLiteral("/dev/null")}, QStringLiteral("script"));
         QCOMPARE(run.exitCode, 0);
-        QVERIFY2(run.out.startsWith(QStringLiteral("\rchannel  io1  io2\x1b[K\r\n\rDI4      .    .  \x1b[K\r\n")), qPrintable(run.out));
-        QVERIFY2(run.out.contains(QStringLiteral("\x1b[3A\rchannel  io1  io2\x1b[K\r\n")), qPrintable(run.out));
-        QVERIFY2(run.out.contains(QStringLiteral("\rDI4      0    0  \x1b[K\r\n")), qPrintable(run.out));
-        QVERIFY2(run.out.contains(QStringLiteral("  2 changes\x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.startsWith(QStringLiteral("\rchannel  io1  pulse  io2\x1b[K\r\n\rDI4      .           .  \x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("\x1b[4A\rchannel  io1  pulse  io2\x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("\rDI4      0           0  \x1b[K\r\n\rDO4      0    0         \x1b[K\r\n")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("  4 changes\x1b[K\r\n")), qPrintable(run.out));
     }
 
     // A watch that ends before a device ever answered has failed.
