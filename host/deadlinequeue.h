@@ -2,7 +2,6 @@
 // Deadlines of the host (instruction guards, periodic runs) behind one timer.
 #pragma once
 
-#include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
 
@@ -30,7 +29,6 @@ private:
     void onTimer();
     void arm(qint64 deadline);
 
-    QElapsedTimer m_clock;
     QTimer m_timer;
     qint64 m_armedFor = 0; // the deadline the timer is set for, while it is active
     std::multimap<qint64, quint64> m_deadlines;

@@ -411,6 +411,18 @@ private slots:
         QCOMPARE(ended, QStringList({stopped, stopped}));
     }
 
+    // A listen outlives an outage the driver reports, but not the driver giving it up.
+    void listenEndsWithItsDriver()
+    {
+        const QVariantMap outage{{QStringLiteral("error"), QStringLiteral("no answer")}};
+        setScript({rule("listen", {outage, outage})});
+        Execution *listen = m_host->execute(m_device, QStringLiteral("listenEvents"), {{c_channel, QStringLiteral("C0")}});
+        QSignalSpy reported(listen, &Execution::errorReported);
+        QVERIFY(waitFinished(listen));
+        QCOMPARE(reported.size(), 1);
+        QCOMPARE(listen->state(), Execution::Failed);
+    }
+
     void refusals_data()
     {
         QTest::addColumn<QString>("command");
