@@ -146,6 +146,7 @@ private slots:
         row("run without its channel", {"run", "getValue"}, "\"channel\"");
         row("run not KEY=VALUE", {"run", "getValue", "DI0"}, "argument \"DI0\" is not KEY=VALUE");
         row("unknown command", {"frobnicate"}, "unknown command \"frobnicate\"");
+        row("unknown command after --", {"--", "frobnicate"}, "unknown command \"frobnicate\"");
         row("script step on the line", {"use", "io2"}, "unknown command \"use\"");
         row("no command", {}, "no command given");
         row("too many words", {"get", "DI0", "DI1"}, "usage: get CH");
