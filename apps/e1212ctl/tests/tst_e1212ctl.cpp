@@ -487,9 +487,15 @@ private slots:
     // output's pulse generator as read.
     void channels()
     {
-        const Run run = runCtl({QStringLiteral("script"), write(QStringLiteral("channels.txt"), "set DO5 1\nchannels\n")});
+        m_io1.setOutput(5, true);
+        m_io1.setPulseStatus(5, true);
+        const int requests = m_io1.requestCount();
+        const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("channels")});
+        m_io1.setOutput(5, false);
+        m_io1.setPulseStatus(5, false);
         QCOMPARE(run.exitCode, 0);
-        const QStringList lines = run.out.split(QLatin1Char('\n'));
+        QCOMPARE(m_io1.requestCount() - requests, 3); // one read each: inputs, outputs, pulse generators
+        const QStringList lines = QString(QLatin1Char('\n') + run.out).split(QLatin1Char('\n'));
         QCOMPARE(lines.value(1), QStringLiteral("id                type           value  pulse  register  readRegisterType  writeRegisterType  activeLevelHigh  size  name"));
         QCOMPARE(lines.value(2), QStringLiteral("DI0               digitalInput   0      -      0         discreteInputs    -                  -                8     Digital input 0"));
         QCOMPARE(lines.value(14), QStringLiteral("DO4               digitalOutput  0      0      4         coilsRegister     coilsRegister      true             4     Digital output 4"));
