@@ -303,7 +303,6 @@ void CtlSequence::end()
     session.stopBackground([this, &session](const CtlOutcome &background) {
         const int stopped = background.isOk() ? int(CtlOutcome::ExitOk) : session.report(background);
         session.setStep(QString(), 0);
-        clearProgress();
         if (m_mode != Shell) {
             const QString seconds = QString::number(double(m_clock.elapsed()) / 1000, 'f', 2);
             const int passed = m_steps - m_failed;
