@@ -96,6 +96,8 @@ private slots:
         row("empty channel id", table({record("", {})}), records + "[0].id: the channel id is empty");
         row("duplicate channel id", table({record("DI0", {}), record("DI1", {}), record("DI0", {})}),
             records + "[2].id: \"DI0\" is used by " + records + "[0] already");
+        row("entries not a list", table({R"({"id": "DI0", "value": 3})"}),
+            records + "[0].value: expected a list of {\"id\", \"value\"} entries, found a number");
         row("entry not an object", table({R"({"id": "DI0", "value": [3]})"}),
             records + "[0].value[0]: expected an {\"id\", \"value\"} entry, found a number");
         row("entry without value", table({R"({"id": "DI0", "value": [{"id": "register"}]})"}), records + "[0].value[0].value: \"register\" has no value");

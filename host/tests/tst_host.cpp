@@ -474,6 +474,7 @@ private slots:
         QCOMPARE(execution->state(), Execution::Queued);
         QVERIFY(waitFinished(execution));
         QCOMPARE(int(execution->errorCode()), code);
+        QCOMPARE(execution->exceptionCode(), 0);
         QVERIFY2(execution->errorString().startsWith(error), qPrintable(execution->errorString()));
         QVERIFY(record("started").isEmpty());
     }

@@ -86,6 +86,7 @@ void TstMqttClient::startRefusals_data()
     const QString readable = QStringLiteral(E1212_SOURCE_DIR "/config/e1212.json");
     QTest::newRow("no client id") << "" << "" << "" << "" << "MQTT broker h:8883: no client id";
     QTest::newRow("missing CA") << "c" << "/nonexistent/ca.crt" << "" << "" << "--mqtt-ca /nonexistent/ca.crt: no such readable file";
+    QTest::newRow("missing certificate") << "c" << "" << "/nonexistent/c.crt" << readable << "--mqtt-cert /nonexistent/c.crt: no such readable file";
     QTest::newRow("missing key") << "c" << "" << readable << "/nonexistent/k" << "--mqtt-key /nonexistent/k: no such readable file";
     QTest::newRow("certificate without key") << "c" << "" << readable << "" << "--mqtt-cert and --mqtt-key go together";
     QTest::newRow("key without certificate") << "c" << "" << "" << readable << "--mqtt-cert and --mqtt-key go together";
