@@ -10,9 +10,9 @@
 //   e1212mqttbench [--rounds N] [--farms N] [--modules 1,256] [--gateway-wrapper 'CMD ARGS']
 //
 // --gateway-wrapper runs the gateway under CMD (e.g. 'valgrind --tool=callgrind').
-#include "e1212simulator.h" // ChannelCount
 #include "mosquittobroker.h"
 #include "mqttclient.h"
+#include "benchsupport.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -21,11 +21,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTimer>
-
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -37,15 +35,8 @@
 namespace {
 
 constexpr int c_changes = 400;
+constexpr int c_inputs = 8; // DI0-DI7 of a module
 constexpr int c_changeIntervalMs = 20;
-
-// The clock e1212simfarm stamps its changes with.
-qint64 monotonicNs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
 
 double percentile(std::vector<double> values, double p)
 {
@@ -53,35 +44,6 @@ double percentile(std::vector<double> values, double p)
         return 0;
     std::sort(values.begin(), values.end());
     return values[std::min(values.size() - 1, size_t(p * double(values.size())))];
-}
-
-// utime + stime of a process, in seconds.
-double cpuSeconds(qint64 pid)
-{
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly))
-        return 0;
-    const QList<QByteArray> fields = stat.readAll().split(')').value(1).trimmed().split(' ');
-    return (fields.value(11).toDouble() + fields.value(12).toDouble()) / double(sysconf(_SC_CLK_TCK));
-}
-
-// A line of /proc/PID/status in MiB ("VmRSS", "VmHWM").
-double statusMiB(qint64 pid, const char *key)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray &line : status.readAll().split('\n'))
-        if (line.startsWith(key))
-            return line.mid(line.indexOf(':') + 1).trimmed().split(' ').value(0).toDouble() / 1024.0;
-    return 0;
-}
-
-QByteArray loadAverage()
-{
-    QFile file(QStringLiteral("/proc/loadavg"));
-    file.open(QIODevice::ReadOnly);
-    return file.readAll();
 }
 
 class Bench : public QObject
@@ -210,30 +172,18 @@ private:
 
     void startGateway(int modules)
     {
-        QFile file(QStringLiteral(E1212_CONFIG_FILE));
-        file.open(QIODevice::ReadOnly);
-        const QJsonObject builtIn = QJsonDocument::fromJson(file.readAll()).object();
-        const QJsonValue table = builtIn.value(QStringLiteral("parameters")).toObject().value(QStringLiteral("io1_channels"));
-        QJsonArray devices;
-        for (int i = 0; i < modules; ++i) {
-            const QString name = QStringLiteral("m%1").arg(i);
-            devices.append(QJsonObject{{QStringLiteral("reference"), QString(QStringLiteral("Bench ") + name)},
-                                       {QStringLiteral("parameters"), QJsonObject{{QString(name + QStringLiteral("_channels")), table}}},
-                                       {QStringLiteral("connection"), QJsonObject{{QStringLiteral("host"), QStringLiteral("127.0.0.1")},
-                                                                                  {QStringLiteral("port"), m_farmPorts.at(size_t(i))},
-                                                                                  {QStringLiteral("pollIntervalMs"), 50}}}});
-        }
         QFile config(m_dir.filePath(QStringLiteral("bench.json")));
         config.open(QIODevice::WriteOnly);
-        config.write(QJsonDocument(QJsonObject{{QStringLiteral("devices"), devices}}).toJson());
+        config.write(gatewayConfig(m_farmPorts, 50));
         config.close();
 
         m_states = 0;
+        m_inputs.clear(); // the farms start with every input off
         m_pending.clear();
         m_latencies.clear();
         m_subscriber = client(QStringLiteral("bench-sub"));
         connect(m_subscriber.get(), &MqttClient::messageReceived, this, [this](const MqttClient::Message &message) {
-            ++m_states;
+            m_states += message.retained ? 0 : 1; // not what an earlier round left
             const auto it = m_pending.find(message.topic);
             if (it != m_pending.end() && !it->second.receivedNs && message.payload.contains(it->second.awaited)) {
                 it->second.receivedNs = monotonicNs();
@@ -263,12 +213,14 @@ private:
         askCounts();
         auto window = std::make_shared<QElapsedTimer>();
         window->start();
+        // Random gaps (on average the interval), so that the changes do not lock on to the polls.
         auto *timer = new QTimer(this);
         timer->setTimerType(Qt::PreciseTimer);
+        timer->setSingleShot(true);
         auto sent = std::make_shared<int>(0);
         connect(timer, &QTimer::timeout, this, [=] {
             const int module = *sent % modules;
-            const int channel = (*sent / modules) % E1212Simulator::ChannelCount;
+            const int channel = (*sent / modules) % c_inputs;
             const QString topic = QStringLiteral("e1212/m%1/DI%2").arg(module).arg(channel);
             const bool on = !m_inputs[topic];
             m_inputs[topic] = on;
@@ -278,6 +230,8 @@ private:
                                + (on ? " 1\n" : " 0\n"));
             if (++*sent == c_changes)
                 timer->deleteLater();
+            else
+                timer->start(QRandomGenerator::global()->bounded(c_changeIntervalMs / 2, c_changeIntervalMs * 3 / 2));
         });
         timer->start(c_changeIntervalMs);
         when([this] { return int(m_latencies.size()) >= c_changes && m_countReplies == int(m_farms.size()); }, 120000,

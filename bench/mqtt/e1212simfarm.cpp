@@ -10,28 +10,17 @@
 //                NS the CLOCK_MONOTONIC time in ns taken as soon as the input holds V
 //   count        answers "count N", the requests served by all modules since start
 #include "e1212simulator.h"
+#include "benchsupport.h"
 
 #include <QCoreApplication>
 #include <QLoggingCategory>
 #include <QSocketNotifier>
 
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 #include <vector>
-
-namespace {
-
-qint64 monotonicNs()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-} // namespace
 
 int main(int argc, char **argv)
 {
