@@ -109,8 +109,8 @@ private:
             QCoreApplication::exit(1);
             return;
         }
-        std::printf("%-34s %8s %10s %10s %10s %10s %10s %12s\n", "what", "modules", "changes", "p50 ms", "p99 ms", "CPU %", "RSS MiB",
-                    "polls/s/mod");
+        std::printf("%-34s %8s %10s %10s %10s %10s %10s %12s %12s\n", "what", "modules", "changes", "p50 ms", "p99 ms", "CPU %", "RSS MiB",
+                    "polls/s/mod", "sims' CPU %");
         when([this] { return m_broker.isReady(); }, 10000, QStringLiteral("the broker's start"), [this] { next(); });
     }
 
@@ -140,7 +140,7 @@ private:
                  timer->start(c_changeIntervalMs);
                  when([this] { return int(m_latencies.size()) >= c_changes; }, 60000, QStringLiteral("the floor's messages"), [this] {
                      printRow("broker floor (publish to subscriber)", 0, m_latencies, -1, -1);
-                     m_rounds[0].push_back({percentile(m_latencies, 0.5), percentile(m_latencies, 0.99), -1, -1, -1});
+                     m_rounds[0].push_back({percentile(m_latencies, 0.5), percentile(m_latencies, 0.99), -1, -1, -1, -1});
                      m_subscriber.reset();
                      m_publisher.reset();
                      next();
@@ -210,6 +210,7 @@ private:
     {
         const qint64 pid = m_gateway->processId();
         const double cpu0 = cpuSeconds(pid);
+        const double farmsCpu0 = farmsCpuSeconds();
         askCounts();
         auto window = std::make_shared<QElapsedTimer>();
         window->start();
@@ -235,9 +236,10 @@ private:
         });
         timer->start(c_changeIntervalMs);
         when([this] { return int(m_latencies.size()) >= c_changes && m_countReplies == int(m_farms.size()); }, 120000,
-             QStringLiteral("every change's state"), [this, modules, pid, cpu0, window] {
+             QStringLiteral("every change's state"), [this, modules, pid, cpu0, farmsCpu0, window] {
                  const double seconds = double(window->elapsed()) / 1000.0;
                  const double cpu = 100.0 * (cpuSeconds(pid) - cpu0) / seconds;
+                 m_farmsCpu = 100.0 * (farmsCpuSeconds() - farmsCpu0) / seconds;
                  const qint64 requests0 = m_requests;
                  askCounts();
                  when([this] { return m_countReplies == int(m_farms.size()); }, 10000, QStringLiteral("the request counts"),
@@ -248,7 +250,7 @@ private:
                           const double rss = statusMiB(pid, "VmHWM");
                           printRow("input change to subscriber", modules, m_latencies, cpu, rss);
                           m_rounds[modules].push_back({percentile(m_latencies, 0.5), percentile(m_latencies, 0.99), cpu, rss,
-                                                       m_pollsPerSecond});
+                                                       m_pollsPerSecond, m_farmsCpu});
                           m_gateway->terminate();
                           // The farms quit at the end of their input.
                           for (const auto &farm : m_farms)
@@ -309,6 +311,14 @@ private:
         return *m_farms.front();
     }
 
+    double farmsCpuSeconds() const
+    {
+        double total = 0;
+        for (const auto &farm : m_farms)
+            total += cpuSeconds(farm->process.processId());
+        return total;
+    }
+
     void askCounts()
     {
         m_requests = 0;
@@ -358,10 +368,10 @@ private:
                 return QByteArray::number(values[values.size() / 2], 'f', 1) + " [" + QByteArray::number(values.front(), 'f', 1)
                     + "-" + QByteArray::number(values.back(), 'f', 1) + "]";
             };
-            std::printf("%-6s p50 %-18s p99 %-18s CPU %% %-18s RSS MiB %-18s polls/s/module %s\n",
+            std::printf("%-6s p50 %-18s p99 %-18s CPU %% %-18s RSS MiB %-18s polls/s/module %-18s simulators' CPU %% %s\n",
                         modules ? QByteArray::number(modules).constData() : "floor", column(&Round::p50).constData(),
                         column(&Round::p99).constData(), column(&Round::cpu).constData(), column(&Round::rss).constData(),
-                        column(&Round::polls).constData());
+                        column(&Round::polls).constData(), column(&Round::farmsCpu).constData());
         }
         next();
     }
@@ -369,9 +379,10 @@ private:
     void printRow(const char *what, int modules, const std::vector<double> &latencies, double cpu, double rss)
     {
         const auto figure = [](double value) { return value < 0 ? QByteArray("-") : QByteArray::number(value, 'f', 1); };
-        std::printf("%-34s %8s %10zu %10.2f %10.2f %10s %10s %12s\n", what, modules ? QByteArray::number(modules).constData() : "-",
+        std::printf("%-34s %8s %10zu %10.2f %10.2f %10s %10s %12s %12s\n", what, modules ? QByteArray::number(modules).constData() : "-",
                     latencies.size(), percentile(latencies, 0.5), percentile(latencies, 0.99), figure(cpu).constData(),
-                    figure(rss).constData(), modules ? figure(m_pollsPerSecond).constData() : "-");
+                    figure(rss).constData(), modules ? figure(m_pollsPerSecond).constData() : "-",
+                    modules ? figure(m_farmsCpu).constData() : "-");
     }
 
     std::vector<std::function<void()>> m_steps;
@@ -393,12 +404,13 @@ private:
     QStringList m_gatewayWrapper;
     struct Round
     {
-        double p50, p99, cpu, rss, polls;
+        double p50, p99, cpu, rss, polls, farmsCpu;
     };
     std::map<int, std::vector<Round>> m_rounds;
     std::vector<double> m_latencies;
     int m_states = 0;
     double m_pollsPerSecond = 0;
+    double m_farmsCpu = 0;
 };
 
 } // namespace
