@@ -24,6 +24,7 @@
 
 int main(int argc, char **argv)
 {
+    qputenv("QT_NO_GLIB", "1"); // Qt's own event dispatcher, cheaper with many sockets
     QCoreApplication app(argc, argv);
     QLoggingCategory::setFilterRules(QStringLiteral("e1212.sim.info=false"));
     const int count = argc == 2 ? QByteArray(argv[1]).toInt() : 0;
