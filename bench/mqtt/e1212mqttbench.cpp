@@ -10,16 +10,13 @@
 //   e1212mqttbench [--rounds N] [--farms N] [--modules 1,256] [--gateway-wrapper 'CMD ARGS']
 //
 // --gateway-wrapper runs the gateway under CMD (e.g. 'valgrind --tool=callgrind').
+#include "benchsupport.h"
 #include "mosquittobroker.h"
 #include "mqttclient.h"
-#include "benchsupport.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
@@ -36,7 +33,7 @@ namespace {
 
 constexpr int c_changes = 400;
 constexpr int c_inputs = 8; // DI0-DI7 of a module
-constexpr int c_changeIntervalMs = 20;
+constexpr int c_changeIntervalMs = 20; // on average
 
 double percentile(std::vector<double> values, double p)
 {

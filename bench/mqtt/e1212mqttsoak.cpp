@@ -359,6 +359,7 @@ private:
         if (m_finished)
             return;
         m_finished = true;
+        sample(); // the last minute's last sample
         const double seconds = double(m_clock.elapsed()) / 1000.0;
         const double cpu = 100.0 * (cpuSeconds(m_gateway->processId()) - m_cpu0) / seconds;
         const int lost = pendingCount();
