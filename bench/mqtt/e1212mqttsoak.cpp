@@ -13,7 +13,10 @@
 //     across a broker restart, when the gateway keeps the latest payload of each topic);
 //   - an input's value is the one the change-maker last set or the one before (anything
 //     else is misattributed); every change is seen in the end;
-//   - no output ever changes (no command is sent; the simulators print none either).
+//   - no output changes but by a command: every 5 s DO0 of a random module is toggled
+//     through its command topic; DO0 shows only values commanded (both the old and the new
+//     one while a write is in doubt), the other outputs stay 0, on the broker and in the
+//     simulators' own lines.
 // The gateway's RSS is sampled every 10 s; a line per minute, a summary at the end. The
 // exit status is 0 when no check failed.
 #include "benchsupport.h"
@@ -42,6 +45,7 @@ namespace {
 
 constexpr int c_channels = 8;
 constexpr int c_changeIntervalMs = 100; // on average
+constexpr int c_commandIntervalMs = 5000;
 
 double percentile(std::vector<double> values, double p)
 {
@@ -77,6 +81,11 @@ private:
         Input inputs[c_channels];
         qint64 lastSeq = -1;
         bool online = false;
+        // DO0, the one output commanded: the values it may show (bit v for v), the last seen
+        // and the one last commanded.
+        int outputAllowed = 1;
+        int outputSeen = 0;
+        int outputCommanded = 0;
         int offlineEvents = 0;
     };
 
@@ -144,10 +153,13 @@ private:
         connect(m_subscriber.get(), &MqttClient::messageReceived, this, &Soak::onMessage);
         m_subscriber->subscribe(QStringLiteral("e1212/#"));
         m_subscriber->start(&error);
+        options.clientId = QStringLiteral("soak-pub");
+        m_publisher = std::make_unique<MqttClient>(options);
+        m_publisher->start(&error);
 
         m_gateway = std::make_unique<QProcess>();
         m_gateway->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        // Writes allowed: an output may change only by a command, and none is sent.
+        // Writes allowed: an output may change, but only by a command.
         m_gateway->start(QStringLiteral(E1212_CTL), {QStringLiteral("serve"), QStringLiteral("--config"), config.fileName(),
                                                      QStringLiteral("--mqtt"), m_broker.url(), QStringLiteral("--mqtt-client-id"),
                                                      QStringLiteral("soak"), QStringLiteral("--allow-writes")});
@@ -172,11 +184,15 @@ private:
         auto *sampler = new QTimer(this);
         connect(sampler, &QTimer::timeout, this, &Soak::sample);
         sampler->start(10000);
+        auto *commands = new QTimer(this);
+        connect(commands, &QTimer::timeout, this, &Soak::command);
+        commands->start(c_commandIntervalMs);
         for (int third = 1; third <= 2; ++third)
             QTimer::singleShot(m_seconds * 1000 * third / 3, this, [this] { restartBroker(); });
-        QTimer::singleShot(m_seconds * 1000, this, [this, changes, sampler] {
+        QTimer::singleShot(m_seconds * 1000, this, [this, changes, sampler, commands] {
             changes->stop();
             sampler->stop();
+            commands->stop();
             // Every change still pending must come through once its module answers.
             when([this] { return pendingCount() == 0; }, 30000, QStringLiteral("every change's state"), [this] { finish(); });
             QTimer::singleShot(30000, this, [this] {
@@ -204,6 +220,19 @@ private:
             m_moduleList[size_t(m)].process->write(QByteArray("DI") + QByteArray::number(channel) + (input.value ? "=1\n" : "=0\n"));
             return;
         }
+    }
+
+    // Toggles DO0 of a random module through its command topic.
+    void command()
+    {
+        if (m_paused)
+            return;
+        const int m = QRandomGenerator::global()->bounded(m_modules);
+        Module &module = m_moduleList[size_t(m)];
+        module.outputCommanded = 1 - module.outputSeen;
+        module.outputAllowed |= 1 << module.outputCommanded;
+        ++m_commandsSent;
+        m_publisher->publish(QStringLiteral("e1212/m%1/DO0/set").arg(m), QByteArray::number(module.outputCommanded));
     }
 
     void restartBroker()
@@ -248,8 +277,9 @@ private:
                 module.port = quint16(match.captured(1).toUInt());
             else if (line.contains(QLatin1String(" fault ")) && !line.endsWith(QLatin1String(" end")))
                 ++m_faults[line.section(QLatin1Char(' '), 2, 2)];
-            else if (line.startsWith(QLatin1String("DO")))
-                fail(QStringLiteral("module m%1: output changed: %2").arg(m).arg(line), &m_outputChanges);
+            else if (line.startsWith(QLatin1String("DO")) && !(line.startsWith(QLatin1String("DO0 "))
+                                                                && (module.outputAllowed & (1 << (line.endsWith(QLatin1String(" on")) ? 1 : 0)))))
+                fail(QStringLiteral("module m%1: output changed without a command: %2").arg(m).arg(line), &m_outputChanges);
         }
     }
 
@@ -267,6 +297,19 @@ private:
             return;
         Module &module = m_moduleList[size_t(m)];
         const QString &leaf = levels.at(2);
+        if (leaf == QLatin1String("result")) {
+            const QJsonObject result = QJsonDocument::fromJson(message.payload).object();
+            if (result.value(QStringLiteral("topic")).toString() != QStringLiteral("e1212/m%1/DO0/set").arg(m))
+                return;
+            // A failed write may still have reached the module: then both values stay possible.
+            if (result.value(QStringLiteral("ok")).toBool()) {
+                ++m_commandsDone;
+                module.outputAllowed = m_outage ? module.outputAllowed : 1 << module.outputCommanded;
+            } else {
+                ++m_commandsFailed;
+            }
+            return;
+        }
         if (leaf == QLatin1String("availability")) {
             const bool online = message.payload == "online";
             module.offlineEvents += module.online && !online ? 1 : 0;
@@ -287,8 +330,12 @@ private:
         }
         module.lastSeq = std::max(module.lastSeq, seq);
         if (!input) {
-            if (value != 0)
-                fail(QStringLiteral("%1 is %2 though no command was sent").arg(message.topic).arg(value), &m_outputChanges);
+            const bool allowed = leaf == QLatin1String("DO0") ? value >= 0 && value <= 1 && (module.outputAllowed & (1 << value))
+                                                              : value == 0;
+            if (allowed && leaf == QLatin1String("DO0"))
+                module.outputSeen = value;
+            else if (!allowed)
+                fail(QStringLiteral("%1 is %2 though no command set it so").arg(message.topic).arg(value), &m_outputChanges);
             return;
         }
         Input &in = module.inputs[leaf.mid(2).toInt() % c_channels];
@@ -377,7 +424,9 @@ private:
                     "max %.1f ms\n",
                     m_changesMade, m_changesSeen, lost, m_misattributed, percentile(m_latencies, 0.5), percentile(m_latencies, 0.99),
                     percentile(m_latencies, 1.0));
-        std::printf("seq gaps %d (jumps across broker restarts %d); outputs changed %d\n", m_seqGaps, m_resyncs, m_outputChanges);
+        std::printf("seq gaps %d (jumps across broker restarts %d); DO0 commands sent %d, done %d, failed %d; outputs changed "
+                    "without a command %d\n",
+                    m_seqGaps, m_resyncs, m_commandsSent, m_commandsDone, m_commandsFailed, m_outputChanges);
         std::printf("gateway RSS minute 2 %.1f MiB, last minute %.1f MiB (%+.1f %%), peak %.1f MiB; CPU %.1f %%\n", second, last,
                     growth, statusMiB(m_gateway->processId(), "VmHWM"), cpu);
         const bool ok = lost == 0 && m_misattributed == 0 && m_seqGaps == 0 && m_outputChanges == 0;
@@ -397,6 +446,7 @@ private:
     QTemporaryDir m_dir;
     QElapsedTimer m_clock;
     std::unique_ptr<MqttClient> m_subscriber;
+    std::unique_ptr<MqttClient> m_publisher;
     std::unique_ptr<QProcess> m_gateway;
     std::vector<Module> m_moduleList;
     std::map<QString, int> m_faults;
@@ -414,6 +464,9 @@ private:
     int m_seqGaps = 0;
     int m_resyncs = 0;
     int m_outputChanges = 0;
+    int m_commandsSent = 0;
+    int m_commandsDone = 0;
+    int m_commandsFailed = 0;
 };
 
 } // namespace
