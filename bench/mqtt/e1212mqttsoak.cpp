@@ -46,6 +46,7 @@ namespace {
 constexpr int c_channels = 8;
 constexpr int c_changeIntervalMs = 100; // on average
 constexpr int c_commandIntervalMs = 5000;
+constexpr qint64 c_offPhaseMs = 200; // a 1 ms off-phase, seen through a poll or two
 
 double percentile(std::vector<double> values, double p)
 {
@@ -86,6 +87,9 @@ private:
         int outputAllowed = 1;
         int outputSeen = 0;
         int outputCommanded = 0;
+        // Since when DO0 reads 0 while only 1 is allowed, per view (0: the simulator's lines,
+        // 1: the broker); 0 when not.
+        qint64 offPhaseSinceMs[2] = {0, 0};
         int offlineEvents = 0;
     };
 
@@ -222,6 +226,40 @@ private:
         }
     }
 
+    // DO0 of module m reads `value` in `view` (0: the simulator, 1: the broker). An output set
+    // on runs the module's pulse generator with a 65535 ms on-phase and a 1 ms off-phase: an
+    // off that turns on again within a poll or two is that off-phase, not a change.
+    void checkOutput(int m, int view, int value, const QString &where)
+    {
+        Module &module = m_moduleList[size_t(m)];
+        qint64 &since = module.offPhaseSinceMs[view];
+        if (module.outputAllowed & (1 << value)) {
+            if (since && value == 1 && m_clock.elapsed() - since <= c_offPhaseMs)
+                ++m_offPhases;
+            else if (since && value == 1)
+                fail(QStringLiteral("m%1 DO0 (%2) was off for %3 ms without a command").arg(m).arg(where).arg(m_clock.elapsed() - since),
+                     &m_outputChanges);
+            since = 0;
+        } else if (value == 0 && module.outputAllowed == 2 && !since) {
+            since = m_clock.elapsed();
+        } else {
+            fail(QStringLiteral("m%1 DO0 (%2) is %3 without a command").arg(m).arg(where).arg(value), &m_outputChanges);
+        }
+    }
+
+    // An off-phase that did not end in time is a change.
+    void checkOffPhases()
+    {
+        for (size_t m = 0; m < m_moduleList.size(); ++m) {
+            for (qint64 &since : m_moduleList[m].offPhaseSinceMs) {
+                if (since && m_clock.elapsed() - since > c_offPhaseMs) {
+                    fail(QStringLiteral("m%1 DO0 off for more than %2 ms without a command").arg(m).arg(c_offPhaseMs), &m_outputChanges);
+                    since = 0;
+                }
+            }
+        }
+    }
+
     // Toggles DO0 of a random module through its command topic.
     void command()
     {
@@ -277,8 +315,9 @@ private:
                 module.port = quint16(match.captured(1).toUInt());
             else if (line.contains(QLatin1String(" fault ")) && !line.endsWith(QLatin1String(" end")))
                 ++m_faults[line.section(QLatin1Char(' '), 2, 2)];
-            else if (line.startsWith(QLatin1String("DO")) && !(line.startsWith(QLatin1String("DO0 "))
-                                                                && (module.outputAllowed & (1 << (line.endsWith(QLatin1String(" on")) ? 1 : 0)))))
+            else if (line.startsWith(QLatin1String("DO0 ")))
+                checkOutput(m, 0, line.endsWith(QLatin1String(" on")) ? 1 : 0, line);
+            else if (line.startsWith(QLatin1String("DO")))
                 fail(QStringLiteral("module m%1: output changed without a command: %2").arg(m).arg(line), &m_outputChanges);
         }
     }
@@ -330,12 +369,12 @@ private:
         }
         module.lastSeq = std::max(module.lastSeq, seq);
         if (!input) {
-            const bool allowed = leaf == QLatin1String("DO0") ? value >= 0 && value <= 1 && (module.outputAllowed & (1 << value))
-                                                              : value == 0;
-            if (allowed && leaf == QLatin1String("DO0"))
+            if (leaf == QLatin1String("DO0") && (value == 0 || value == 1)) {
+                checkOutput(m, 1, value, message.topic);
                 module.outputSeen = value;
-            else if (!allowed)
+            } else if (value != 0) {
                 fail(QStringLiteral("%1 is %2 though no command set it so").arg(message.topic).arg(value), &m_outputChanges);
+            }
             return;
         }
         Input &in = module.inputs[leaf.mid(2).toInt() % c_channels];
@@ -383,6 +422,7 @@ private:
 
     void sample()
     {
+        checkOffPhases();
         m_rss.push_back(statusMiB(m_gateway->processId(), "VmRSS"));
         if (m_rss.size() % 6 != 0)
             return;
@@ -406,7 +446,7 @@ private:
         if (m_finished)
             return;
         m_finished = true;
-        sample(); // the last minute's last sample
+        sample(); // the last minute's last sample; ends the off-phases
         const double seconds = double(m_clock.elapsed()) / 1000.0;
         const double cpu = 100.0 * (cpuSeconds(m_gateway->processId()) - m_cpu0) / seconds;
         const int lost = pendingCount();
@@ -424,9 +464,9 @@ private:
                     "max %.1f ms\n",
                     m_changesMade, m_changesSeen, lost, m_misattributed, percentile(m_latencies, 0.5), percentile(m_latencies, 0.99),
                     percentile(m_latencies, 1.0));
-        std::printf("seq gaps %d (jumps across broker restarts %d); DO0 commands sent %d, done %d, failed %d; outputs changed "
-                    "without a command %d\n",
-                    m_seqGaps, m_resyncs, m_commandsSent, m_commandsDone, m_commandsFailed, m_outputChanges);
+        std::printf("seq gaps %d (jumps across broker restarts %d); DO0 commands sent %d, done %d, failed %d; on-outputs' 1 ms "
+                    "off-phases %d; outputs changed without a command %d\n",
+                    m_seqGaps, m_resyncs, m_commandsSent, m_commandsDone, m_commandsFailed, m_offPhases, m_outputChanges);
         std::printf("gateway RSS minute 2 %.1f MiB, last minute %.1f MiB (%+.1f %%), peak %.1f MiB; CPU %.1f %%\n", second, last,
                     growth, statusMiB(m_gateway->processId(), "VmHWM"), cpu);
         const bool ok = lost == 0 && m_misattributed == 0 && m_seqGaps == 0 && m_outputChanges == 0;
@@ -467,6 +507,7 @@ private:
     int m_commandsSent = 0;
     int m_commandsDone = 0;
     int m_commandsFailed = 0;
+    int m_offPhases = 0;
 };
 
 } // namespace
