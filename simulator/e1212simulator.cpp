@@ -270,6 +270,11 @@ int E1212Simulator::connectionCount() const
     return m_proxy->connectionCount();
 }
 
+void E1212Simulator::dropConnections()
+{
+    m_proxy->dropConnections();
+}
+
 int E1212Simulator::requestCount() const
 {
     return m_server->requestCount();

@@ -103,6 +103,8 @@ public:
     void setException(QModbusDataUnit::RegisterType table, int address, QModbusPdu::ExceptionCode code);
     void clearExceptions();
     int connectionCount() const;
+    // Resets every client connection, as a module's restart does (it keeps listening).
+    void dropConnections();
     // Requests received since start.
     int requestCount() const;
 

@@ -54,7 +54,9 @@ CtlGroup simulateGroup()
                        + indent + QStringLiteral("                  (coils, discreteInputs, inputRegisters, holdingRegisters)\n")
                        + indent + QStringLiteral("                  with Modbus exception CODE 1-255, e.g. exception:coils:16:2\n")
                        + indent + QStringLiteral("duplicate         send every answer twice, as a faulty gateway does\n")
-                       + indent + QStringLiteral("garbage           send as many random bytes instead of every answer"),
+                       + indent + QStringLiteral("garbage           send as many random bytes instead of every answer\n")
+                       + indent + QStringLiteral("random            every 2-8 s one of: silence for 0.5-5 s, every connection\n")
+                       + indent + QStringLiteral("                  reset, garbage for 0.2-1 s, or nothing; each printed"),
                    QStringLiteral("KIND")}},
                  CtlCommand::CommandLineOnly},
             }};

@@ -7,6 +7,7 @@
 #include "ctlsession.h"
 #include "ctlstep.h"
 #include "e1212simulator.h"
+#include "simulatorrandomfaults.h"
 
 #include <QDateTime>
 #include <QRegularExpression>
@@ -53,6 +54,8 @@ bool applyFault(E1212Simulator &simulator, const QString &kind, int *delayMs, QS
     const QString what = QStringLiteral("--fault \"%1\"").arg(kind);
     const QStringList fields = kind.split(QLatin1Char(':'));
     const QString name = fields.first();
+    if (name == QLatin1String("random") && fields.size() == 1)
+        return true; // started with the simulator
     if ((name == QLatin1String("silence") || name == QLatin1String("duplicate") || name == QLatin1String("garbage"))
         && fields.size() == 1) {
         if (name == QLatin1String("silence"))
@@ -88,7 +91,7 @@ bool applyFault(E1212Simulator &simulator, const QString &kind, int *delayMs, QS
         simulator.setException(tables.value(fields.at(1)), int(address), QModbusPdu::ExceptionCode(number));
         return true;
     }
-    *error = what + QStringLiteral(" is not silence, delay:MS, exception:TABLE:ADDRESS:CODE, duplicate or garbage");
+    *error = what + QStringLiteral(" is not silence, delay:MS, exception:TABLE:ADDRESS:CODE, duplicate, garbage or random");
     return false;
 }
 
@@ -112,6 +115,12 @@ bool configure(E1212Simulator &simulator, const CtlArgs &args, QByteArray *mac, 
         if (!applyFault(simulator, kind, &delayMs, error))
             return false;
         delays += kind.startsWith(QLatin1String("delay:")) ? 1 : 0;
+    }
+    const QStringList faults = args.values(QStringLiteral("fault"));
+    if (faults.contains(QStringLiteral("random"))
+        && (faults.contains(QStringLiteral("silence")) || faults.contains(QStringLiteral("garbage")))) {
+        *error = QStringLiteral("--fault random switches silence and garbage itself; give neither with it");
+        return false;
     }
     if (delays > 1) {
         *error = QStringLiteral("--latency and --fault delay:MS set the same delay; give it once");
@@ -174,6 +183,13 @@ void simulate(CtlStep &step)
                           << " refused: " << simulator.connectionCount() << " clients connected, the limit ("
                           << simulator.refusedConnectionCount() << " refused so far)" << Qt::endl;
         });
+    }
+    if (args.values(QStringLiteral("fault")).contains(QStringLiteral("random"))) {
+        auto &faults = *new SimulatorRandomFaults(&simulator, &simulator);
+        QObject::connect(&faults, &SimulatorRandomFaults::faultInjected, &session, [&session](const QString &what) {
+            session.out() << QDateTime::currentDateTime().toString(Qt::ISODateWithMs) << " fault " << what << Qt::endl;
+        });
+        faults.start();
     }
     auto &input = *new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, &step);
     QObject::connect(&input, &QSocketNotifier::activated, &step, [&session, &simulator, &input, pending = QByteArray()]() mutable {

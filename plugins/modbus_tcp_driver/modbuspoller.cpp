@@ -72,6 +72,7 @@ void ModbusPoller::timerEvent(QTimerEvent *event)
         return;
     if (!m_planned)
         plan();
+    m_roundClock.start();
     m_outstanding = m_plan.size();
     for (const Span &span : qAsConst(m_plan))
         poll(span);
@@ -142,7 +143,7 @@ void ModbusPoller::onPolled(const Span &span, int round, const DError &error, co
         }
     }
     if (round == m_round && --m_outstanding == 0) {
-        m_timer.start(m_again ? 0 : m_intervalMs, this);
+        m_timer.start(m_again ? 0 : int(qMax<qint64>(0, m_intervalMs - m_roundClock.elapsed())), this);
         m_again = false;
     }
 }

@@ -7,6 +7,7 @@
 #include "derror.h"
 
 #include <QBasicTimer>
+#include <QElapsedTimer>
 #include <QHash>
 #include <QModbusDataUnit>
 #include <QObject>
@@ -19,7 +20,8 @@ class ModbusPoller : public QObject
     Q_OBJECT
 public:
     // Polls through `connection` (which must outlive this object, or see takeAll() first);
-    // `intervalMs` runs from the end of one round of reads to the start of the next.
+    // A round of reads starts every `intervalMs`, or as soon as the last one ends when it
+    // took longer.
     ModbusPoller(ModbusConnection *connection, int intervalMs, QObject *parent = nullptr);
 
     // Listens to the unit's registers under `id`, each read given `timeoutMs`. The first
@@ -72,4 +74,5 @@ private:
     int m_outstanding = 0; // reads of the round under way
     bool m_again = false;  // a listener came during a round: the next one starts at once
     QBasicTimer m_timer;
+    QElapsedTimer m_roundClock; // since the round under way started
 };

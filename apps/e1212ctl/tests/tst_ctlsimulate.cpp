@@ -103,7 +103,7 @@ private slots:
         QTest::addColumn<QString>("error");
         const QString notNumber = QStringLiteral("%1 \"%2\" is not a whole number from %3 to %4 (decimal or 0x hexadecimal)");
         const QString notMac = QStringLiteral("--mac \"%1\" is not six two-digit hexadecimal bytes separated by colons (XX:XX:XX:XX:XX:XX)");
-        const QString notFault = QStringLiteral("--fault \"%1\" is not silence, delay:MS, exception:TABLE:ADDRESS:CODE, duplicate or garbage");
+        const QString notFault = QStringLiteral("--fault \"%1\" is not silence, delay:MS, exception:TABLE:ADDRESS:CODE, duplicate, garbage or random");
         QTest::newRow("latency 60001") << QStringList{"--latency", "60001"} << notNumber.arg("--latency", "60001").arg(0).arg(60000);
         QTest::newRow("connections 0") << QStringList{"--max-connections", "0"} << notNumber.arg("--max-connections", "0").arg(1).arg(64);
         QTest::newRow("connections 65") << QStringList{"--max-connections", "65"} << notNumber.arg("--max-connections", "65").arg(1).arg(64);
@@ -124,6 +124,8 @@ private slots:
         const QString twice = QStringLiteral("--latency and --fault delay:MS set the same delay; give it once");
         QTest::newRow("latency and delay") << QStringList{"--latency", "5", "--fault", "delay:5"} << twice;
         QTest::newRow("delay twice") << QStringList{"--fault", "delay:5", "--fault", "duplicate", "--fault", "delay:6"} << twice;
+        QTest::newRow("random and silence") << QStringList{"--fault", "random", "--fault", "silence"}
+                                            << QString("--fault random switches silence and garbage itself; give neither with it");
         QTest::newRow("latency twice") << QStringList{"--latency", "5", "--latency", "6"} << twice;
         QTest::newRow("bad after good") << QStringList{"--fault", "duplicate", "--fault", "garbage", "--fault", "late"} << notFault.arg("late");
     }
