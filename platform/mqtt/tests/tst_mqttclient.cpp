@@ -54,6 +54,7 @@ void TstMqttClient::parseUrl_data()
     QTest::newRow("plain default port") << "mqtt://broker.local" << "broker.local:1883:0";
     QTest::newRow("tls default port") << "mqtts://10.0.0.5" << "10.0.0.5:8883:1";
     QTest::newRow("given port") << "mqtt://127.0.0.1:1884" << "127.0.0.1:1884:0";
+    QTest::newRow("trailing slash") << "mqtts://h:1/" << "h:1:1";
     QTest::newRow("other scheme") << "http://h" << "--mqtt http://h: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
     QTest::newRow("no scheme") << "h:1883" << "--mqtt h:1883: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
     QTest::newRow("no host") << "mqtt://:1883" << "--mqtt mqtt://:1883: not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]";
