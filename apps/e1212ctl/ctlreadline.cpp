@@ -103,8 +103,7 @@ void CtlReadline::onLine(char *line)
     // Readline calls this from inside rl_callback_read_char(): the handler goes first, so
     // the step the line starts runs with the terminal as it was.
     self->pause();
-    if (!line) {
-        fputc('\n', rl_outstream);
+    if (!line) { // Ctrl-D: readline has ended the prompt's line itself
         fflush(rl_outstream);
         emit self->ended();
         return;

@@ -147,6 +147,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io2:DI4 = 1\r\nio2:DI5 = 0\r\nio2:DI6 = 0\r\nio2:DI7 = 0\r\n"), 10000);
         terminal.type("\x04"); // Ctrl-D
         QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), 0, 10000);
+        // The terminal's own prompt comes on the next line, no blank line before it.
+        QVERIFY2(terminal.screen().endsWith("\r\n") && !terminal.screen().endsWith("\n\r\n"), terminal.screen().right(20).toHex().constData());
 
         // The history outlives the session.
         Terminal again(m_arguments, m_dir.filePath(QStringLiteral("editing")));
