@@ -211,11 +211,12 @@ private:
             if (channel.pulseIndex >= 0 && !columns.contains(qMakePair(channel.device, true)))
                 columns.insert(columns.indexOf(qMakePair(channel.device, false)) + 1, qMakePair(channel.device, true));
         }
-        int width = QStringLiteral("channel").size();
+        QString header = QStringLiteral("channel");
+        int width = header.size();
         for (const QString &id : qAsConst(ids))
             width = qMax(width, id.size());
         QStringList lines;
-        QString header = QStringLiteral("channel").leftJustified(width);
+        header = header.leftJustified(width);
         QVector<int> widths;
         for (const auto &column : qAsConst(columns)) {
             const QString name = column.second ? QStringLiteral("pulse") : m_session.config(column.first).reference.section(QLatin1Char(' '), -1);

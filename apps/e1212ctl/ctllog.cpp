@@ -36,8 +36,8 @@ void appendTimeStamp(QByteArray *line)
     tm utc{};
     gmtime_r(&now.tv_sec, &utc);
     char text[32];
-    const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
-    std::snprintf(text + length, sizeof text - length, ".%03dZ", int(now.tv_nsec / 1000000));
+    line->append(text, int(strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc)));
+    std::snprintf(text, sizeof text, ".%03dZ", int(now.tv_nsec / 1000000));
     line->append(text);
 }
 

@@ -150,6 +150,7 @@ private slots:
         row("script step on the line", {"use", "io2"}, "unknown command \"use\"");
         row("no command", {}, "no command given");
         row("too many words", {"get", "DI0", "DI1"}, "usage: get CH");
+        row("info takes no word", {"info", "DI0"}, "usage: info");
         row("unknown option", {"--bogus", "info"}, "Unknown option 'bogus'");
         row("option of another command", {"get", "DI0", "--mask", "1"}, "Unknown option 'mask'");
         row("device port 9 of a port", {"--device", "127.0.0.1:15020:9", "get", "DI0"}, "--device 127.0.0.1:15020:9: the host is empty or not one name");
@@ -787,7 +788,7 @@ private slots:
         QCOMPARE(head.mid(16).toHex(), QByteArray("00000320000001e0")); // 800x480 unless --size says otherwise
     }
 
-    // Every help text word for word as help.txt has it, each run without a display
+    // Every help text and the declared commands word for word as help.txt has them, without a display
     // (E1212_UPDATE_HELP=1 writes the file anew from the commands it lists).
     void helpTexts()
     {

@@ -150,7 +150,10 @@ private slots:
         // The terminal's own prompt comes on the next line, no blank line before it.
         QVERIFY2(terminal.screen().endsWith("\r\n") && !terminal.screen().endsWith("\n\r\n"), terminal.screen().right(20).toHex().constData());
 
-        // The history outlives the session.
+        // The history outlives the session: each line once, as it ran.
+        QFile history(m_dir.filePath(QStringLiteral("editing/e1212/e1212ctl.history")));
+        QVERIFY(history.open(QIODevice::ReadOnly));
+        QCOMPARE(history.readAll(), QByteArray("get DI1\nget DI1\nget DI1\nuse  io2\nget-run  DI4\n"));
         Terminal again(m_arguments, m_dir.filePath(QStringLiteral("editing")));
         QTRY_VERIFY_WITH_TIMEOUT(again.fresh().endsWith("io1> "), 10000);
         again.mark();
