@@ -19,7 +19,7 @@ class ModbusPoller : public QObject
 {
     Q_OBJECT
 public:
-    // Polls through `connection` (which must outlive this object, or see takeAll() first);
+    // Polls through `connection` (which must outlive this object, or see takeAll() first).
     // A round of reads starts every `intervalMs`, or as soon as the last one ends when it
     // took longer.
     ModbusPoller(ModbusConnection *connection, int intervalMs, QObject *parent = nullptr);
