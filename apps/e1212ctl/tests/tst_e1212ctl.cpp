@@ -341,7 +341,7 @@ private slots:
         QTest::newRow("keep going") << QStringList{"--keep-going"} << QByteArray("get DI0\nget DX0\nget DI1\nwait x\n") << 2
                                     << "4 steps, 2 passed, 2 failed";
         // A line too long is one failed step, the lines after it run: 65536 bytes is the limit.
-        QTest::newRow("past a long line") << QStringList{"--keep-going"} << QByteArray(70000, 'A') + "\n" + QByteArray(65529, ' ') + "get DI0\n"
+        QTest::newRow("past a long line") << QStringList{"--keep-going"} << QByteArray(200000, 'A') + "\n" + QByteArray(65529, ' ') + "get DI0\n"
                                           << 2 << "2 steps, 1 passed, 1 failed";
     }
 
@@ -488,12 +488,14 @@ private slots:
     // output's pulse generator as read.
     void channels()
     {
-        m_io1.setOutput(5, true);
+        // DO5 on as setValue leaves it: the generator's on-phase of 65535 ms.
+        const quint16 width = m_io1.value(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 5);
+        m_io1.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 5, 65535);
         m_io1.setPulseStatus(5, true);
         const int requests = m_io1.requestCount();
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("channels")});
-        m_io1.setOutput(5, false);
         m_io1.setPulseStatus(5, false);
+        m_io1.setValue(QModbusDataUnit::HoldingRegisters, E1212Simulator::PulseOnWidthBase + 5, width);
         QCOMPARE(run.exitCode, 0);
         QCOMPARE(m_io1.requestCount() - requests, 3); // one read each: inputs, outputs, pulse generators
         const QStringList lines = QString(QLatin1Char('\n') + run.out).split(QLatin1Char('\n'));
@@ -502,6 +504,14 @@ private slots:
         QCOMPARE(lines.value(14), QStringLiteral("DO4               digitalOutput  0      0      4         coilsRegister     coilsRegister      true             4     Digital output 4"));
         QCOMPARE(lines.value(15), QStringLiteral("DO5               digitalOutput  1      1      5         coilsRegister     coilsRegister      true             3     Digital output 5"));
         QCOMPARE(lines.value(18), QStringLiteral("DO_PulseStatus    -              -      -      16        coilsRegister     coilsRegister      -                8     Pulse status of DO0, coils 16-23"));
+        // A record without a size is read on its own.
+        m_io2.setInput(3, true);
+        const QString file = write(QStringLiteral("nosize.json"), QStringLiteral(R"({"reference": "Bench io1", "connection": {"host": "127.0.0.1", "port": %1},
+            "parameters": {"io1_channels": [{"id": "DI3", "value": [{"id": "type", "value": "digitalInput"}, {"id": "register", "value": 3},
+            {"id": "readRegisterType", "value": "discreteInputs"}]}]}})").arg(m_io2.port()).toUtf8());
+        const Run one = runCtl({QStringLiteral("--config"), file, QStringLiteral("channels")});
+        m_io2.setInput(3, false);
+        QVERIFY2(one.out.contains(QRegularExpression(QStringLiteral("\nDI3 +digitalInput +1 "))), qPrintable(one.out));
     }
 
     // expect --within passes on the report that shows the value, and fails at its deadline
