@@ -2,12 +2,18 @@
 // What the MQTT benchmarks share.
 #include "benchsupport.h"
 
+#include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QList>
 #include <QString>
+#include <QTimer>
+
+#include <cstdio>
+#include <memory>
 
 #include <time.h>
 #include <unistd.h>
@@ -61,4 +67,23 @@ QByteArray gatewayConfig(const std::vector<quint16> &ports, int pollIntervalMs)
                                                                               {QStringLiteral("pollIntervalMs"), pollIntervalMs}}}});
     }
     return QJsonDocument(QJsonObject{{QStringLiteral("devices"), devices}}).toJson();
+}
+
+void whenReady(QObject *context, const std::function<bool()> &ready, int everyMs, int ms, const QString &what,
+               const std::function<void()> &then)
+{
+    auto *timer = new QTimer(context);
+    auto elapsed = std::make_shared<QElapsedTimer>();
+    elapsed->start();
+    QObject::connect(timer, &QTimer::timeout, context, [=] {
+        if (ready()) {
+            timer->deleteLater();
+            then();
+        } else if (elapsed->elapsed() > ms) {
+            std::fprintf(stderr, "%s: %s did not happen within %d ms\n", qPrintable(QCoreApplication::applicationName()),
+                         qPrintable(what), ms);
+            QCoreApplication::exit(1);
+        }
+    });
+    timer->start(everyMs);
 }

@@ -69,22 +69,9 @@ private:
         step();
     }
 
-    // Calls `then` once `ready` holds, checking every 20 ms; gives up after `ms`.
     void when(const std::function<bool()> &ready, int ms, const QString &what, const std::function<void()> &then)
     {
-        auto *timer = new QTimer(this);
-        auto elapsed = std::make_shared<QElapsedTimer>();
-        elapsed->start();
-        connect(timer, &QTimer::timeout, this, [=] {
-            if (ready()) {
-                timer->deleteLater();
-                then();
-            } else if (elapsed->elapsed() > ms) {
-                std::fprintf(stderr, "e1212mqttbench: %s did not happen within %d ms\n", qPrintable(what), ms);
-                QCoreApplication::exit(1);
-            }
-        });
-        timer->start(20);
+        whenReady(this, ready, 20, ms, what, then);
     }
 
     std::unique_ptr<MqttClient> client(const QString &id)

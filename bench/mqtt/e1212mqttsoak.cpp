@@ -93,22 +93,9 @@ private:
         int offlineEvents = 0;
     };
 
-    // Calls `then` once `ready` holds, checking every 50 ms; gives up after `ms`.
     void when(const std::function<bool()> &ready, int ms, const QString &what, const std::function<void()> &then)
     {
-        auto *timer = new QTimer(this);
-        auto elapsed = std::make_shared<QElapsedTimer>();
-        elapsed->start();
-        connect(timer, &QTimer::timeout, this, [=] {
-            if (ready()) {
-                timer->deleteLater();
-                then();
-            } else if (elapsed->elapsed() > ms) {
-                std::fprintf(stderr, "e1212mqttsoak: %s did not happen within %d ms\n", qPrintable(what), ms);
-                QCoreApplication::exit(1);
-            }
-        });
-        timer->start(50);
+        whenReady(this, ready, 50, ms, what, then);
     }
 
     void startBroker()
