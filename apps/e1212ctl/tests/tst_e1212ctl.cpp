@@ -699,11 +699,12 @@ private slots:
         QCOMPARE(process.exitCode(), 0);
 
         QCOMPARE(records.first(), QStringLiteral("time,device,channel,value,code"));
-        QVERIFY2(records.contains(records.at(1).section(QLatin1Char(','), 0, 0) + QStringLiteral(",Moxa E1212 io1,DI1,0,")), qPrintable(records.join('\n')));
+        const QStringList first = records.filter(QStringLiteral(",Moxa E1212 io1,DI1,0,"));
+        QVERIFY2(first.size() == 1, qPrintable(records.join('\n')));
         QVERIFY2(records.last().endsWith(QStringLiteral(",Moxa E1212 io1,DI1,1,")), qPrintable(records.join('\n')));
         const QStringList lines = out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        QVERIFY2(lines.contains(records.at(1).section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 0"))
-                     || lines.contains(records.at(2).section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 0")), qPrintable(out));
+        // The same record, with the same time, on standard output and in the file.
+        QVERIFY2(lines.contains(first.value(0).section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 0")), qPrintable(out));
         QCOMPARE(lines.last(), records.last().section(QLatin1Char(','), 0, 0) + QStringLiteral("  io1:DI1 = 1"));
         for (const QString &record : records.mid(1))
             QVERIFY2(hasZone(record.section(QLatin1Char(','), 0, 0)), qPrintable(record));
