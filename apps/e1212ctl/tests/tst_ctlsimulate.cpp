@@ -108,7 +108,6 @@ private slots:
         QTest::newRow("connections 0") << QStringList{"--max-connections", "0"} << notNumber.arg("--max-connections", "0").arg(1).arg(64);
         QTest::newRow("connections 65") << QStringList{"--max-connections", "65"} << notNumber.arg("--max-connections", "65").arg(1).arg(64);
         QTest::newRow("MAC of five bytes") << QStringList{"--mac", "00:90:E8:12:34"} << notMac.arg("00:90:E8:12:34");
-        QTest::newRow("MAC not hex") << QStringList{"--mac", "00:90:E8:12:34:5G"} << notMac.arg("00:90:E8:12:34:5G");
         QTest::newRow("unknown fault") << QStringList{"--fault", "drop"} << notFault.arg("drop");
         QTest::newRow("exception without code") << QStringList{"--fault", "exception:coils:16"} << notFault.arg("exception:coils:16");
         QTest::newRow("unknown table") << QStringList{"--fault", "exception:coil:16:2"}
@@ -126,7 +125,6 @@ private slots:
         QTest::newRow("delay twice") << QStringList{"--fault", "delay:5", "--fault", "duplicate", "--fault", "delay:6"} << twice;
         QTest::newRow("random and silence") << QStringList{"--fault", "random", "--fault", "silence"}
                                             << QString("--fault random switches silence and garbage itself; give neither with it");
-        QTest::newRow("latency twice") << QStringList{"--latency", "5", "--latency", "6"} << twice;
         QTest::newRow("bad after good") << QStringList{"--fault", "duplicate", "--fault", "garbage", "--fault", "late"} << notFault.arg("late");
     }
 
@@ -161,7 +159,6 @@ private slots:
         QTest::newRow("exception elsewhere") << QStringList{"--fault", "exception:coils:16:2"} << 0 << coils
                                              << true << "\\[7\\]: \t0" << 0 << "" << 0;
         QTest::newRow("latency") << QStringList{"--latency", "400"} << 0 << coils << true << "\\[7\\]: \t0" << 400 << "" << 0;
-        QTest::newRow("delay") << QStringList{"--fault", "delay:400"} << 0 << coils << true << "\\[7\\]: \t0" << 400 << "" << 0;
         QTest::newRow("silence") << QStringList{"--fault", "silence", "--log"} << 0 << QStringList{"-t", "0", "-r", "3", "-o", "0.5"}
                                  << false << "timed out" << 500 << time + "fc 1 address 3 count 1$" << 0;
         QTest::newRow("garbage") << QStringList{"--fault", "garbage"} << 0 << coils << false << "failed" << 0 << "" << 0;
