@@ -37,27 +37,23 @@ void SimulatorRandomFaults::step()
         emit faultInjected(QStringLiteral("end"));
         return start();
     }
-    switch (random.bounded(4)) {
-    case 0: {
-        const int ms = random.bounded(500, 5001);
-        m_simulator->setSilent(true);
+    // A fault that lasts: switched on now, off when the timer fires.
+    const auto timed = [&](void (E1212Simulator::*set)(bool), const char *name, int minMs, int maxMs) {
+        const int ms = random.bounded(minMs, maxMs + 1);
+        (m_simulator->*set)(true);
         m_active = true;
         m_timer.start(ms);
-        emit faultInjected(QStringLiteral("silence %1 ms").arg(ms));
-        return;
-    }
+        emit faultInjected(QStringLiteral("%1 %2 ms").arg(QLatin1String(name)).arg(ms));
+    };
+    switch (random.bounded(4)) {
+    case 0:
+        return timed(&E1212Simulator::setSilent, "silence", 500, 5000);
     case 1:
         m_simulator->dropConnections();
         emit faultInjected(QStringLiteral("reset"));
         break;
-    case 2: {
-        const int ms = random.bounded(200, 1001);
-        m_simulator->setGarbageAnswers(true);
-        m_active = true;
-        m_timer.start(ms);
-        emit faultInjected(QStringLiteral("garbage %1 ms").arg(ms));
-        return;
-    }
+    case 2:
+        return timed(&E1212Simulator::setGarbageAnswers, "garbage", 200, 1000);
     default:
         break;
     }
