@@ -233,16 +233,12 @@ public:
             }
             planRun(id, run, QStringLiteral("value"));
         }
-        // getValue addresses an output read from the coils at its coil plus the pulse status
-        // base, so the run getValues of "DO_PulseStatus" reads holds it at its coil's place.
-        const int pulses = m_session.channelInfo(m_device, c_pulseStatus).value(QStringLiteral("size")).toInt();
         QHash<QString, int> run;
         for (const QString &id : ids) {
             if (!m_session.isOutput(m_device, id))
                 continue;
-            const QVariantMap info = m_session.channelInfo(m_device, id);
-            const int place = info.value(QStringLiteral("register")).toInt();
-            if (info.value(QStringLiteral("readRegisterType")) == QLatin1String("coilsRegister") && place < pulses)
+            const int place = m_session.pulseStatusPlace(m_device, id);
+            if (place >= 0)
                 run.insert(id, place);
             else
                 planOne(plainRequest(QStringLiteral("getValue"), id), id, QStringLiteral("pulse"));

@@ -348,12 +348,8 @@ void watch(CtlStep &step)
         channel.device = device;
         channel.id = id;
         channels.push_back(channel);
-        // An output read from the coils has its pulse status in the run getValues of
-        // "DO_PulseStatus" reads, at the place of its coil (as getValue addresses it).
-        const QVariantMap info = session.channelInfo(device, id);
-        const int index = info.value(QStringLiteral("register")).toInt();
-        if (!session.isOutput(device, id) || info.value(QStringLiteral("readRegisterType")) != QLatin1String("coilsRegister")
-            || index >= session.channelInfo(device, QStringLiteral("DO_PulseStatus")).value(QStringLiteral("size")).toInt())
+        const int index = session.pulseStatusPlace(device, id);
+        if (index < 0)
             return;
         channel.id += c_pulseSuffix;
         channel.pulseIndex = index;

@@ -317,6 +317,16 @@ bool CtlSession::isOutput(int device, const QString &channel) const
     return record && record->type() == QLatin1String("digitalOutput");
 }
 
+int CtlSession::pulseStatusPlace(int device, const QString &channel) const
+{
+    const QVariantMap info = channelInfo(device, channel);
+    const int place = info.value(QStringLiteral("register")).toInt();
+    if (!isOutput(device, channel) || info.value(QStringLiteral("readRegisterType")) != QLatin1String("coilsRegister")
+        || place >= channelInfo(device, QStringLiteral("DO_PulseStatus")).value(QStringLiteral("size")).toInt())
+        return -1;
+    return place;
+}
+
 QString CtlSession::toText(const QVariant &value)
 {
     const QJsonValue json = QJsonValue::fromVariant(value);

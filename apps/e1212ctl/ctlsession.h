@@ -125,6 +125,10 @@ public:
     QString label(int device, const QString &channel) const;
     // True when the record `channel` of `device` is a "digitalOutput" channel.
     bool isOutput(int device, const QString &channel) const;
+    // Where output `channel` of `device` stands in the values getValues of "DO_PulseStatus"
+    // reads: at its coil, as getValue addresses its pulse status. -1 when it is no output read
+    // from the coils or its coil lies past that run.
+    int pulseStatusPlace(int device, const QString &channel) const;
 
     // A listen's report of `value`, or its outage `error`, as one flat --json object: "event"
     // ("value" or "error"), "command", "ok", "device", "channel", "value" or "error" and "code",
