@@ -46,5 +46,5 @@ private:
     unsigned long long m_lastId = 0;
     QHash<unsigned long long, Run> m_runs;
     // The next runs of schedules, keyed by run id.
-    DeadlineQueue m_schedule;
+    DeadlineQueue m_schedule{this};
 };

@@ -29,7 +29,7 @@ private:
     void onTimer();
     void arm(qint64 deadline);
 
-    QTimer m_timer;
+    QTimer m_timer{this};
     qint64 m_armedFor = 0; // the deadline the timer is set for, while it is active
     std::multimap<qint64, quint64> m_deadlines;
 };

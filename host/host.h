@@ -125,7 +125,7 @@ private:
     unsigned long long m_lastInstruction = 0;
     QHash<unsigned long long, Route> m_routes;
     // Instruction guards, keyed by instruction id; each execution keeps the handles of its own.
-    DeadlineQueue m_guards;
+    DeadlineQueue m_guards{this};
     // The executions of each command object (declared ones for the host's life, fresh ones
     // while their execution runs).
     QHash<DAbstractCommand *, CommandQueue *> m_queues;

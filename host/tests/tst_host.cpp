@@ -285,6 +285,9 @@ private slots:
         QCOMPARE(second->errorCode(), IMessenger::CeTimeout);
         QVERIFY(first->errorString().endsWith(QStringLiteral(" within %1 ms").arg(guard)));
         QVERIFY(second->errorString().endsWith(QStringLiteral(" within %1 ms").arg(guard + sent)));
+        // Nothing is due now, so no timer of the host is left to wake it.
+        const QList<QTimer *> timers = m_host->findChildren<QTimer *>();
+        QVERIFY(std::none_of(timers.cbegin(), timers.cend(), [](QTimer *timer) { return timer->isActive(); }));
     }
 
     void ownInstructions_data()
