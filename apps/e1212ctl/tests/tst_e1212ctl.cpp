@@ -151,7 +151,7 @@ private slots:
         row("unknown option", {"--bogus", "info"}, "Unknown option 'bogus'");
         row("option of another command", {"get", "DI0", "--mask", "1"}, "Unknown option 'mask'");
         row("device port 9 of a port", {"--device", "127.0.0.1:15020:9", "get", "DI0"}, "--device 127.0.0.1:15020:9: the host is empty or not one name");
-        row("device port too big", {"--device", "127.0.0.1:99999", "get", "DI0"}, "the port must be a number from 1 to 65535");
+        row("device port too big", {"--device", ":99999", "get", "DI0"}, "the port must be a number from 1 to 65535");
         row("time-out 0", {"--timeout", "0", "info"}, "--timeout \"0\"");
         row("unknown reference", {"--ref", "io9", "info"}, "--ref io9: no such device");
         row("help on nothing", {"help", "nope"}, "help: unknown command \"nope\"");
@@ -726,11 +726,17 @@ private slots:
     void watchSilentDevice()
     {
         m_io2.setResponseDelay(10000);
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("XDG_STATE_HOME"), m_dir.path());
         const Run run = runCtl({QStringLiteral("--config"), m_bench, QStringLiteral("--timeout"), QStringLiteral("5000"),
-                                QStringLiteral("watch"), QStringLiteral("io1:DI0"), QStringLiteral("io2:DI0"), QStringLiteral("--for"), QStringLiteral("0.5")});
+                                QStringLiteral("watch"), QStringLiteral("io1:DI0"), QStringLiteral("io2:DI0"), QStringLiteral("--for"), QStringLiteral("0.5")},
+                               QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl"), environment);
         m_io2.setResponseDelay(0);
         QCOMPARE(run.exitCode, 1);
         QCOMPARE(run.err, QStringLiteral("e1212ctl: watch failed: device \"Moxa E1212 io2\" had not answered yet when the watch ended\n"));
+        // The log has the run to its end, though the last line is only an info line.
+        QFile log(m_dir.filePath(QStringLiteral("e1212/e1212ctl.log")));
+        QVERIFY(log.open(QIODevice::ReadOnly) && log.readAll().endsWith(" e1212.ctl info: exit status 1\n"));
     }
 
     // An outage is a record and a line on stderr; the first answer after it is a record too,

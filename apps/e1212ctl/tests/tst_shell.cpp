@@ -64,6 +64,7 @@ public:
             m_screen.append(buffer, int(got));
         return m_screen;
     }
+    void signal(int number) { ::kill(m_pid, number); }
     // What it showed since the last mark().
     QByteArray fresh() { return screen().mid(m_seen); }
     void mark() { m_seen = screen().size(); }
@@ -232,7 +233,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("--mask M"), 10000);
         terminal.type("help shell\r");
         QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("e1212ctl: shell:3: help: \"shell\" is not a step"), 10000);
-        terminal.type("\x04");
+        terminal.signal(SIGTERM); // ends the shell, unlike Ctrl-C
         QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), 2, 10000);
     }
 };
