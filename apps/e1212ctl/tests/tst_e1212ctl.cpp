@@ -137,7 +137,7 @@ private slots:
         row("run unknown argument", {"run", "getValue", "chanel=DI0"}, "command \"getValue\" has no parameter \"chanel\"");
         row("run raw unknown argument", {"run", "--raw", "getValue", "chanel=DI0"}, "has no parameter \"chanel\"");
         const QString ui16 = QStringLiteral("expected \"ui16\" (a whole number from 0 to 65535");
-        row("run value 65536", {"run", "setValue", "channel=DO1", "value=0x10000"}, "argument \"value\" is 65536, " + ui16);
+        row("run value 65549", {"run", "setValue", "channel=DO1", "value=0x1000D"}, "argument \"value\" is 65549, " + ui16);
         row("run value 1.5", {"run", "setValue", "channel=DO1", "value=1.5"}, "argument \"value\" is 1.5, " + ui16);
         row("run unknown channel", {"run", "setValue", "channel=DO9", "value=1"}, "unknown channel \"DO9\"");
         row("run without its channel", {"run", "getValue"}, "\"channel\"");
@@ -720,6 +720,17 @@ private slots:
         QVERIFY2(run.out.contains(QStringLiteral("\x1b[4A\rchannel  io1  pulse  io2\x1b[K\r\n")), qPrintable(run.out));
         QVERIFY2(run.out.contains(QStringLiteral("\rDI4      0           0  \x1b[K\r\n\rDO4      0    0         \x1b[K\r\n")), qPrintable(run.out));
         QVERIFY2(run.out.contains(QStringLiteral("  4 changes\x1b[K\r\n")), qPrintable(run.out));
+    }
+
+    // On a terminal a device that does not answer shows "?", and the status line says why.
+    void watchTableOutage()
+    {
+        m_io2.setResponseDelay(10000);
+        const Run run = runCtl({QStringLiteral("-qec"), QStringLiteral(E1212_BUILD_DIR "/bin/e1212ctl --config %1 --timeout 100 watch io1:DI0 io2:DI0 --for 1").arg(m_bench),
+                                QStringLiteral("/dev/null")}, QStringLiteral("script"));
+        m_io2.setResponseDelay(0);
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.out.contains(QStringLiteral("?  \x1b[K\r\n")) && run.out.contains(QStringLiteral(" changes  last error: listenEvents: ")), qPrintable(run.out));
     }
 
     // A watch that ends before a device ever answered has failed.
