@@ -10,7 +10,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QJsonObject>
 #include <QProcess>
 #include <QSocketNotifier>
 #include <QTimer>
@@ -304,24 +303,23 @@ void CtlSequence::end()
         const int stopped = background.isOk() ? int(CtlOutcome::ExitOk) : session.report(background);
         session.setStep(QString(), 0);
         if (m_mode != Shell) {
+            // The summary is a result line of its own; the failed steps have said what failed.
             const QString seconds = QString::number(double(m_clock.elapsed()) / 1000, 'f', 2);
             const int passed = m_steps - m_failed;
-            if (session.options().json) {
-                QJsonObject summary{{QStringLiteral("command"), QStringLiteral("script")}, {QStringLiteral("ok"), m_failed == 0},
-                                    {QStringLiteral("error"), m_failed == 0 ? QString() : QStringLiteral("%1 of %2 steps failed").arg(m_failed).arg(m_steps)},
-                                    {QStringLiteral("results"), QJsonObject{{QStringLiteral("file"), m_source}, {QStringLiteral("checked"), m_mode == Check},
-                                                                            {QStringLiteral("steps"), m_steps}, {QStringLiteral("passed"), passed},
-                                                                            {QStringLiteral("failed"), m_failed}, {QStringLiteral("seconds"), seconds.toDouble()}}}};
-                if (m_failed > 0)
-                    summary.insert(QStringLiteral("code"), QStringLiteral("steps_failed"));
-                session.printJson(summary);
-            } else {
-                session.out() << QStringLiteral("%1: %2 step%3%4, %5 passed, %6 failed, %7 s\n")
-                                     .arg(CtlText::echo(m_source)).arg(m_steps).arg(m_steps == 1 ? QString() : QStringLiteral("s"))
-                                     .arg(m_mode == Check ? QStringLiteral(" checked") : QString())
-                                     .arg(passed).arg(m_failed).arg(seconds)
-                              << Qt::flush;
+            CtlOutcome summary = CtlOutcome::local(
+                QStringLiteral("script"),
+                {{QStringLiteral("file"), m_source}, {QStringLiteral("checked"), m_mode == Check}, {QStringLiteral("steps"), m_steps},
+                 {QStringLiteral("passed"), passed}, {QStringLiteral("failed"), m_failed}, {QStringLiteral("seconds"), seconds.toDouble()}},
+                QStringLiteral("%1: %2 step%3%4, %5 passed, %6 failed, %7 s\n")
+                    .arg(CtlText::echo(m_source)).arg(m_steps).arg(m_steps == 1 ? QString() : QStringLiteral("s"))
+                    .arg(m_mode == Check ? QStringLiteral(" checked") : QString())
+                    .arg(passed).arg(m_failed).arg(seconds));
+            if (m_failed > 0) {
+                summary.exitCode = m_first;
+                summary.error = QStringLiteral("%1 of %2 steps failed").arg(m_failed).arg(m_steps);
+                summary.code = QStringLiteral("steps_failed");
             }
+            session.report(summary);
         }
         CtlOutcome outcome;
         outcome.exitCode = m_first != CtlOutcome::ExitOk ? m_first : stopped;

@@ -234,8 +234,8 @@ private slots:
         // The summary: six steps (line 4 is a comment), one failed.
         const QJsonObject summary = QJsonDocument::fromJson(run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts).last().toUtf8()).object();
         QCOMPARE(summary.value(QStringLiteral("command")).toString(), QStringLiteral("script"));
-        QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("steps")).toInt(), 6);
-        QCOMPARE(summary.value(QStringLiteral("results")).toObject().value(QStringLiteral("failed")).toInt(), 1);
+        QCOMPARE(summary.value(QStringLiteral("steps")).toInt(), 6);
+        QCOMPARE(summary.value(QStringLiteral("failed")).toInt(), 1);
         QCOMPARE(summary.value(QStringLiteral("error")).toString(), QStringLiteral("1 of 6 steps failed"));
         QVERIFY(m_io1.pulseStatus(1));
         QVERIFY(!m_io1.pulseStatus(2));
@@ -602,6 +602,8 @@ private slots:
         QTest::newRow("run") << QStringList{"run", "getValues", "channel=DI7"} << QStringList{"command=\"getValues\"", "channel=\"DI7\"", "values=[0]"} << 1;
         QTest::newRow("refused") << QStringList{"set", "DI0", "1"} << QStringList{"command=\"set\"", "ok=false", "code=\"refused\"", "error"} << 1;
         QTest::newRow("watch") << QStringList{"watch", "io2", "--count", "16"} << QStringList{"command=\"watch\"", "records=16", "ok=true"} << 17;
+        QTest::newRow("script") << QStringList{"script", write(QStringLiteral("shape.txt"), "get DI0\nget DX0\nget DI1\n")}
+                                << QStringList{"command=\"script\"", "code=\"steps_failed\""} << 3;
     }
 
     void jsonShape()

@@ -204,14 +204,17 @@ void TstMqttClient::startupFailures()
     LogCapture log;
     QVERIFY(mqtt->start(&error));
     const QString where = QStringLiteral("MQTT broker 127.0.0.1:%1: ").arg(broker.port());
-    QTRY_VERIFY_WITH_TIMEOUT(connected.count() + fatal.count() + lines(log, QtWarningMsg).size() > 0, 10000);
+    // A refused client certificate may first look like a lost connection (TLS 1.3 sends the
+    // alert after the handshake): a fatal error is waited for through the retries.
+    const bool retries = expected.endsWith(QLatin1String(" ms"));
+    QTRY_VERIFY_WITH_TIMEOUT(connected.count() + fatal.count() + (retries ? lines(log, QtWarningMsg).size() : 0) > 0, 10000);
     if (expected.isEmpty()) {
         QCOMPARE(connected.count(), 1);
         QCOMPARE(lines(log, QtInfoMsg), QStringList{QStringLiteral("connected to 127.0.0.1 %1").arg(broker.port())});
         return;
     }
     QCOMPARE(connected.count(), 0);
-    if (expected.endsWith(QLatin1String(" ms"))) {
+    if (retries) {
         QCOMPARE(fatal.count(), 0);
         QCOMPARE(lines(log, QtWarningMsg).value(0), where + expected);
         return;
