@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <functional>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -65,6 +66,16 @@ public:
         return m_screen;
     }
     void signal(int number) { ::kill(m_pid, number); }
+    // Waits up to 10 s for what it showed since the last mark() to end with `tail` (or to
+    // hold `part`), then marks; false if it never did.
+    bool waitEnd(const QByteArray &tail) { return waitFor([&] { return fresh().endsWith(tail); }); }
+    bool waitFresh(const QByteArray &part) { return waitFor([&] { return fresh().contains(part); }); }
+    bool waitFor(const std::function<bool()> &shown)
+    {
+        const bool seen = QTest::qWaitFor(shown, 10000);
+        mark();
+        return seen;
+    }
     // What it showed since the last mark().
     QByteArray fresh() { return screen().mid(m_seen); }
     void mark() { m_seen = screen().size(); }
@@ -127,21 +138,16 @@ private slots:
         m_io1.setInput(1, true);
         m_io2.setInput(4, true);
         Terminal terminal(m_arguments, m_dir.filePath(QStringLiteral("editing")));
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitEnd("io1> "));
         terminal.type("et DI1\x01g\r"); // Ctrl-A: to the start of the line
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io1:DI1 = 1\r\n"), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitFresh("io1:DI1 = 1\r\n"));
         terminal.type("get DI7\x7f\x7f\x7f" "DI9\x17" "DI1\r"); // Backspace, Ctrl-W
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("io1:DI1 = 1\r\n"), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitFresh("io1:DI1 = 1\r\n"));
         m_io1.setInput(1, false);
         terminal.type("\x1b[A\r"); // Up: the last line again
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("io1:DI1 = 0\r\n"), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitFresh("io1:DI1 = 0\r\n"));
         terminal.type("us\t i\t2\r");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io2> "), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitEnd("io2> "));
         terminal.type("get io1:DI\t\t");
         QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io1:DI7"), 10000);
         terminal.type("\x15get-r\t DI\t\t4\r"); // Ctrl-U clears the line
@@ -156,11 +162,9 @@ private slots:
         QVERIFY(history.open(QIODevice::ReadOnly));
         QCOMPARE(history.readAll(), QByteArray("get DI1\nget DI1\nget DI1\nuse  io2\nget-run  DI4\n"));
         Terminal again(m_arguments, m_dir.filePath(QStringLiteral("editing")));
-        QTRY_VERIFY_WITH_TIMEOUT(again.fresh().endsWith("io1> "), 10000);
-        again.mark();
+        QVERIFY(again.waitEnd("io1> "));
         again.type("\x1b[A\x1b[A\r");
-        QTRY_VERIFY_WITH_TIMEOUT(again.fresh().endsWith("io2> "), 10000);
-        again.mark();
+        QVERIFY(again.waitEnd("io2> "));
         again.type("quit\r");
         QTRY_COMPARE_WITH_TIMEOUT(again.status(), 0, 10000);
     }
@@ -186,33 +190,26 @@ private slots:
         m_io1.setInput(2, false);
         m_io1.setInput(5, false);
         Terminal terminal(m_arguments, m_dir.filePath(QStringLiteral("interrupt")));
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitEnd("io1> "));
         terminal.type("listen DI2 &\r");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("  io1:DI2 = 0\r\n"), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitFresh("  io1:DI2 = 0\r\n"));
         terminal.type(step + '\r');
         // Readline ends the line ("\r\n") and starts the step in one go.
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains(step + "\r\n") && terminal.fresh().endsWith(shown), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitFor([&] { return terminal.fresh().contains(step + "\r\n") && terminal.fresh().endsWith(shown); }));
         terminal.type("\x03");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitEnd("io1> "));
         QCOMPARE(terminal.status(), -1);
         // The background listen has outlived the Ctrl-C.
         m_io1.setInput(2, true);
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().contains("  io1:DI2 = 1\r\n"), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitFresh("  io1:DI2 = 1\r\n"));
         // At the prompt: a typed line is dropped, not run; the shell goes on.
         // (Ctrl-C is the terminal's signal, at once: the keys before it must have been read.)
         terminal.type("set DO3 1");
         QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("set DO3 1"), 10000);
         terminal.type("\x03");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("^C\r\nio1> "), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitEnd("^C\r\nio1> "));
         terminal.type("\x03");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("^C\r\nio1> "), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitEnd("^C\r\nio1> "));
         QCOMPARE(terminal.status(), -1);
         terminal.type("\x03");
         QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), status, 10000);
@@ -223,8 +220,7 @@ private slots:
     void help()
     {
         Terminal terminal(m_arguments, m_dir.filePath(QStringLiteral("help")));
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("io1> "), 10000);
-        terminal.mark();
+        QVERIFY(terminal.waitEnd("io1> "));
         terminal.type("help\r");
         QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("  quit, exit"), 10000);
         QVERIFY(terminal.screen().contains("  expect CH VALUE [--within MS]"));
