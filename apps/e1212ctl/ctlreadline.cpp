@@ -90,7 +90,7 @@ bool CtlReadline::hasText() const
 void CtlReadline::dropLine()
 {
     rl_callback_sigcleanup();
-    rl_replace_line("", 0);
+    rl_replace_line("", 1); // and its undo list: Ctrl-_ must not bring the dropped text back
     rl_point = rl_end = 0;
     fputs("^C\n", rl_outstream);
     rl_on_new_line();

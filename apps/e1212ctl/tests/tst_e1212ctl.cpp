@@ -237,6 +237,7 @@ private slots:
         QCOMPARE(summary.value(QStringLiteral("steps")).toInt(), 6);
         QCOMPARE(summary.value(QStringLiteral("failed")).toInt(), 1);
         QCOMPARE(summary.value(QStringLiteral("error")).toString(), QStringLiteral("1 of 6 steps failed"));
+        QVERIFY(!summary.contains(QStringLiteral("line"))); // the summary is no step of the script
         QVERIFY(m_io1.pulseStatus(1));
         QVERIFY(!m_io1.pulseStatus(2));
         QCOMPARE(m_connections - connections, 1);

@@ -204,10 +204,11 @@ private slots:
         QVERIFY(terminal.waitFresh("  io1:DI2 = 1\r\n"));
         // At the prompt: a typed line is dropped, not run; the shell goes on.
         // (Ctrl-C is the terminal's signal, at once: the keys before it must have been read.)
-        terminal.type("set DO3 1");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("set DO3 1"), 10000);
+        terminal.type("set DO3 1 DO4\x17"); // Ctrl-W
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("set DO3 1 DO4\b\b\b\x1b[K"), 10000);
         terminal.type("\x03");
         QVERIFY(terminal.waitEnd("^C\r\nio1> "));
+        terminal.type("\x1f"); // Ctrl-_ (undo) brings nothing back, so the prompt stays empty
         terminal.type("\x03");
         QVERIFY(terminal.waitEnd("^C\r\nio1> "));
         QCOMPARE(terminal.status(), -1);
