@@ -194,7 +194,7 @@ void demo(CtlStep &step)
     stages.push_back({QStringLiteral("setBlink DO6 stop"), QStringLiteral("setBlink"),
                       {{channel, QStringLiteral("DO6")}, {QStringLiteral("pulseOnWidth"), 100}, {QStringLiteral("pulseOffWidth"), 100},
                        {QStringLiteral("values"), QVariantList{0}}}, 0, {}, {}, {}});
-    stages.push_back({QStringLiteral("listenEvents DI2 (0.8 s)"), QStringLiteral("listenEvents"), {{channel, QStringLiteral("DI2")}}, 800,
+    stages.push_back({QStringLiteral("listenEvents DI2 (1.2 s)"), QStringLiteral("listenEvents"), {{channel, QStringLiteral("DI2")}}, 1200,
                       heading("5. Listen to DI2 while it changes (listenEvents DI2)"),
                       [&out, seen, sim](Execution *listen) {
                           QObject::connect(listen, &Execution::resultChanged, [seen](const QString &, const QVariant &value) {

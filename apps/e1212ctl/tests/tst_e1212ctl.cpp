@@ -796,7 +796,7 @@ private slots:
     void demo()
     {
         const Run run = runCtl({QStringLiteral("demo")});
-        QVERIFY2(run.out.contains(QStringLiteral("\n  reports: 0, 1")), qPrintable(run.out));
+        QVERIFY2(run.out.contains(QStringLiteral("\n  reports: 0, 1, 0, 1\n")), qPrintable(run.out));
         // Every stage passes (the main job is this demo).
         QVERIFY2(run.exitCode == 0 && !run.out.contains(QStringLiteral("FAILED")), qPrintable(run.out));
     }
