@@ -151,8 +151,8 @@ private slots:
         terminal.type("get io1:DI\t\t");
         QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io1:DI7"), 10000);
         terminal.type("\x15get-r\t DI\t\t4\r"); // Ctrl-U clears the line
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("io2:DI4 = 1\r\nio2:DI5 = 0\r\nio2:DI6 = 0\r\nio2:DI7 = 0\r\n"), 10000);
-        terminal.type("\x04"); // Ctrl-D
+        QVERIFY(terminal.waitFor([&] { return terminal.fresh().contains("io2:DI4 = 1\r\nio2:DI5 = 0\r\nio2:DI6 = 0\r\nio2:DI7 = 0\r\n") && terminal.fresh().endsWith("io2> "); }));
+        terminal.type("\x04"); // Ctrl-D, once the prompt is back: keys typed during a step are the terminal's
         QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), 0, 10000);
         // The terminal's own prompt comes on the next line, no blank line before it.
         QVERIFY2(terminal.screen().endsWith("\r\n") && !terminal.screen().endsWith("\n\r\n"), terminal.screen().right(20).toHex().constData());
@@ -208,7 +208,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(terminal.fresh().endsWith("set DO3 1 DO4\b\b\b\x1b[K"), 10000);
         terminal.type("\x03");
         QVERIFY(terminal.waitEnd("^C\r\nio1> "));
-        terminal.type("\x1f"); // Ctrl-_ (undo) brings nothing back, so the prompt stays empty
+        terminal.type("\x1f"); // Ctrl-_ (undo): nothing is left to undo, the bell says so
+        QVERIFY(terminal.waitEnd("\x07"));
         terminal.type("\x03");
         QVERIFY(terminal.waitEnd("^C\r\nio1> "));
         QCOMPARE(terminal.status(), -1);
@@ -222,14 +223,17 @@ private slots:
     {
         Terminal terminal(m_arguments, m_dir.filePath(QStringLiteral("help")));
         QVERIFY(terminal.waitEnd("io1> "));
+        const auto answers = [&terminal](const QByteArray &part) {
+            return terminal.waitFor([&] { return terminal.fresh().contains(part) && terminal.fresh().endsWith("io1> "); });
+        };
         terminal.type("help\r");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("  quit, exit"), 10000);
+        QVERIFY(answers("  quit, exit"));
         QVERIFY(terminal.screen().contains("  expect CH VALUE [--within MS]"));
         QVERIFY(!terminal.screen().contains("  shell"));
         terminal.type("help set\r");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("--mask M"), 10000);
+        QVERIFY(answers("--mask M"));
         terminal.type("help shell\r");
-        QTRY_VERIFY_WITH_TIMEOUT(terminal.screen().contains("e1212ctl: shell:3: help: \"shell\" is not a step"), 10000);
+        QVERIFY(answers("e1212ctl: shell:3: help: \"shell\" is not a step"));
         terminal.signal(SIGTERM); // ends the shell, unlike Ctrl-C
         QTRY_COMPARE_WITH_TIMEOUT(terminal.status(), 2, 10000);
     }
