@@ -244,7 +244,7 @@ public:
                 planOne(plainRequest(QStringLiteral("getValue"), id), id, QStringLiteral("pulse"));
         }
         if (!run.isEmpty())
-            planRun(c_pulseStatus, run, QStringLiteral("pulse"));
+            planRun(CtlSession::pulseStatusRecord(), run, QStringLiteral("pulse"));
         step.setCancel([this] {
             if (m_call)
                 m_call->stop();
@@ -322,7 +322,6 @@ private:
         m_step.finish(outcome);
     }
 
-    const QString c_pulseStatus = QStringLiteral("DO_PulseStatus");
     CtlStep &m_step;
     CtlSession &m_session;
     const int m_device;

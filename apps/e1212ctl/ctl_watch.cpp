@@ -114,7 +114,7 @@ private:
     void readPulses(int device)
     {
         Execution *read = m_session.host()->execute(m_session.device(device), QStringLiteral("getValues"),
-                                                    {{QStringLiteral("channel"), QStringLiteral("DO_PulseStatus")}});
+                                                    {{QStringLiteral("channel"), CtlSession::pulseStatusRecord()}});
         m_pulseReads[device] = read;
         connect(read, &Execution::finished, this, [this, device, read] {
             m_pulseReads[device] = nullptr;
@@ -140,8 +140,8 @@ private:
                 continue;
             if (!error.isError() && channel.pulseIndex >= values.size())
                 error = DError{IMessenger::CeMalformedReply, 0,
-                               QStringLiteral("getValues DO_PulseStatus of device \"%1\": %2 values, none for %3")
-                                   .arg(m_session.config(device).reference).arg(values.size()).arg(channel.id)};
+                               QStringLiteral("getValues %1 of device \"%2\": %3 values, none for %4")
+                                   .arg(CtlSession::pulseStatusRecord(), m_session.config(device).reference).arg(values.size()).arg(channel.id)};
             if (error.isError())
                 channel.outage = true; // the listens of the device record the outage
             else

@@ -36,6 +36,8 @@ struct CtlOutcome
     int line = -1;
 
     bool isOk() const { return exitCode == ExitOk; }
+    // Refused before anything was sent, and not said yet.
+    bool isRefusal() const { return exitCode == ExitUsage && !message.isEmpty(); }
 
     // A result of the command line's own making.
     static CtlOutcome local(const QString &command, const QVariantMap &results, const QString &text = QString())

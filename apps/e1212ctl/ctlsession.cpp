@@ -47,8 +47,7 @@ int CtlSession::report(const CtlOutcome &outcome)
     if (ok && m_checkOnly)
         return outcome.exitCode;
     beforeOutput();
-    const bool refusal = outcome.exitCode == ExitUsage && !outcome.message.isEmpty();
-    if (m_options.json && (!outcome.command.isEmpty() || refusal)) {
+    if (m_options.json && (!outcome.command.isEmpty() || outcome.isRefusal())) {
         // One flat object: the command's values, then the members every line has.
         QJsonObject line = QJsonObject::fromVariantMap(outcome.results);
         if (!outcome.command.isEmpty())
@@ -322,7 +321,7 @@ int CtlSession::pulseStatusPlace(int device, const QString &channel) const
     const QVariantMap info = channelInfo(device, channel);
     const int place = info.value(QStringLiteral("register")).toInt();
     if (!isOutput(device, channel) || info.value(QStringLiteral("readRegisterType")) != QLatin1String("coilsRegister")
-        || place >= channelInfo(device, QStringLiteral("DO_PulseStatus")).value(QStringLiteral("size")).toInt())
+        || place >= channelInfo(device, pulseStatusRecord()).value(QStringLiteral("size")).toInt())
         return -1;
     return place;
 }

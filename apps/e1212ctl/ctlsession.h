@@ -125,7 +125,9 @@ public:
     QString label(int device, const QString &channel) const;
     // True when the record `channel` of `device` is a "digitalOutput" channel.
     bool isOutput(int device, const QString &channel) const;
-    // Where output `channel` of `device` stands in the values getValues of "DO_PulseStatus"
+    // The record whose getValues reads every output's pulse status at once.
+    static QString pulseStatusRecord() { return QStringLiteral("DO_PulseStatus"); }
+    // Where output `channel` of `device` stands in the values getValues of pulseStatusRecord()
     // reads: at its coil, as getValue addresses its pulse status. -1 when it is no output read
     // from the coils or its coil lies past that run.
     int pulseStatusPlace(int device, const QString &channel) const;

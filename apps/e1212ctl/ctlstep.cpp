@@ -19,7 +19,7 @@ void CtlStep::finish(const CtlOutcome &outcome)
     m_cancel = nullptr;
     // A refusal's JSON line names the subcommand that refused.
     CtlOutcome named = outcome;
-    if (named.command.isEmpty() && named.exitCode == CtlOutcome::ExitUsage && !named.message.isEmpty())
+    if (named.command.isEmpty() && named.isRefusal())
         named.command = m_args.name();
     const int exitCode = m_session.report(named);
     deleteLater();
