@@ -501,10 +501,12 @@ private slots:
         QCOMPARE(lines.value(14), QStringLiteral("DO4               digitalOutput  0      0      4         coilsRegister     coilsRegister      true             4     Digital output 4"));
         QCOMPARE(lines.value(15), QStringLiteral("DO5               digitalOutput  1      1      5         coilsRegister     coilsRegister      true             3     Digital output 5"));
         QCOMPARE(lines.value(18), QStringLiteral("DO_PulseStatus    -              -      -      16        coilsRegister     coilsRegister      -                8     Pulse status of DO0, coils 16-23"));
-        // A record without a size is read on its own.
+        // A record without a size is read on its own, also right past another's run (DI1, DI2).
         m_io2.setInput(3, true);
         const QString file = write(QStringLiteral("nosize.json"), QStringLiteral(R"({"reference": "Bench io1", "connection": {"host": "127.0.0.1", "port": %1},
-            "parameters": {"io1_channels": [{"id": "DI3", "value": [{"id": "type", "value": "digitalInput"}, {"id": "register", "value": 3},
+            "parameters": {"io1_channels": [{"id": "DI1", "value": [{"id": "type", "value": "digitalInput"}, {"id": "register", "value": 1},
+            {"id": "readRegisterType", "value": "discreteInputs"}, {"id": "size", "value": 2}]},
+            {"id": "DI3", "value": [{"id": "type", "value": "digitalInput"}, {"id": "register", "value": 3},
             {"id": "readRegisterType", "value": "discreteInputs"}]}]}})").arg(m_io2.port()).toUtf8());
         const Run one = runCtl({QStringLiteral("--config"), file, QStringLiteral("channels")});
         m_io2.setInput(3, false);
