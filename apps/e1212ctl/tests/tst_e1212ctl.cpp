@@ -866,7 +866,8 @@ private slots:
                                       .arg(QFileInfo(m_dir.filePath(QStringLiteral("moved/lib/e1212/plugins"))).canonicalFilePath())),
                  qPrintable(run.err));
         QVERIFY(!run.err.contains(QStringLiteral(E1212_BUILD_DIR "/plugins")));
-        QVERIFY2(run.err.contains(QStringLiteral(" e1212.ctl info: e1212ctl --verbose info\n")), qPrintable(run.err));
+        QVERIFY2(run.err.contains(QStringLiteral(" e1212.ctl info: e1212ctl --verbose info\n")) && run.err.contains(QStringLiteral(" e1212.host debug: running getInfo")),
+                 qPrintable(run.err));
     }
 };
 
